@@ -1,0 +1,24 @@
+// The device: choice of the stream's form, negotiation and set-up, and the thread that moves the
+// ring into it.
+#pragma once
+
+#include <alsa/asoundlib.h>
+
+#include <cstdint>
+
+// Opens the device once to learn output_format, output_rate, i2s_mode and the byte widths of
+// file_list[0], and closes it. Result: -1; every failure is fatal. Main thread, before the output
+// thread exists.
+int32_t sound_probe();
+
+// Prints the line that tells the stream's form and frequency on standard error. Main thread, after
+// sound_probe.
+void stream_banner();
+
+// Names device 0 of the last card in device_name and on standard output. -1, or 0 when there is no
+// card. Main thread.
+int32_t find_last_card();
+
+// The output thread: opens the device for good, sends a second of silence, then the ring. Ends when
+// the ring is empty and nothing more comes, or stop_output is set.
+void *output_thread(void *unused);

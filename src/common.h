@@ -1,0 +1,24 @@
+// The oversampling filter: long FIR coefficient sets that take PCM to 352800 Hz. Main thread only;
+// one instance, whose state is file-level.
+//
+// Two roads: a source of exactly 44100 Hz goes through a table folded over the 8 output frames of
+// an input frame, any other rate through one table step per output frame. Both are overlap-add:
+// an input is multiplied by a whole table into rings of future output, and what has come due is
+// read out and cleared. Single precision; each product is rounded, then added, oldest input first.
+#pragma once
+
+#include <cstdint>
+
+// Makes both roads ready for the given rates in Hz. channels must be 2; use_short selects the short
+// sets. A second call with the same target rate keeps tables and accumulators. Result: -1; every
+// failure is a report of this unit and leaves by exit.
+int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t channels,
+                          int32_t use_short);
+
+// Feeds one frame, input[0] left and input[1] right, full scale at 1.0. Result: *count floats, left
+// and right in turn, valid until the next call; *count may be 0. Null for a source rate of 0 or a
+// null count. On the 44100 Hz road left_cut and right_cut give zeros.
+const float *coeff_filter_run(const float *input, int32_t *count);
+
+// Frees all that coeff_filter_init allocated. Null-safe.
+void coeff_filter_free();

@@ -1,0 +1,67 @@
+// What every unit leans on: reports, the console (status lines, keyboard, terminal mode), the
+// process's priority, the sleeps of the polling loops, and the ordered access to shared words.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+// A word that two threads share: what its writer did before store_release is seen by a reader
+// after load_acquire.
+template <typename T> inline T load_acquire(const std::atomic<T> &word)
+{
+    return word.load(std::memory_order_acquire);
+}
+template <typename T, typename V> inline void store_release(std::atomic<T> &word, V value)
+{
+    word.store(value, std::memory_order_release);
+}
+
+// Prints "\nERROR unit number " and the formatted message on standard error, and goes on. Any
+// thread.
+[[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format, ...);
+
+// As report, then sets stop_output and interrupted and leaves by fatal_exit(number). Any thread.
+[[noreturn, gnu::format(printf, 3, 4)]] void fatal_report(const char *unit, int32_t number,
+                                                         const char *format, ...);
+
+// Restores the terminal and ends the process; the shell sees the low 8 bits of status. Any thread:
+// the first caller leaves, a second one waits for the process to end.
+[[noreturn]] void fatal_exit(int32_t status);
+
+// Takes standard input out of canonical mode (echo and signals stay); once, until restored. Main
+// thread.
+void terminal_raw();
+
+// Puts back what terminal_raw found; nothing without it. Only one ioctl, so a signal handler may
+// call it too. Any thread.
+void terminal_restore();
+
+// Prints the banner of a file on standard output: its number from 1, the count of files, its total
+// time in seconds, its path. Main thread.
+void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path);
+
+// Prints the status line on standard output: position in seconds, ring fill in per cent, and a
+// label that may be null. Main thread.
+void show_status(int64_t seconds, int32_t percent, const char *label);
+
+// A carriage return and the 72 blanks that wipe a status line; no line end.
+extern const char blank_line[];
+
+// Takes one waiting byte from standard input, if any; byte 3 sets stop_output. Never waits. Main
+// thread, the only reader of standard input.
+void poll_keyboard();
+
+// Run by root: asks for nice -10; a refusal is report 145. Otherwise nothing. Main thread.
+void raise_priority();
+
+// The sleeps of the polling loops. The kernel may wake a sleeper later than asked, by the thread's
+// timer slack, to save wake-ups. A late wake-up is welcome where nothing can be done before the
+// other side has moved, and harmful where the sleep only yields while there is work.
+enum class wakeup { prompt, late };
+
+// Sleeps for the given microseconds, with a late wake-up allowed or not. Any thread.
+void poll_sleep(uint32_t microseconds, wakeup when);
+
+// Tells how much sound, in microseconds, the smaller of the device's buffer and the ring holds: a
+// late wake-up stays well below it. Before the first call every wake-up is prompt. Any thread.
+void set_buffered_time(uint64_t microseconds);
