@@ -1,5 +1,6 @@
 // Reader of DSDIFF files: DSD in byte frames, big-endian numbers, oldest bit highest.
-// Philips' "Direct Stream Digital Interchange File Format", version 1.5. DST-compressed files are refused.
+// Philips' "Direct Stream Digital Interchange File Format", version 1.5. DST-compressed files are
+// refused.
 #pragma once
 
 #include <cstdint>

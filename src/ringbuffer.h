@@ -40,7 +40,8 @@ struct ringbuffer {
 // want of memory. Either thread.
 ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files);
 
-// Frees *owner with its marks and clears it; *owner may be null. Main thread, when no other uses it.
+// Frees *owner with its marks and clears it; *owner may be null. Main thread, when no other uses
+// it.
 void ringbuffer_free(ringbuffer **owner);
 
 // The first byte of the data area, ring_size bytes long.

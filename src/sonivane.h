@@ -76,10 +76,11 @@ struct soundfile {
     std::atomic<int32_t> out_frame_bytes;  // as above
     int32_t channels;                      // channels stored in the file
     int32_t block_bytes;                   // DSF: bytes of one per-channel block
-    std::array<uint8_t, 8> channel_map;    // DSDIFF, WSD: places of left [0] and right [1] in a frame
-    int32_t container;                     // container_kind
-    std::atomic<int64_t> position;         // played, 1/352800 s; written by the output thread
-    int64_t bytes_left; // PCM: bytes of the two played channels still to feed; DSD: bytes per channel
+    std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
+    int32_t container;                  // container_kind
+    std::atomic<int64_t> position;      // played, 1/352800 s; written by the output thread
+    int64_t
+        bytes_left; // PCM: bytes of the two played channels still to feed; DSD: bytes per channel
     int64_t data_bytes; // as bytes_left, constant once open; gives the banner its total time
     char *path;         // owned, from malloc; null in the end sentinel
     wave_format wave;
@@ -135,8 +136,8 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
-extern int32_t args_used;       // argv entries taken by options, argv[0] included
-extern uint64_t buffer_bytes;   // wanted size of the ring; 0: not given
-extern const char *mode_label;  // end of the status line; may be null
+extern int32_t args_used;      // argv entries taken by options, argv[0] included
+extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
+extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none

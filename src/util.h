@@ -18,11 +18,12 @@ template <typename T, typename V> inline void store_release(std::atomic<T> &word
 
 // Prints "\nERROR unit number " and the formatted message on standard error, and goes on. Any
 // thread.
-[[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format, ...);
+[[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format,
+                                          ...);
 
 // As report, then sets stop_output and interrupted and leaves by fatal_exit(number). Any thread.
 [[noreturn, gnu::format(printf, 3, 4)]] void fatal_report(const char *unit, int32_t number,
-                                                         const char *format, ...);
+                                                          const char *format, ...);
 
 // Restores the terminal and ends the process; the shell sees the low 8 bits of status. Any thread:
 // the first caller leaves, a second one waits for the process to end.
