@@ -10,15 +10,15 @@
 #include <cstdint>
 
 // Makes both roads ready for the given rates in Hz. channels must be 2; use_short selects the short
-// sets. A second call with the same target rate keeps tables and accumulators. Result: -1; every
-// failure is a report of this unit and leaves by exit.
+// sets. A second call with the same target rate keeps tables and accumulators and changes the rates
+// alone. Result: -1; every failure is a report of this unit and leaves by exit.
 int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t channels,
                           int32_t use_short);
 
 // Feeds one frame, input[0] left and input[1] right, full scale at 1.0. Result: *count floats, left
-// and right in turn, valid until the next call; *count may be 0. Null for a source rate of 0 or a
-// null count. On the 44100 Hz road left_cut and right_cut give zeros.
+// and right in turn, valid until the next call; *count may be 0. Null for a source rate below 1, a
+// null count, or without a filter. On the 44100 Hz road left_cut and right_cut give zeros.
 const float *coeff_filter_run(const float *input, int32_t *count);
 
-// Frees all that coeff_filter_init allocated. Null-safe.
+// Frees all that coeff_filter_init allocated and forgets the stream. Null-safe.
 void coeff_filter_free();
