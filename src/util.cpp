@@ -1,0 +1,203 @@
+#include "util.h"
+
+#include <asm/termbits.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sonivane.h"
+
+const char blank_line[] =
+    "\r                                                                        ";
+
+namespace
+{
+
+constexpr const char *unit = "util";
+
+constexpr size_t blanks = 72;
+static_assert(sizeof blank_line == 1 + blanks + 1);
+
+// --- Reports ------------------------------------------------------------------------------------
+
+std::atomic<bool> leaving; // set by the thread that ends the process
+
+// The lines of two threads must not mix.
+[[gnu::format(printf, 3, 0)]] void print_report(const char *source, int32_t number,
+                                                const char *format, va_list arguments)
+{
+    flockfile(stderr);
+    std::fprintf(stderr, "\nERROR %s %d ", source, number);
+    std::vfprintf(stderr, format, arguments);
+    std::fflush(stderr);
+    funlockfile(stderr);
+}
+
+// --- Terminal -----------------------------------------------------------------------------------
+
+std::atomic<int32_t> terminal_is_raw; // terminal_saved holds settings to put back
+struct termio terminal_saved;         // written by terminal_raw, before the flag
+
+// --- Banner -------------------------------------------------------------------------------------
+
+constexpr int64_t seconds_per_minute = 60;
+constexpr int64_t seconds_per_hour = 3600;
+constexpr size_t longest_banner_path = 40; // in characters; a longer one gets a line of its own
+
+struct clock_time {
+    int64_t hours;
+    int64_t minutes; // below 60
+    int64_t seconds; // below 60
+};
+
+clock_time split_seconds(int64_t seconds)
+{
+    return {seconds / seconds_per_hour, seconds / seconds_per_minute % 60,
+            seconds % seconds_per_minute};
+}
+
+// --- Sleeps -------------------------------------------------------------------------------------
+
+// Timer slack in nanoseconds. The kernel takes 0 for "back to the default", which is 50000.
+constexpr uint64_t prompt_slack = 1;
+constexpr uint64_t latest_slack = 10000000;
+constexpr uint64_t quarter_of_microsecond = 250; // in nanoseconds
+
+std::atomic<uint64_t> buffered_microseconds; // any thread writes; poll_sleep reads; 0: not known
+
+// A wake-up that is late by less than a quarter of what is buffered leaves time to catch up.
+uint64_t late_slack()
+{
+    const uint64_t quarter =
+        std::min(load_acquire(buffered_microseconds), latest_slack) * quarter_of_microsecond;
+    return quarter <= prompt_slack ? prompt_slack : std::min(quarter - 1, latest_slack);
+}
+
+void set_timer_slack(uint64_t nanoseconds)
+{
+    thread_local uint64_t current; // 0: the thread has the default still
+    if (current == nanoseconds) return;
+    prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(nanoseconds), 0, 0, 0);
+    current = nanoseconds;
+}
+
+constexpr char stop_key = 3;
+constexpr int raised_priority = -10; // added to the nice value
+
+} // namespace
+
+void report(const char *source, int32_t number, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    print_report(source, number, format, arguments);
+    va_end(arguments);
+}
+
+void fatal_report(const char *source, int32_t number, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    print_report(source, number, format, arguments);
+    va_end(arguments);
+    store_release(stop_output, flag_on);
+    store_release(interrupted, flag_on);
+    fatal_exit(number);
+}
+
+void fatal_exit(int32_t status)
+{
+    // Two calls of exit at once are undefined: the second thread waits for the first one's.
+    while (leaving.exchange(true)) pause();
+    terminal_restore();
+    std::exit(status);
+}
+
+void terminal_raw()
+{
+    if (load_acquire(terminal_is_raw) != 0) return;
+    ioctl(STDIN_FILENO, TCGETA, &terminal_saved);
+    struct termio raw = terminal_saved;
+    raw.c_lflag = static_cast<unsigned short>(raw.c_lflag & ~ICANON);
+    // The flag comes first: a signal's handler that ends the process here still puts all back.
+    store_release(terminal_is_raw, flag_on);
+    ioctl(STDIN_FILENO, TCSETAF, &raw);
+}
+
+void terminal_restore()
+{
+    if (terminal_is_raw.exchange(flag_off) != 0) ioctl(STDIN_FILENO, TCSETAF, &terminal_saved);
+}
+
+void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path)
+{
+    std::printf("%s\nplaying file %" PRId32 "/%" PRId32 " total ", blank_line, number, count);
+    const clock_time time = split_seconds(seconds);
+    if (seconds < seconds_per_hour)
+        std::printf("%" PRId64 ":%02" PRId64 " ", time.minutes, time.seconds);
+    else
+        std::printf("%" PRId64 ":%02" PRId64 ":%02" PRId64 " ", time.hours, time.minutes,
+                    time.seconds);
+
+    const char *slash = std::strrchr(path, '/');
+    if (slash != nullptr) std::printf("\"%s\" ", slash + 1);
+    if (std::strlen(path) > longest_banner_path) std::putchar('\n');
+    std::printf("\"%s\"\n", path);
+    std::fflush(stdout);
+}
+
+void show_status(int64_t seconds, int32_t percent, const char *label)
+{
+    const clock_time time = split_seconds(seconds);
+    std::fputs("\rposition ", stdout);
+    if (seconds >= seconds_per_hour) std::printf("%" PRId64 ":", time.hours);
+    std::printf("%02" PRId64 ":%02" PRId64 " buffer %" PRId32 "[%%]   ", time.minutes, time.seconds,
+                percent);
+    if (label != nullptr) std::printf("%s   ", label);
+    std::putchar('\r');
+    std::fflush(stdout);
+}
+
+void poll_keyboard()
+{
+    fd_set input;
+    FD_ZERO(&input);
+    FD_SET(STDIN_FILENO, &input);
+    struct timeval no_wait = {0, 0};
+    if (select(STDIN_FILENO + 1, &input, nullptr, nullptr, &no_wait) != 1) return;
+    // Past stdin: its buffer would swallow what came together with this byte, out of select's
+    // sight.
+    char byte = 0;
+    if (read(STDIN_FILENO, &byte, 1) == 1 && byte == stop_key) store_release(stop_output, flag_on);
+}
+
+void raise_priority()
+{
+    if (geteuid() != 0) return;
+    errno = 0;
+    // A negative result may be the new nice value itself.
+    if (nice(raised_priority) >= 0 || errno == 0) return;
+    std::perror("nice()");
+    fatal_report(unit, 145, "nice() failed.\n");
+}
+
+void poll_sleep(uint32_t microseconds, wakeup when)
+{
+    set_timer_slack(when == wakeup::late ? late_slack() : prompt_slack);
+    usleep(microseconds);
+}
+
+void set_buffered_time(uint64_t microseconds)
+{
+    store_release(buffered_microseconds, microseconds);
+}
