@@ -6,10 +6,11 @@
 
 // Expands argv[first] to argv[count - 1], or the current directory when there are none. Result: the
 // names in ascending byte order, ended by a null pointer; they belong to the pool and are valid
-// until it next changes.
+// until it next changes. Where the list itself cannot be allocated it is an empty one.
 char **expand_file_list(int32_t first, int32_t count, char **argv);
 
-// Appends a copy of the length bytes of name to the pool; dropped silently for want of memory.
+// Appends a copy of the length bytes of name and a terminator to the pool; dropped silently for
+// want of memory or of offsets.
 void pool_add(int32_t length, const char *name);
 
 // Adds a regular file's path, or the regular files of a directory; reports 136 and 151 go on.
@@ -20,3 +21,13 @@ void pool_reset();
 
 // Gives the pool's storage back. Null-safe.
 void pool_free();
+
+// The pool. Names are reached through offsets, since the block moves while it grows. For this unit
+// and its tests only.
+extern int32_t pool_count;      // names stored
+extern int32_t pool_capacity;   // entries allocated in pool_offsets
+extern int32_t *pool_offsets;   // where each name begins in pool_chars
+extern char *pool_chars;        // the names with their terminators, one behind the other
+extern int32_t pool_chars_size; // bytes allocated in pool_chars
+extern int32_t pool_chars_used; // bytes used in pool_chars
+extern char **pool_list;        // the result of expand_file_list; null when there is none

@@ -1,0 +1,154 @@
+#include "dir2files.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "util.h"
+
+int32_t pool_count;
+int32_t pool_capacity;
+int32_t *pool_offsets;
+char *pool_chars;
+int32_t pool_chars_size;
+int32_t pool_chars_used;
+char **pool_list;
+
+namespace
+{
+
+constexpr const char *unit = "dir2files";
+
+constexpr int32_t first_capacity = 128;    // entries
+constexpr int32_t first_chars_size = 1024; // bytes
+constexpr int64_t largest_offset = std::numeric_limits<int32_t>::max();
+
+constexpr size_t path_buffer_bytes = 2047; // a composed path, its terminator included
+constexpr size_t compared_bytes = 2048;
+
+// Makes room in *block, which holds *size elements, for more than used ones, by doubling. False,
+// with the block as it was, for want of memory or when *size would not hold the number.
+template <typename T> bool grow(T **block, int32_t *size, int32_t first_size, int64_t used)
+{
+    int64_t wanted = *size == 0 ? first_size : *size;
+    while (wanted <= used) wanted *= 2;
+    if (wanted == *size) return true;
+    if (wanted > largest_offset) return false;
+    void *grown = std::realloc(*block, static_cast<size_t>(wanted) * sizeof(T));
+    if (grown == nullptr) return false;
+    *block = static_cast<T *>(grown);
+    *size = static_cast<int32_t>(wanted);
+    return true;
+}
+
+void report_system_error(int32_t number, const char *format, const char *path)
+{
+    std::fprintf(stderr, "%s\n", std::strerror(errno));
+    report(unit, number, format, path); // NOLINT(clang-diagnostic-format-nonliteral)
+}
+
+// Adds directory/name, cut to the buffer.
+void add_composed(const char *directory, const char *name)
+{
+    std::array<char, path_buffer_bytes> path;
+    const size_t length = std::strlen(directory);
+    const char *separator = length > 0 && directory[length - 1] == '/' ? "" : "/";
+    const int whole = std::snprintf(path.data(), path.size(), "%s%s%s", directory, separator, name);
+    if (whole < 0) return;
+    pool_add(std::min(whole, static_cast<int32_t>(path.size()) - 1), path.data());
+}
+
+void walk_directory(const char *path)
+{
+    DIR *directory = opendir(path);
+    if (directory == nullptr) {
+        report_system_error(151, "directory %s open failed.\n", path);
+        return;
+    }
+    while (const dirent64 *entry = readdir64(directory)) {
+        // "." and ".." are directories, and a file system that does not tell types tells none.
+        if (entry->d_type == DT_REG) add_composed(path, entry->d_name);
+    }
+    closedir(directory);
+}
+
+// Equal names stay in their order: two paths may differ only behind compared_bytes.
+void sort_names()
+{
+    std::stable_sort(pool_offsets, pool_offsets + pool_count, [](int32_t a, int32_t b) {
+        return std::strncmp(pool_chars + a, pool_chars + b, compared_bytes) < 0;
+    });
+}
+
+char **make_list()
+{
+    static char *empty_list[] = {nullptr};
+
+    const auto names = static_cast<size_t>(pool_count);
+    pool_list = static_cast<char **>(std::calloc(names + 1, sizeof(char *)));
+    if (pool_list == nullptr) return empty_list;
+    for (size_t i = 0; i < names; ++i) pool_list[i] = pool_chars + pool_offsets[i];
+    return pool_list;
+}
+
+} // namespace
+
+void pool_reset()
+{
+    std::free(pool_list);
+    pool_list = nullptr;
+    pool_count = 0;
+    pool_chars_used = 0;
+}
+
+void pool_free()
+{
+    pool_reset();
+    std::free(pool_offsets);
+    std::free(pool_chars);
+    pool_offsets = nullptr;
+    pool_chars = nullptr;
+    pool_capacity = 0;
+    pool_chars_size = 0;
+}
+
+void pool_add(int32_t length, const char *name)
+{
+    const int64_t used = int64_t{pool_chars_used} + length; // one more for the terminator
+    if (!grow(&pool_offsets, &pool_capacity, first_capacity, pool_count)) return;
+    if (!grow(&pool_chars, &pool_chars_size, first_chars_size, used)) return;
+    pool_offsets[pool_count] = pool_chars_used;
+    std::memcpy(pool_chars + pool_chars_used, name, static_cast<size_t>(length));
+    pool_chars[used] = '\0';
+    pool_chars_used = static_cast<int32_t>(used + 1);
+    ++pool_count;
+}
+
+void walk_path(const char *path)
+{
+    struct stat64 status;
+    if (stat64(path, &status) != 0) {
+        report_system_error(136, "cannot stat %s\n", path);
+        return;
+    }
+    if (S_ISREG(status.st_mode))
+        pool_add(static_cast<int32_t>(std::strlen(path)), path);
+    else if (S_ISDIR(status.st_mode))
+        walk_directory(path);
+}
+
+char **expand_file_list(int32_t first, int32_t count, char **argv)
+{
+    pool_reset();
+    if (first >= count) walk_path(".");
+    for (int32_t i = first; i < count; ++i) walk_path(argv[i]);
+    sort_names();
+    return make_list();
+}

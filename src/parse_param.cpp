@@ -1,0 +1,193 @@
+#include "parse_param.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "sonivane.h"
+#include "util.h"
+
+namespace
+{
+
+constexpr const char *unit = "parse_param";
+
+constexpr const char *version_text = "Plays PCM and DSD files bit-perfect to one ALSA device";
+
+constexpr int usage_status = 1; // exit status after the usage text
+
+constexpr size_t longest_compare = 1025; // bytes that strings_equal looks at
+
+const char *program_name; // argv[0], for the usage text
+
+// --- Values of options --------------------------------------------------------------------------
+
+struct mode_row {
+    const char *name;
+    const char *label; // end of the status line
+};
+constexpr mode_row mode_table[] = {{"1", "DoP"}, {"2", "Bi-Naural"}, {nullptr, nullptr}};
+
+struct size_factor {
+    char letter;
+    int64_t bytes;
+};
+constexpr std::array<size_factor, 4> size_factors = {
+    {{'K', 1024}, {'k', 1024}, {'M', 1048576}, {'m', 1048576}}};
+
+// Beyond any ring, and small enough for every factor: a number with too many digits is refused
+// like any other that is too large, instead of wrapping into some other size.
+constexpr long long largest_number = 1LL << 32;
+
+int64_t factor_of(char letter)
+{
+    for (const size_factor &factor : size_factors)
+        if (factor.letter == letter) return factor.bytes;
+    return 1;
+}
+
+// --- What the options do ------------------------------------------------------------------------
+
+[[noreturn]] void show_usage(const char *)
+{
+    print_usage(program_name);
+    std::exit(usage_status);
+}
+
+[[noreturn]] void show_version(const char *)
+{
+    std::printf("sonivane Ver.1.4 %s\n", version_text);
+    std::exit(EXIT_SUCCESS);
+}
+
+void set_device(const char *name)
+{
+    std::snprintf(device_name.data(), device_name.size(), "%s", name);
+}
+
+// A negative number gives a size above all limits.
+void set_buffer_size(const char *size)
+{
+    char *end = nullptr;
+    const long long number = std::strtoll(size, &end, 10);
+    if (end == size) {
+        print_usage(program_name);
+        fatal_report(unit, 183, "illegal buffer size %s passed.\n", size);
+    }
+    const int64_t count = std::clamp(number, -largest_number, largest_number);
+    buffer_bytes = static_cast<uint64_t>(count * factor_of(*end));
+}
+
+template <int32_t &flag> void set_flag(const char *)
+{
+    flag = flag_on;
+}
+
+void take_no_notice(const char *) {}
+
+// --- The options --------------------------------------------------------------------------------
+
+enum class value_place { none, next_entry, behind_equals };
+
+struct option_row {
+    const char *word;
+    value_place value;
+    void (*apply)(const char *value);
+    const char *help; // the line of the usage text; null: not told there
+};
+
+// In the order of the usage text. Words are compared whole, case and all; only a word that ends
+// with its equals sign is compared as a prefix.
+constexpr option_row options[] = {
+    {"-D", value_place::next_entry, set_device,
+     "params:\t\t-D device_name\tdefine device name(Cf. -D hw:1,0)"},
+    {"-B", value_place::next_entry, set_buffer_size,
+     "params:\t\t-B buffer_size\tdefine data buffer length(Cf. -B 1M)"},
+    {"-os", value_place::none, set_flag<oversample>,
+     "params:\t\t-os\tplayback over sampled souund"},
+    {"--short-filter", value_place::none, set_flag<short_filter>,
+     "params:\t\t--short-filter\tpower less machine mode. available with -os option"},
+    {"--version", value_place::none, show_version,
+     "params:\t\t--version\tprint out program version"},
+    {"--silent", value_place::none, set_flag<silent>,
+     "params:\t\t--silent\tsuppress time count messages(for AJAX system)"},
+    {"--left-cut", value_place::none, set_flag<left_cut>,
+     "params:\t\t--left-cut\tkeep left channel silent"},
+    {"--right-cut", value_place::none, set_flag<right_cut>,
+     "params:\t\t--right-cut\tkeep right channel silent"},
+    {"-?", value_place::none, show_usage, nullptr},
+    {"--help", value_place::none, show_usage, nullptr},
+    {"--mode=", value_place::behind_equals, select_mode, nullptr},
+    {"--skip", value_place::next_entry, take_no_notice, nullptr},
+};
+constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,
+                                         nullptr};
+
+bool matches(const option_row &option, const char *entry, bool has_next)
+{
+    if (option.value == value_place::behind_equals)
+        return std::strncmp(entry, option.word, std::strlen(option.word)) == 0;
+    if (option.value == value_place::next_entry && !has_next) return false;
+    return strings_equal(entry, option.word) != 0;
+}
+
+// Null when the entry is no option.
+const option_row *find_option(const char *entry, bool has_next, bool with_frequency)
+{
+    for (const option_row &option : options)
+        if (matches(option, entry, has_next)) return &option;
+    if (with_frequency && matches(frequency_option, entry, has_next)) return &frequency_option;
+    return nullptr;
+}
+
+} // namespace
+
+int32_t strings_equal(const char *a, const char *b)
+{
+    for (size_t i = 0; i < longest_compare; ++i) {
+        if (a[i] != b[i]) return 0;
+        if (a[i] == '\0') return -1;
+    }
+    return 0;
+}
+
+void select_mode(const char *name)
+{
+    for (const mode_row *row = mode_table; row->name != nullptr; ++row) {
+        if (strings_equal(name, row->name) == 0) continue;
+        mode_label = row->label;
+        return;
+    }
+    fatal_report(unit, 54, "illegal mode name %s passed.\n", name);
+}
+
+void print_usage(const char *program)
+{
+    std::printf("usage:\t%s [params...] sound_file...\n\n", program);
+    for (const option_row &option : options)
+        if (option.help != nullptr) std::puts(option.help);
+}
+
+void parse_options(int32_t argc, char **argv, int32_t with_frequency)
+{
+    if (argc == 1) {
+        args_used = 2; // more than there are: nothing to do
+        return;
+    }
+    program_name = argv[0];
+    args_used = 1;
+    for (int32_t i = 1; i < argc; ++i) {
+        const bool has_next = i + 1 < argc;
+        const option_row *option = find_option(argv[i], has_next, with_frequency != 0);
+        if (option == nullptr) continue; // a name, or a word that the expansion will report
+        ++args_used;
+        if (option->value == value_place::next_entry) {
+            ++args_used;
+            ++i;
+        }
+        const bool attached = option->value == value_place::behind_equals;
+        option->apply(attached ? argv[i] + std::strlen(option->word) : argv[i]);
+    }
+}
