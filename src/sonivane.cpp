@@ -930,8 +930,10 @@ void status_update(soundfile *file)
 
 int main(int argc, char **argv)
 {
+    hold_standard_descriptors();
     attach_controller();
     install_sigint_handler();
+    install_terminal_signals();
     raise_priority();
     read_command_line(argc, argv);
     make_file_list(argc, argv);

@@ -1,6 +1,8 @@
 #include "util.h"
 
 #include <asm/termbits.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
@@ -10,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -47,6 +50,40 @@ std::atomic<bool> leaving; // set by the thread that ends the process
 
 std::atomic<int32_t> terminal_is_raw; // terminal_saved holds settings to put back
 struct termio terminal_saved;         // written by terminal_raw, before the flag
+std::atomic<bool> terminal_given_up;  // SIGTSTP found it raw
+
+void set_raw_mode()
+{
+    struct termio raw = terminal_saved;
+    raw.c_lflag = static_cast<unsigned short>(raw.c_lflag & ~ICANON);
+    ioctl(STDIN_FILENO, TCSETAF, &raw);
+}
+
+// The handlers below call only what is safe in one.
+
+void restore_and_die(int signal_number)
+{
+    terminal_restore();
+    std::signal(signal_number, SIG_DFL);
+    std::raise(signal_number); // acts once this handler has returned
+}
+
+void restore_and_stop(int signal_number)
+{
+    if (load_acquire(terminal_is_raw) != 0) terminal_given_up = true;
+    restore_and_die(signal_number);
+}
+
+// A player continued in the background leaves the terminal to its shell.
+void take_terminal_back(int)
+{
+    std::signal(SIGTSTP, restore_and_stop);
+    if (tcgetpgrp(STDIN_FILENO) != getpgrp()) return;
+    if (terminal_given_up.exchange(false))
+        terminal_raw();
+    else if (load_acquire(terminal_is_raw) != 0) // stopped by SIGSTOP, with no handler in between
+        set_raw_mode();
+}
 
 // --- Banner -------------------------------------------------------------------------------------
 
@@ -127,16 +164,34 @@ void terminal_raw()
 {
     if (load_acquire(terminal_is_raw) != 0) return;
     ioctl(STDIN_FILENO, TCGETA, &terminal_saved);
-    struct termio raw = terminal_saved;
-    raw.c_lflag = static_cast<unsigned short>(raw.c_lflag & ~ICANON);
     // The flag comes first: a signal's handler that ends the process here still puts all back.
     store_release(terminal_is_raw, flag_on);
-    ioctl(STDIN_FILENO, TCSETAF, &raw);
+    set_raw_mode();
 }
 
 void terminal_restore()
 {
     if (terminal_is_raw.exchange(flag_off) != 0) ioctl(STDIN_FILENO, TCSETAF, &terminal_saved);
+}
+
+void hold_standard_descriptors()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0) [[maybe_unused]]
+            const int held = open("/dev/null", O_RDWR); // the lowest free one
+    }
+}
+
+void install_terminal_signals()
+{
+    for (const int signal_number : {SIGTERM, SIGHUP, SIGQUIT}) {
+        const auto before = std::signal(signal_number, restore_and_die);
+        if (before == SIG_IGN) std::signal(signal_number, SIG_IGN); // as nohup wants it
+    }
+    std::signal(SIGTSTP, restore_and_stop);
+    std::signal(SIGCONT, take_terminal_back);
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGTTIN, SIG_IGN); // in the background a key of the shell's must not stop the sound
 }
 
 void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path)

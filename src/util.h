@@ -37,6 +37,15 @@ void terminal_raw();
 // call it too. Any thread.
 void terminal_restore();
 
+// Opens /dev/null on each of descriptors 0, 1 and 2 that the parent left closed, so that no sound
+// file or device comes to stand there. Main thread, first of all.
+void hold_standard_descriptors();
+
+// What ends or stops the process from outside leaves the terminal as it was: SIGTERM, SIGHUP and
+// SIGQUIT put it back and then act by default, SIGTSTP gives it up until SIGCONT. A reader of
+// standard output that left does not end the sound. Main thread, once.
+void install_terminal_signals();
+
 // Prints the banner of a file on standard output: its number from 1, the count of files, its total
 // time in seconds, its path. Main thread.
 void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path);
