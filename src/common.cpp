@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cstdlib>
 #include <new>
+#include <span>
 #include <string_view>
 
 #include "coeff_sets.h"
@@ -40,35 +41,54 @@ static constexpr std::array<coeff_row, 3> short_rows{{
 // ---- Batches
 //
 // An input is worth a whole table of products, and most of them come due much later. So only the
-// window, the next few entries to be read, gets an input at once; the input is kept, and all other
-// entries get the kept inputs together when the window has been read. An entry then stays in a
-// register while it gets them, oldest first, and no entry is read before it has all of its own.
+// near window, the few entries to be read next, gets an input at once. The input is kept. When the
+// near window has been read, the rest of the wide window around it gets the inputs kept since, and
+// when the wide window has been read, all other entries do. An entry stays in a register while it
+// gets many inputs, oldest first, and none is read before it has all of its own.
 
-// Inputs kept at most, which is as many as a window has reads.
-static constexpr int32_t window_reads = 32;
-static constexpr int32_t widest_vector_floats = 16;
+// Inputs kept at most, which is as many as a wide window has reads.
+static constexpr int32_t wide_reads = 64;
+static constexpr int32_t near_reads = 16;
 
-// An input and its table, so turned that entry i of the accumulators meets table[i].
-struct kept_input {
-    std::array<float, widest_vector_floats> left; // the value, once for each lane
-    std::array<float, widest_vector_floats> right;
+// The value of an input, once for each lane of the narrowest vectors, and its table, so turned that
+// entry i of the accumulators meets table[i].
+struct alignas(16) kept_input {
+    std::array<float, 4> left;
+    std::array<float, 4> right;
     const float *table;
 };
 
-struct kept_inputs {
-    int32_t count;
-    int32_t window_begin; // entries
-    int32_t window_end;
-    std::array<kept_input, window_reads> inputs;
-};
-
-// The two rings of future output of a family.
+// The two rings of future output of a family, cut into windows; the last may be shorter.
 struct accumulators {
     float *left;
     float *right;
-    int32_t length;         // entries of each
-    int32_t window_entries; // rings are cut into windows of this length, the last may be shorter
+    int32_t length;       // entries of each
+    int32_t near_entries; // of a near window
+    int32_t wide_entries; // of a wide window; a multiple of near_entries
 };
+
+struct entry_range {
+    int32_t begin;
+    int32_t end;
+};
+
+struct pending {
+    int32_t count;      // inputs kept
+    int32_t near_first; // the first of them that the wide window still lacks
+    entry_range near;
+    entry_range wide;
+    std::array<kept_input, wide_reads> inputs;
+};
+
+static constexpr int32_t widest_vector_floats = 16;
+
+// Bits that all stay, but for those of the middle float.
+alignas(64) static constexpr auto clear_masks = [] {
+    std::array<float, 2 * widest_vector_floats> masks{};
+    masks.fill(std::bit_cast<float>(~0U));
+    masks[widest_vector_floats] = 0;
+    return masks;
+}();
 
 namespace vectors_128
 {
@@ -114,9 +134,10 @@ struct filter_form {
     bool (*present)(); // the processor has it
     int32_t (*add_input)(const accumulators &acc, const kept_input &input, int32_t begin,
                          int32_t end);
-    int32_t (*add_inputs)(const accumulators &acc, const kept_inputs &kept, int32_t begin,
-                          int32_t end);
-    bool batched; // else the window is the whole ring
+    bool (*clear_entry)(const accumulators &acc, int32_t entry, int32_t begin, int32_t end);
+    int32_t (*add_inputs)(const accumulators &acc, std::span<const kept_input> inputs,
+                          int32_t begin, int32_t end);
+    bool batched; // else the near window is the whole ring
 };
 
 static bool always_present()
@@ -136,11 +157,17 @@ static bool avx512_present()
 
 // The last form that is present is the one taken.
 static constexpr auto filter_forms = std::to_array<filter_form>({
-    {"straight 128", always_present, vectors_128::add_input, vectors_128::add_inputs, false},
-        {"batched 128", always_present, vectors_128::add_input, vectors_128::add_inputs, true},
+    {"straight 128",           always_present,          vectors_128::add_input,
+     vectors_128::clear_entry, vectors_128::add_inputs, false},
+        {"batched 128",           always_present,
+         vectors_128::add_input,  vectors_128::clear_entry,
+         vectors_128::add_inputs, true},
 #if defined(__x86_64__)
-        {"batched 256", avx2_present, vectors_256::add_input, vectors_256::add_inputs, true},
-        {"batched 512", avx512_present, vectors_512::add_input, vectors_512::add_inputs, true},
+        {"batched 256",           avx2_present, vectors_256::add_input, vectors_256::clear_entry,
+         vectors_256::add_inputs, true},
+        {"batched 512",           avx512_present,
+         vectors_512::add_input,  vectors_512::clear_entry,
+         vectors_512::add_inputs, true},
 #endif
 });
 
@@ -158,13 +185,13 @@ static float *merged_table;
 static float *family44_acc_left;
 static float *family44_acc_right;
 static int32_t family44_position; // vectors of four entries; even
-static kept_inputs family44_kept;
+static pending family44_pending;
 
 static float **rotated_tables; // four: the taps turned left by 0 to 3 entries
 static float *family48_acc_left;
 static float *family48_acc_right;
 static int32_t family48_position; // entries
-static kept_inputs family48_kept;
+static pending family48_pending;
 
 // Source-rate steps not yet paid for by target-rate steps.
 static int32_t rate_accumulator;
@@ -229,26 +256,42 @@ static int32_t rotated_length()
     return family48_row->coeffs->tap_count + vector_entries;
 }
 
+// The rings of a family that is read entries_a_read at a time.
+static accumulators cut_rings(float *left, float *right, int32_t length, int32_t entries_a_read)
+{
+    if (!form->batched) return {left, right, length, length, length};
+    return {left, right, length, near_reads * entries_a_read, wide_reads * entries_a_read};
+}
+
 static accumulators family44_accumulators()
 {
-    const int32_t length = merged_length();
-    const int32_t window = form->batched ? window_reads * block_entries : length;
-    return {family44_acc_left, family44_acc_right, length, window};
+    return cut_rings(family44_acc_left, family44_acc_right, merged_length(), block_entries);
 }
 
 static accumulators family48_accumulators()
 {
-    const int32_t length = rotated_length();
-    const int32_t window = form->batched ? window_reads : length;
-    return {family48_acc_left, family48_acc_right, length, window};
+    return cut_rings(family48_acc_left, family48_acc_right, rotated_length(), 1);
 }
 
-// Makes the window that is next read at the entry due.
-static void open_window(const accumulators &acc, kept_inputs *kept, int32_t due)
+// The window of the given length that holds entry due.
+static entry_range window_of(const accumulators &acc, int32_t window_entries, int32_t due)
 {
-    kept->count = 0;
-    kept->window_begin = due - due % acc.window_entries;
-    kept->window_end = std::min(kept->window_begin + acc.window_entries, acc.length);
+    const int32_t begin = due - due % window_entries;
+    return {begin, std::min(begin + window_entries, acc.length)};
+}
+
+static bool holds(const entry_range &range, int32_t entry)
+{
+    return entry >= range.begin && entry < range.end;
+}
+
+// Makes a pending without inputs, for rings that are next read at the entry due.
+static void open_windows(const accumulators &acc, pending *p, int32_t due)
+{
+    p->count = 0;
+    p->near_first = 0;
+    p->near = window_of(acc, acc.near_entries, due);
+    p->wide = window_of(acc, acc.wide_entries, due);
 }
 
 // Each entry is the sum of the taps that end at it, as many as an input frame has output frames.
@@ -275,7 +318,7 @@ static void make_family44()
     if (family44_acc_left == nullptr || family44_acc_right == nullptr || merged_table == nullptr)
         fail(193, "allocation failed.");
     fill_merged_table();
-    open_window(family44_accumulators(), &family44_kept, 0);
+    open_windows(family44_accumulators(), &family44_pending, 0);
 }
 
 static void fill_rotated_table(float *table, int32_t turn)
@@ -316,7 +359,7 @@ static void make_family48()
         if (rotated_tables[turn] == nullptr) fail(253, no_memory);
         fill_rotated_table(rotated_tables[turn], turn);
     }
-    open_window(family48_accumulators(), &family48_kept, 0);
+    open_windows(family48_accumulators(), &family48_pending, 0);
 }
 
 static const filter_form *best_form()
@@ -394,32 +437,41 @@ void coeff_filter_free()
 
 // ---- Run
 
-// Brings the entries outside the window up to date.
-static void add_kept_inputs(const accumulators &acc, const kept_inputs &kept)
+static void add_to_range(const accumulators &acc, std::span<const kept_input> inputs, int32_t begin,
+                         int32_t end)
 {
-    const std::array<std::array<int32_t, 2>, 2> stretches{
-        {{0, kept.window_begin}, {kept.window_end, acc.length}}};
-    for (const auto &[begin, end] : stretches) {
-        const int32_t rest = form->add_inputs(acc, kept, begin, end);
-        if (rest < end) vectors_128::add_inputs(acc, kept, rest, end);
-    }
+    const int32_t rest = form->add_inputs(acc, inputs, begin, end);
+    if (rest < end) vectors_128::add_inputs(acc, inputs, rest, end);
+}
+
+// Gives the inputs kept so far to the entries that lack them, as far as the entry due demands it.
+static void catch_up(const accumulators &acc, pending *p, int32_t due)
+{
+    const std::span<const kept_input> all{p->inputs.data(), static_cast<size_t>(p->count)};
+    const auto newest = all.subspan(static_cast<size_t>(p->near_first));
+    add_to_range(acc, newest, p->wide.begin, p->near.begin);
+    add_to_range(acc, newest, p->near.end, p->wide.end);
+    p->near_first = p->count;
+    p->near = window_of(acc, acc.near_entries, due);
+    if (holds(p->wide, due) && p->count < wide_reads) return;
+    add_to_range(acc, all, 0, p->wide.begin);
+    add_to_range(acc, all, p->wide.end, acc.length);
+    open_windows(acc, p, due);
 }
 
 // Adds an input's products. table is the one that the accumulators' first entry meets; due is the
 // entry that is read next.
-static void add_to(const accumulators &acc, kept_inputs *kept, const float *input,
-                   const float *table, int32_t due)
+static void add_to(const accumulators &acc, pending *p, const float *input, const float *table,
+                   int32_t due)
 {
-    kept_input &newest = kept->inputs[static_cast<size_t>(kept->count++)];
+    kept_input &newest = p->inputs[static_cast<size_t>(p->count++)];
     newest.left.fill(input[0]);
     newest.right.fill(input[1]);
     newest.table = table;
-    const int32_t rest = form->add_input(acc, newest, kept->window_begin, kept->window_end);
-    if (rest < kept->window_end) vectors_128::add_input(acc, newest, rest, kept->window_end);
-    const bool in_window = due >= kept->window_begin && due < kept->window_end;
-    if (in_window && acc.window_entries < acc.length) return;
-    add_kept_inputs(acc, *kept);
-    open_window(acc, kept, due);
+    const auto [begin, end] = p->near;
+    const int32_t rest = form->add_input(acc, newest, begin, end);
+    if (rest < end) vectors_128::add_input(acc, newest, rest, end);
+    if (!holds(p->near, due) || p->count == wide_reads) catch_up(acc, p, due);
 }
 
 static void read_block(int32_t due)
@@ -443,7 +495,7 @@ static const float *run_family44(const float *input, int32_t *count)
     read_block((vectors - position) % vectors * vector_entries);
     family44_position = (position + block_entries / vector_entries) % vectors;
     const int32_t next_due = (vectors - family44_position) % vectors * vector_entries;
-    add_to(acc, &family44_kept, input, merged_table + position * vector_entries, next_due);
+    add_to(acc, &family44_pending, input, merged_table + position * vector_entries, next_due);
     *count = block_entries * stream_channels;
     return filter_output;
 }
@@ -455,12 +507,13 @@ static void output_step(const accumulators &acc, const float *input, float *fram
     const int32_t position = family48_position;
     frame[0] = acc.left[position];
     frame[1] = acc.right[position];
-    acc.left[position] = 0;
-    acc.right[position] = 0;
+    const auto [begin, end] = family48_pending.near;
+    if (!form->clear_entry(acc, position, begin, end))
+        vectors_128::clear_entry(acc, position, begin, end);
     const int32_t complement = position == 0 ? 0 : acc.length - position;
     const int32_t start = complement / vector_entries * vector_entries;
     family48_position = position + 1 < acc.length ? position + 1 : 0;
-    add_to(acc, &family48_kept, input, rotated_tables[position % vector_entries] + start,
+    add_to(acc, &family48_pending, input, rotated_tables[position % vector_entries] + start,
            family48_position);
 }
 
