@@ -1,0 +1,337 @@
+#include "run_player.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace
+{
+
+using clock_type = std::chrono::steady_clock;
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::string write_file(const std::string &path, const std::string &bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+}
+
+// The player's surroundings of one run.
+struct run_state {
+    std::string directory; // of this run: log, capture, configuration
+    pid_t process;
+    std::array<int, 3> near; // our ends of the three streams; -1: none
+    std::array<int, 3> far;  // the player's ends
+    int terminal;            // our end of the terminal; -1: none
+    int terminal_far;
+};
+
+// --- Setting up ---------------------------------------------------------------------------------
+
+void write_configuration(const std::string &directory)
+{
+    write_file(directory + "/asound.conf",
+               "pcm_type.capture { lib \"" CAPTURE_PLUGIN_PATH "\" }\n"
+               "pcm.capture { type capture }\n"
+               "pcm.hw { @args [ CARD DEV ] @args.CARD { type integer }\n"
+               "  @args.DEV { type integer } type capture }\n");
+}
+
+void open_terminal(run_state &state, const play_settings &settings)
+{
+    state.terminal = state.terminal_far = -1;
+    const auto wires = {settings.input, settings.output, settings.error};
+    if (std::find(wires.begin(), wires.end(), wire::terminal) == wires.end()) return;
+    ASSERT_EQ(openpty(&state.terminal, &state.terminal_far, nullptr, nullptr, nullptr), 0);
+    termios mode{};
+    tcgetattr(state.terminal_far, &mode);
+    mode.c_lflag &= ~settings.terminal_mode;
+    tcsetattr(state.terminal_far, TCSANOW, &mode);
+}
+
+void open_wire(run_state &state, size_t stream, wire kind)
+{
+    std::array<int, 2> ends = {-1, -1}; // reading, writing
+    state.near[stream] = state.far[stream] = -1;
+    if (kind == wire::null) {
+        state.far[stream] = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } else if (kind == wire::terminal) {
+        state.far[stream] = fcntl(state.terminal_far, F_DUPFD_CLOEXEC, 10);
+        state.near[stream] = fcntl(state.terminal, F_DUPFD_CLOEXEC, 10);
+    } else if (kind == wire::pipe) {
+        ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        state.far[stream] = ends[stream == 0 ? 0 : 1];
+        state.near[stream] = ends[stream == 0 ? 1 : 0];
+    }
+    if (state.near[stream] >= 0) fcntl(state.near[stream], F_SETFL, O_NONBLOCK);
+}
+
+void close_all(const std::array<int, 3> &descriptors)
+{
+    for (const int fd : descriptors)
+        if (fd >= 0) close(fd);
+}
+
+// --- The player's side --------------------------------------------------------------------------
+
+void set_environment(const run_state &state, const play_settings &settings)
+{
+    const auto set = [](const std::string &name, const std::string &value) {
+        setenv(name.c_str(), value.c_str(), 1);
+    };
+    set("ALSA_CONFIG_PATH", state.directory + "/asound.conf");
+    set("CAPTURE_LOG", state.directory + "/log");
+    set("CAPTURE_FILE", state.directory + "/capture");
+    for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
+    if (!settings.stand_ins) return;
+    set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
+    const char *options = std::getenv("ASAN_OPTIONS");
+    set("ASAN_OPTIONS", "verify_asan_link_order=0:" + std::string(options ? options : ""));
+}
+
+// The player of the foreground: a session with the terminal as its own, so that keys make signals.
+void take_streams(const run_state &state)
+{
+    setsid();
+    if (state.terminal_far >= 0) ioctl(state.terminal_far, TIOCSCTTY, 0);
+    for (int stream = 0; stream < 3; ++stream) {
+        const int fd = state.far[static_cast<size_t>(stream)];
+        if (fd >= 0)
+            dup2(fd, stream);
+        else
+            close(stream);
+    }
+}
+
+[[noreturn]] void become_player(const run_state &state, const play_settings &settings)
+{
+    for (const int number : {SIGINT, SIGQUIT, SIGPIPE, SIGHUP, SIGTERM, SIGTSTP})
+        std::signal(number, SIG_DFL);
+    set_environment(state, settings);
+    const std::string &directory = settings.directory;
+    if (chdir(directory.empty() ? scratch_directory().c_str() : directory.c_str()) != 0) _exit(254);
+    if (settings.memory_limit != 0) {
+        const rlimit limit = {settings.memory_limit, settings.memory_limit};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+    std::vector<std::string> words = {PLAYER_PATH};
+    if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
+    words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
+    std::vector<char *> argv;
+    for (std::string &word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    take_streams(state);
+    execv(PLAYER_PATH, argv.data());
+    _exit(255);
+}
+
+// --- While it runs ------------------------------------------------------------------------------
+
+// Takes what waits in a stream. False once it has ended.
+bool read_some(int fd, std::string &text)
+{
+    std::array<char, 65536> bytes;
+    const ssize_t got = read(fd, bytes.data(), bytes.size());
+    if (got > 0) text.append(bytes.data(), static_cast<size_t>(got));
+    return got > 0 || (got < 0 && errno == EAGAIN);
+}
+
+void read_streams(run_state &state, play_result &result, int wait_ms)
+{
+    const std::array<std::string *, 3> texts = {nullptr, &result.out, &result.err};
+    std::array<pollfd, 2> polled = {
+        {{state.near[1], POLLIN, 0}, {state.near[2], POLLIN, 0}}}; // below 0: passed over
+    poll(polled.data(), polled.size(), wait_ms);
+    for (size_t stream = 1; stream < 3; ++stream) {
+        if (polled[stream - 1].revents == 0) continue;
+        if (read_some(state.near[stream], *texts[stream])) continue;
+        close(std::exchange(state.near[stream], -1));
+    }
+}
+
+bool is_due(const play_event &event, const run_state &state, const play_result &result,
+            clock_type::time_point since)
+{
+    const auto has = [](const std::string &text, const std::string &part) {
+        return part.empty() || text.find(part) != std::string::npos;
+    };
+    std::error_code none;
+    return clock_type::now() - since >= std::chrono::milliseconds(event.after_ms) &&
+           has(result.out, event.out_has) && has(result.err, event.err_has) &&
+           (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
+           (event.captured == 0 ||
+            std::filesystem::file_size(state.directory + "/capture", none) + 1 > event.captured);
+}
+
+void let_happen(const play_event &event, const run_state &state, play_result &result)
+{
+    termios mode{};
+    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
+    result.at_events.push_back(mode);
+    if (!event.type.empty()) {
+        const ssize_t sent = write(state.near[0], event.type.data(), event.type.size());
+        EXPECT_EQ(sent, static_cast<ssize_t>(event.type.size()));
+    }
+    if (event.signal != 0) kill(state.process, event.signal);
+    if (event.call) event.call();
+}
+
+// Runs the events until the player has ended. Its exit as waitpid gives it.
+int watch_player(run_state &state, const play_settings &settings, play_result &result)
+{
+    const auto start = clock_type::now();
+    auto last_event = start;
+    auto event = settings.events.begin();
+    int exit = 0;
+    bool killed = false;
+    while (waitpid(state.process, &exit, WNOHANG) == 0) {
+        read_streams(state, result, 1);
+        if (event != settings.events.end() && is_due(*event, state, result, last_event)) {
+            let_happen(*event++, state, result);
+            last_event = clock_type::now();
+        }
+        if (killed || clock_type::now() - start < std::chrono::seconds(settings.timeout_seconds))
+            continue;
+        ADD_FAILURE() << "the player did not end";
+        kill(state.process, SIGKILL);
+        killed = true;
+    }
+    EXPECT_EQ(event, settings.events.end()) << "an event did not come";
+    return exit;
+}
+
+void read_rest(run_state &state, play_result &result)
+{
+    for (size_t stream = 1; stream < 3; ++stream) {
+        std::string &text = stream == 1 ? result.out : result.err;
+        if (state.near[stream] < 0) continue;
+        size_t before = 0;
+        do before = text.size();
+        while (read_some(state.near[stream], text) && text.size() > before);
+    }
+}
+
+void expect_no_finding(const play_result &result)
+{
+    for (const char *finding : {"Sanitizer", "runtime error:"})
+        EXPECT_EQ(result.err.find(finding), std::string::npos) << result.err;
+}
+
+void read_files(const run_state &state, play_result &result)
+{
+    const std::string bytes = file_text(state.directory + "/capture");
+    result.capture.assign(bytes.begin(), bytes.end());
+    std::istringstream log(file_text(state.directory + "/log"));
+    for (std::string line; std::getline(log, line);) result.log.push_back(line);
+}
+
+} // namespace
+
+const std::string &scratch_directory()
+{
+    static const std::string path = [] {
+        std::string name = "/tmp/sonivane-test-XXXXXX";
+        if (mkdtemp(name.data()) == nullptr) std::abort();
+        return name;
+    }();
+    static const bool removed_at_exit = std::atexit([] { std::filesystem::remove_all(path); }) == 0;
+    (void)removed_at_exit;
+    return path;
+}
+
+std::string scratch_file(const std::string &name, const std::vector<uint8_t> &bytes)
+{
+    return write_file(scratch_directory() + "/" + name, {bytes.begin(), bytes.end()});
+}
+
+play_result run_player(const play_settings &settings)
+{
+    static int runs;
+    play_result result;
+    run_state state{};
+    state.directory = scratch_directory() + "/.run" + std::to_string(++runs);
+    mkdir(state.directory.c_str(), 0777);
+    write_configuration(state.directory);
+    open_terminal(state, settings);
+    open_wire(state, 0, settings.input);
+    open_wire(state, 1, settings.output);
+    open_wire(state, 2, settings.error);
+    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.before);
+
+    state.process = fork();
+    if (state.process == 0) become_player(state, settings);
+    close_all(state.far);
+    const int exit = watch_player(state, settings, result);
+    result.status = WIFEXITED(exit) ? WEXITSTATUS(exit) : -WTERMSIG(exit);
+    read_rest(state, result);
+    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.after);
+    close_all(state.near);
+    close_all({state.terminal, state.terminal_far, -1});
+
+    read_files(state, result);
+    std::filesystem::remove_all(state.directory);
+    expect_no_finding(result);
+    return result;
+}
+
+bool log_has(const play_result &result, const std::string &text)
+{
+    for (const std::string &line : result.log)
+        if (line.find(text) != std::string::npos) return true;
+    return false;
+}
+
+std::vector<device_write> writes_of(const play_result &result)
+{
+    std::vector<device_write> writes;
+    for (const std::string &line : result.log) {
+        device_write w{};
+        if (std::sscanf(line.c_str(), "write %lu took %lu room %lu", &w.asked, &w.taken, &w.room) ==
+            3)
+            writes.push_back(w);
+    }
+    return writes;
+}
+
+uint64_t told_preroll(const play_result &result, uint64_t rate)
+{
+    constexpr uint64_t silence_frames = 8192;
+    uint64_t sent = 0;
+    for (const device_write &w : writes_of(result)) {
+        EXPECT_GT(w.room, 1025U);
+        EXPECT_LT(w.asked, w.room);
+        if (sent % 2 == 0 && sent >= rate) continue;
+        if (sent % 2 == 0)
+            EXPECT_TRUE(w.asked % 2 == 0 && w.asked <= silence_frames) << w.asked;
+        else
+            EXPECT_EQ(w.asked, 1U);
+        sent += w.taken;
+    }
+    return sent;
+}
+
+std::string report_text(const char *unit, int number, const std::string &message)
+{
+    return "\nERROR " + std::string(unit) + " " + std::to_string(number) + " " + message;
+}
