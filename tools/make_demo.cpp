@@ -113,7 +113,7 @@ void put_wav_format(byte_vector &to, const demo_file &file)
     put_le(to, 1, 2); // PCM
     put_le(to, channels, 2);
     put_le(to, file.rate, 4);
-    put_le(to, file.rate * frame_bytes, 4);
+    put_le(to, uint64_t{file.rate} * frame_bytes, 4);
     put_le(to, frame_bytes, 2);
     put_le(to, file.bits, 2);
     put_text(to, "data");
