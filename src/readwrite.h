@@ -30,6 +30,10 @@ bool read_name(std::FILE *fp, chunk_name *name);
 // True when name is the four characters of text.
 bool name_is(const chunk_name &name, const char *text);
 
+// Moves the stream n bytes on; behind the end of the file, too. False when the new position would
+// lie above 2^63 - 1, or the stream cannot seek.
+bool skip_bytes(std::FILE *fp, uint64_t n);
+
 // Little-endian numbers at bytes.
 constexpr uint16_t le16(const uint8_t *bytes)
 {

@@ -1,0 +1,244 @@
+#include "dsdiff.h"
+
+#include <algorithm>
+#include <array>
+
+#include "readwrite.h"
+
+namespace
+{
+
+constexpr uint16_t least_channels = 2;
+constexpr uint16_t most_channels = 6;
+constexpr uint8_t map_unset = 0xFF;
+constexpr uint64_t chunk_header_bytes = 12; // name, 64-bit size
+constexpr size_t name_bytes = 4;
+
+// One chunk's header.
+struct chunk {
+    chunk_name name;
+    uint64_t size; // bytes of the body, the pad byte behind an odd one not counted
+};
+
+// What the parser knows of the file while it walks.
+struct walk {
+    soundfile *file;
+    uint64_t left; // bytes of the walked chunk still ahead; past 0 it runs on as a large number
+    uint32_t rate; // of "FS  ", in Hz
+    bool has_rate;
+    bool has_channels;
+};
+
+uint64_t padded(uint64_t size)
+{
+    return size + (size & 1);
+}
+
+bool read_chunk(walk *w, chunk *c)
+{
+    if (!read_name(w->file->fp, &c->name) || read_be64(w->file->fp, &c->size) == 0) return false;
+    w->left -= chunk_header_bytes;
+    return true;
+}
+
+// Passes over the body of a chunk, and its pad byte. A size that would carry the stream past
+// 2^63 - 1 is refused, so that every step goes forward.
+bool skip_body(std::FILE *fp, uint64_t size)
+{
+    return skip_bytes(fp, size) && skip_bytes(fp, size & 1);
+}
+
+// --- Property sub-chunks; each reads one body and tells whether it is well-formed ---------------
+
+bool parse_rate(walk *w, uint64_t size)
+{
+    w->has_rate = true;
+    return read_be32(w->file->fp, &w->rate) != 0 && size == 4;
+}
+
+// What a channel's name says of it.
+enum class channel_role { left, right, other, unknown };
+
+channel_role role_of(const chunk_name &name)
+{
+    static constexpr struct {
+        const char *name;
+        channel_role role;
+    } names[] = {
+        {"SLFT", channel_role::left},  {"MLFT", channel_role::left},  {"SRGT", channel_role::right},
+        {"MRGT", channel_role::right}, {"C   ", channel_role::other}, {"LFE ", channel_role::other},
+        {"LS  ", channel_role::other}, {"RS  ", channel_role::other},
+    };
+    for (const auto &row : names)
+        if (name_is(name, row.name)) return row.role;
+    return channel_role::unknown;
+}
+
+// A side that the list leaves without a channel gets the first place that the other side does not
+// hold.
+void fill_unset_sides(std::array<uint8_t, 8> &map)
+{
+    for (const size_t side : {size_t{0}, size_t{1}})
+        if (map[side] == map_unset) map[side] = map[1 - side] == 0 ? 1 : 0;
+}
+
+bool parse_channels(walk *w, uint64_t size)
+{
+    uint16_t count = 0;
+    if (read_be16(w->file->fp, &count) == 0) return false;
+    w->file->channels = count;
+    if (count < least_channels || count > most_channels) return false;
+
+    auto &map = w->file->channel_map;
+    std::fill_n(map.begin(), most_channels, map_unset);
+    for (uint16_t i = 0; i < count; ++i) {
+        chunk_name name;
+        if (!read_name(w->file->fp, &name)) return false;
+        const auto place = static_cast<uint8_t>(i);
+        switch (role_of(name)) {
+        case channel_role::left:
+            map[0] = place;
+            break;
+        case channel_role::right:
+            map[1] = place;
+            break;
+        case channel_role::other:
+            if (i != 1 || map[1] == map_unset) map[i] = place; // a right channel found before stays
+            break;
+        case channel_role::unknown:
+            return false;
+        }
+    }
+    fill_unset_sides(map);
+    w->has_channels = true;
+    return size == 2 + name_bytes * count;
+}
+
+// The text of "CMPR" is read by its own length, with a pad byte that makes length and text even.
+bool parse_compression(walk *w, uint64_t)
+{
+    std::FILE *fp = w->file->fp;
+    chunk_name name;
+    if (!read_name(fp, &name) || (!name_is(name, "DSD ") && !name_is(name, "DST "))) return false;
+    const int length = std::fgetc(fp);
+    if (length == EOF || !skip_bytes(fp, static_cast<uint64_t>(length))) return false;
+    return length % 2 != 0 || std::fgetc(fp) != EOF;
+}
+
+bool parse_start_time(walk *w, uint64_t size)
+{
+    std::FILE *fp = w->file->fp;
+    uint16_t hours = 0;
+    uint32_t samples = 0;
+    if (read_be16(fp, &hours) == 0) return false;
+    std::fgetc(fp); // minutes
+    std::fgetc(fp); // seconds
+    return read_be32(fp, &samples) != 0 && size == 8;
+}
+
+bool parse_speakers(walk *w, uint64_t size)
+{
+    uint16_t layout = 0;
+    return read_be16(w->file->fp, &layout) != 0 && size == 2;
+}
+
+bool parse_property(walk *w, const chunk &c)
+{
+    static constexpr struct {
+        const char *name;
+        bool (*parse)(walk *w, uint64_t size);
+    } parsers[] = {
+        {"FS  ", parse_rate},       {"CHNL", parse_channels}, {"CMPR", parse_compression},
+        {"ABSS", parse_start_time}, {"LSCO", parse_speakers},
+    };
+    for (const auto &row : parsers)
+        if (name_is(c.name, row.name)) return row.parse(w, c.size);
+    return skip_body(w->file->fp, c.size);
+}
+
+// Walks the body of "PROP".
+bool parse_properties(walk *w, uint64_t size)
+{
+    chunk_name type;
+    if (!read_name(w->file->fp, &type) || !name_is(type, "SND ")) return false;
+    walk inner = *w;
+    inner.left = size - name_bytes;
+    while (inner.left != 0) {
+        chunk c;
+        if (!read_chunk(&inner, &c) || !parse_property(&inner, c)) return false;
+        inner.left -= padded(c.size);
+    }
+    inner.left = w->left;
+    *w = inner;
+    return size % 2 == 0 || skip_bytes(w->file->fp, 1);
+}
+
+// --- Top-level chunks ---------------------------------------------------------------------------
+
+bool parse_version(walk *w, uint64_t size)
+{
+    uint32_t version = 0;
+    return read_be32(w->file->fp, &version) != 0 && size == 4;
+}
+
+// The sound data: its size, rate and channels make the record.
+bool describe_sound(walk *w, uint64_t size)
+{
+    if (!w->has_rate || !w->has_channels) return false;
+    soundfile *file = w->file;
+    file->bytes_left = static_cast<int64_t>(size * 8 / static_cast<uint64_t>(file->channels));
+    file->data_bytes = file->bytes_left;
+    file->wave.nSamplesPerSec = static_cast<int32_t>(w->rate);
+    return true;
+}
+
+bool parse_top_level(walk *w, const chunk &c)
+{
+    if (name_is(c.name, "FVER")) return parse_version(w, c.size);
+    if (name_is(c.name, "PROP")) return parse_properties(w, c.size);
+    if (name_is(c.name, "DST ") || name_is(c.name, "DSTI")) return false;
+    return skip_body(w->file->fp, c.size);
+}
+
+} // namespace
+
+int32_t dsdiff_open(soundfile *file)
+{
+    walk w = {file, 0, 0, false, false};
+    if (check_tag(file->fp, "FRM8", 4) == 0 || read_be64(file->fp, &w.left) == 0 ||
+        check_tag(file->fp, "DSD ", 4) == 0)
+        return -1;
+    w.left -= name_bytes;
+    while (w.left != 0) {
+        chunk c;
+        if (!read_chunk(&w, &c)) return -1;
+        if (name_is(c.name, "DSD ")) return describe_sound(&w, c.size) ? 0 : -1;
+        if (!parse_top_level(&w, c)) return -1;
+        w.left -= padded(c.size);
+    }
+    return -1;
+}
+
+int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
+{
+    constexpr size_t batch = dsd_group_bytes / stream_channels; // frames of one group
+    constexpr size_t frame_limit = 8;                           // channels of a WSD file
+    if (file == nullptr || file->fp == nullptr || std::feof(file->fp) != 0) return -1;
+
+    std::array<uint8_t, batch * frame_limit> frame_buffer;
+    const auto frame_bytes = static_cast<size_t>(file->channels);
+    const uint8_t *left = &frame_buffer[file->channel_map[0]];
+    const uint8_t *right = &frame_buffer[file->channel_map[1]];
+    const int32_t wanted = count / dsd_group_bytes * dsd_group_bytes;
+    int32_t done = 0;
+    while (done < wanted) {
+        const size_t frames = std::fread(frame_buffer.data(), frame_bytes, batch, file->fp);
+        for (size_t i = 0; i < frames; ++i) {
+            bytes[done++] = left[i * frame_bytes];
+            bytes[done++] = right[i * frame_bytes];
+        }
+        if (frames < batch) break;
+    }
+    while (done % dsd_group_bytes != 0) bytes[done++] = dsd_fill_byte;
+    return done;
+}

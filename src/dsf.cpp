@@ -1,0 +1,190 @@
+#include "dsf.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+#include "readwrite.h"
+
+namespace
+{
+
+constexpr uint32_t usual_block_bytes = 4096;
+constexpr int32_t played_channels = 2;
+constexpr uint64_t largest_offset = INT64_MAX;
+
+std::array<uint8_t, 256> bit_reverse; // bit i of the index at bit 7 - i
+
+// One left block at 0, one right block at block_bytes; of the file that is being read.
+uint8_t *dsf_buffer;
+uint32_t dsf_buffer_size; // bytes allocated
+int32_t dsf_position;     // in both blocks, of the next byte to hand out
+
+void fill_bit_reverse()
+{
+    for (uint32_t v = 0; v < bit_reverse.size(); ++v) {
+        uint32_t reversed = 0;
+        for (uint32_t bit = 0; bit < 8; ++bit) reversed |= (v >> bit & 1) << (7 - bit);
+        bit_reverse[v] = static_cast<uint8_t>(reversed);
+    }
+}
+
+// --- Header -------------------------------------------------------------------------------------
+
+bool seek_to(std::FILE *fp, uint64_t offset)
+{
+    return offset <= largest_offset && fseeko64(fp, static_cast<off64_t>(offset), SEEK_SET) == 0;
+}
+
+void clear_dsf_fields(soundfile *file)
+{
+    file->dsf_version = 0;
+    file->dsf_format_id = 0;
+    file->dsf_channel_type = 0;
+    file->dsf_channel_num = 0;
+    file->dsf_sampling_frequency = 0;
+    file->dsf_bits_per_sample = 0;
+    file->dsf_sample_count = 0;
+    file->dsf_block_size = 0;
+    file->dsf_bytes_left = 0;
+}
+
+// Reads the "DSD " and "fmt " chunks. *data_offset: where the "data" chunk begins, from both
+// chunks' sizes.
+bool read_header(soundfile *file, uint64_t *data_offset)
+{
+    std::FILE *fp = file->fp;
+    uint64_t dsd_size = 0;
+    uint64_t format_size = 0;
+    if (check_tag(fp, "DSD ", 4) == 0 || read_le64(fp, &dsd_size) == 0 || !seek_to(fp, dsd_size) ||
+        check_tag(fp, "fmt ", 4) == 0 || read_le64(fp, &format_size) == 0 ||
+        format_size > largest_offset - dsd_size)
+        return false;
+    *data_offset = dsd_size + format_size;
+    return read_le32(fp, &file->dsf_version) != 0 && read_le32(fp, &file->dsf_format_id) != 0 &&
+           read_le32(fp, &file->dsf_channel_type) != 0 &&
+           read_le32(fp, &file->dsf_channel_num) != 0 &&
+           read_le32(fp, &file->dsf_sampling_frequency) != 0 &&
+           read_le32(fp, &file->dsf_bits_per_sample) != 0 &&
+           read_le64(fp, &file->dsf_sample_count) != 0 && read_le32(fp, &file->dsf_block_size) != 0;
+}
+
+// Stands on the "data" chunk's first block afterwards. Its size is not needed: the sample count
+// tells where the sound ends.
+bool read_data_header(std::FILE *fp, uint64_t offset)
+{
+    uint64_t size = 0;
+    return seek_to(fp, offset) && check_tag(fp, "data", 4) != 0 && read_le64(fp, &size) != 0;
+}
+
+int64_t bytes_per_channel(const soundfile *file)
+{
+    return static_cast<int64_t>((file->dsf_sample_count + 7) / 8);
+}
+
+// --- Blocks -------------------------------------------------------------------------------------
+
+uint64_t pair_bytes(const soundfile *file)
+{
+    return uint64_t{file->dsf_block_size} * played_channels;
+}
+
+// A pair that the file does not hold is never read, and gets no memory.
+bool file_holds_pair(const soundfile *file)
+{
+    struct stat64 status;
+    const off64_t here = ftello64(file->fp);
+    return here >= 0 && fstat64(fileno(file->fp), &status) == 0 && status.st_size >= here &&
+           pair_bytes(file) <= static_cast<uint64_t>(status.st_size - here);
+}
+
+// Makes dsf_buffer large enough for the file's block pair. It never shrinks.
+bool provide_buffer(const soundfile *file)
+{
+    const uint64_t wanted = pair_bytes(file);
+    if (wanted > INT32_MAX) return false; // dsf_position counts in 32 bits
+    if (wanted <= dsf_buffer_size || !file_holds_pair(file)) return true;
+    auto *buffer = static_cast<uint8_t *>(std::realloc(dsf_buffer, wanted));
+    if (buffer == nullptr) {
+        dsf_release();
+        return false;
+    }
+    dsf_buffer = buffer;
+    dsf_buffer_size = static_cast<uint32_t>(wanted);
+    return true;
+}
+
+// Reads the next block of both channels and passes over those of the others. False when the file
+// ends before.
+bool load_block_pair(const soundfile *file)
+{
+    const auto block = static_cast<size_t>(file->block_bytes);
+    const size_t pair = block * played_channels;
+    if (block == 0 || pair > dsf_buffer_size || std::fread(dsf_buffer, 1, pair, file->fp) != pair)
+        return false;
+    const auto others = static_cast<uint64_t>(file->dsf_channel_num - played_channels);
+    if (others > 0 && !skip_bytes(file->fp, others * block)) return false;
+    dsf_position = 0;
+    return true;
+}
+
+} // namespace
+
+int32_t dsf_open(soundfile *file)
+{
+    fill_bit_reverse();
+    clear_dsf_fields(file);
+    uint64_t data_offset = 0;
+    if (!read_header(file, &data_offset)) return -1;
+    if (file->dsf_block_size != usual_block_bytes)
+        report("dsf", 142, "DSF block size if %d\n", static_cast<int32_t>(file->dsf_block_size));
+    if (file->dsf_bits_per_sample > 1 || file->dsf_channel_num < played_channels ||
+        file->dsf_format_id != 0)
+        return -1;
+    file->channels = static_cast<int32_t>(file->dsf_channel_num);
+    file->block_bytes = static_cast<int32_t>(file->dsf_block_size);
+    if (!read_data_header(file->fp, data_offset)) return -1;
+    file->dsf_bytes_left = bytes_per_channel(file);
+    if (!provide_buffer(file)) return -1;
+    file->bytes_left = static_cast<int64_t>(static_cast<uint64_t>(file->dsf_bytes_left) * 8);
+    file->data_bytes = file->bytes_left;
+    file->wave.nSamplesPerSec = static_cast<int32_t>(file->dsf_sampling_frequency);
+    return 0;
+}
+
+int32_t dsf_read(soundfile *file, uint8_t *bytes, int32_t count)
+{
+    if (file == nullptr || file->fp == nullptr || std::feof(file->fp) != 0 ||
+        file->dsf_bytes_left <= 0)
+        return -1;
+    // Nothing handed out yet: what the buffer holds is of another file.
+    if (file->dsf_bytes_left == bytes_per_channel(file)) dsf_position = file->block_bytes;
+
+    const int32_t wanted = count / dsd_group_bytes * dsd_group_bytes;
+    int32_t done = 0;
+    while (done < wanted && file->dsf_bytes_left > 0) {
+        if (dsf_position >= file->block_bytes && !load_block_pair(file)) break;
+        const int64_t pairs =
+            std::min({int64_t{file->block_bytes} - dsf_position,
+                      int64_t{(wanted - done) / played_channels}, file->dsf_bytes_left});
+        const uint8_t *left = dsf_buffer + dsf_position;
+        const uint8_t *right = left + file->block_bytes;
+        for (int64_t i = 0; i < pairs; ++i) {
+            bytes[done++] = bit_reverse[left[i]];
+            bytes[done++] = bit_reverse[right[i]];
+        }
+        dsf_position += static_cast<int32_t>(pairs);
+        file->dsf_bytes_left -= pairs;
+    }
+    while (done % dsd_group_bytes != 0) bytes[done++] = dsd_fill_byte;
+    return done;
+}
+
+void dsf_release()
+{
+    std::free(dsf_buffer);
+    dsf_buffer = nullptr;
+    dsf_buffer_size = 0;
+}

@@ -1,0 +1,174 @@
+#include "wav.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+
+#include "readwrite.h"
+
+namespace
+{
+
+constexpr size_t format_bytes_limit = sizeof(wave_format);
+constexpr uint32_t rf64_size_word = 0xFFFFFFFF;
+constexpr uint32_t ds64_fixed_bytes = 24; // form size, data size, sample count
+constexpr int32_t delivered_channels = 2;
+
+// --- Chunks -------------------------------------------------------------------------------------
+
+// Passes over chunks up to the one of the given name; the stream then stands on its size. A body of
+// odd size has a pad byte behind it; the sum wraps, so that 0xFFFFFFFF counts as empty.
+bool walk_to(std::FILE *fp, const char *wanted)
+{
+    chunk_name name;
+    while (read_name(fp, &name)) {
+        if (name_is(name, wanted)) return true;
+        uint32_t size = 0;
+        if (read_le32(fp, &size) == 0) return false;
+        const uint32_t padded = (size + 1) & ~1U;
+        if (!skip_bytes(fp, padded)) return false;
+    }
+    return false;
+}
+
+// The "ds64" chunk of an RF64 file, which must come first.
+struct ds64_sizes {
+    uint64_t data_bytes;
+    uint64_t frames;
+};
+
+// Reads an RF64 header from behind "RF64" to the end of "ds64".
+bool read_rf64_header(std::FILE *fp, ds64_sizes *sizes)
+{
+    uint32_t size_word = 0;
+    uint32_t body = 0;
+    return read_le32(fp, &size_word) != 0 && size_word == rf64_size_word &&
+           check_tag(fp, "WAVEds64", 8) != 0 && read_le32(fp, &body) != 0 && skip_bytes(fp, 8) &&
+           read_le64(fp, &sizes->data_bytes) != 0 && read_le64(fp, &sizes->frames) != 0 &&
+           body >= ds64_fixed_bytes && skip_bytes(fp, body - ds64_fixed_bytes);
+}
+
+// Reads the body of "fmt ": as much as the chunk has, the rest 0.
+bool read_format(std::FILE *fp, wave_format *wave)
+{
+    *wave = {};
+    uint32_t size = 0;
+    if (read_le32(fp, &size) == 0 || size > format_bytes_limit) return false;
+    std::array<uint8_t, format_bytes_limit> b{};
+    if (std::fread(b.data(), 1, size, fp) != size) return false;
+
+    const auto signed16 = [&b](size_t at) { return static_cast<int16_t>(le16(&b[at])); };
+    const auto signed32 = [&b](size_t at) { return static_cast<int32_t>(le32(&b[at])); };
+    wave->wFormatTag = signed16(0);
+    wave->nChannels = signed16(2);
+    wave->nSamplesPerSec = signed32(4);
+    wave->nAvgBytesPerSec = signed32(8);
+    wave->nBlockAlign = signed16(12);
+    wave->wBitsPerSample = signed16(14);
+    wave->cbSize = signed16(16);
+    wave->wValidBitsPerSample = le16(&b[18]);
+    wave->dwChannelMask = le32(&b[20]);
+    std::copy_n(&b[24], wave->SubFormat.size(), wave->SubFormat.begin());
+    std::copy_n(&b[40], wave->rest.size(), wave->rest.begin());
+    return true;
+}
+
+// --- The two-channel description ----------------------------------------------------------------
+
+int32_t quotient(int32_t value, int32_t divisor)
+{
+    return divisor == 0 ? 0 : value / divisor;
+}
+
+// A frame must hold its channels, in samples whose width in bits fits the format block. A file of
+// no channels passes: the opener names its width of 0.
+bool frame_is_sound(const wave_format &wave)
+{
+    if (wave.nChannels < 0) return false;
+    const int32_t width = quotient(wave.nBlockAlign, wave.nChannels);
+    return wave.nChannels == 0 || (width > 0 && width <= INT16_MAX / 8);
+}
+
+// Makes the record describe the two channels that are played.
+void rewrite_to_stereo(soundfile *file, uint64_t size)
+{
+    wave_format &wave = file->wave;
+    const int32_t channels = wave.nChannels;
+    const int32_t width = quotient(wave.nBlockAlign, channels);
+    const uint64_t share =
+        channels == 0 ? 0 : size * delivered_channels / static_cast<uint64_t>(channels);
+    file->bytes_left = static_cast<int64_t>(share);
+    file->data_bytes = file->bytes_left;
+    file->channels = channels;
+    wave.nChannels = delivered_channels;
+    wave.nBlockAlign = static_cast<int16_t>(delivered_channels * width);
+    wave.wBitsPerSample = static_cast<int16_t>(8 * width);
+}
+
+// --- Delivery -----------------------------------------------------------------------------------
+
+// Reads stored frames one by one and keeps the first two channels. Result: bytes stored.
+int32_t read_frames(const soundfile *file, int32_t width, uint8_t *bytes, int32_t limit)
+{
+    std::array<uint8_t, INT16_MAX + 1> frame_buffer;
+    const auto stored = static_cast<size_t>(file->channels * width);
+    const auto sample = static_cast<size_t>(width);
+    const size_t second = file->channels > 1 ? sample : 0; // one channel goes to both sides
+    int32_t delivered = 0;
+    while (delivered + delivered_channels * width <= limit &&
+           std::fread(frame_buffer.data(), stored, 1, file->fp) == 1) {
+        std::memcpy(bytes + delivered, frame_buffer.data(), sample);
+        std::memcpy(bytes + delivered + width, frame_buffer.data() + second, sample);
+        delivered += delivered_channels * width;
+    }
+    return delivered;
+}
+
+} // namespace
+
+int32_t wav_open(soundfile *file)
+{
+    std::FILE *fp = file->fp;
+    chunk_name form;
+    if (!read_name(fp, &form)) return -1;
+
+    const bool rf64 = name_is(form, "RF64");
+    ds64_sizes sizes{};
+    if (rf64) {
+        if (!read_rf64_header(fp, &sizes)) return -1;
+    } else if (!name_is(form, "RIFF") || !skip_bytes(fp, 4) || check_tag(fp, "WAVE", 4) == 0) {
+        return -1;
+    }
+
+    uint32_t data_size = 0;
+    if (!walk_to(fp, "fmt ") || !read_format(fp, &file->wave)) return -1;
+    if (!walk_to(fp, "data") || read_le32(fp, &data_size) == 0) return -1;
+
+    const wave_format &wave = file->wave;
+    if (!frame_is_sound(wave)) return -1;
+    const auto frame_bytes = static_cast<uint64_t>(int64_t{wave.nBlockAlign});
+    if (rf64 && frame_bytes * sizes.frames != sizes.data_bytes) return -1;
+    rewrite_to_stereo(file, rf64 ? sizes.data_bytes : data_size);
+    return 0;
+}
+
+int32_t wav_read(soundfile *file, uint8_t *bytes, int32_t count)
+{
+    const int32_t width = file->wave.nBlockAlign / file->wave.nChannels;
+    const int32_t frame = delivered_channels * width;
+    const auto limit = static_cast<int32_t>(std::min<int64_t>(file->bytes_left, count));
+    if (frame < 1 || limit < frame) return -1;
+
+    int32_t delivered = 0;
+    if (file->channels == delivered_channels) { // the stored bytes are the delivered ones
+        const auto frames = static_cast<size_t>(limit / frame);
+        const size_t got = std::fread(bytes, static_cast<size_t>(frame), frames, file->fp);
+        delivered = static_cast<int32_t>(got) * frame;
+    } else {
+        delivered = read_frames(file, width, bytes, limit);
+    }
+    if (delivered == 0) return -1;
+    file->bytes_left -= delivered;
+    return delivered;
+}
