@@ -1,0 +1,89 @@
+// Builds sound files of every kind in memory, valid ones and broken ones, for unit tests,
+// end-to-end tests and fuzz seeds.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+using bytes = std::vector<uint8_t>;
+
+// Appends numbers and text.
+void put_le(bytes &to, uint64_t value, int count);
+void put_be(bytes &to, uint64_t value, int count);
+void put_text(bytes &to, const std::string &text);
+void put_bytes(bytes &to, const bytes &more);
+
+// n bytes that look random; the same for the same seed.
+bytes noise(uint32_t seed, size_t n);
+
+// A chunk as it stands in a file: little-endian 32-bit size (WAV) or big-endian 64-bit size
+// (DSDIFF).
+bytes wav_chunk(const std::string &name, const bytes &body);
+bytes dsdiff_chunk(const std::string &name, const bytes &body);
+
+struct wav_settings {
+    int tag = 1; // 1 PCM, 3 float, 0xFFFE extended
+    int channels = 2;
+    int rate = 44100;      // Hz
+    int bits = 16;         // stored width of a sample
+    int sub_format = 1;    // of the extended form
+    int valid_bits = 0;    // of the extended form; 0: bits
+    int block_align = -1;  // bytes of a frame; -1: as channels and bits give it
+    int format_bytes = -1; // length of the "fmt " body; -1: 16, or 40 extended
+    bytes before_format;   // whole chunks
+    bytes before_data;
+    bytes after_data;
+    int64_t data_size = -1; // as the header tells it; -1: the truth
+    bytes data;             // stored frames
+};
+bytes make_wav(const wav_settings &s);
+bytes make_rf64(const wav_settings &s); // data_size stands in the "ds64" chunk
+
+struct dsf_settings {
+    uint32_t channels = 2;
+    uint32_t rate = 2822400; // Hz
+    uint32_t block_bytes = 4096;
+    uint32_t bits_per_sample = 1;
+    uint32_t format_id = 0;
+    int64_t sample_count = -1; // bits per channel; -1: all of left
+    bytes left;                // oldest bit highest; the file gets it turned
+    bytes right;               // as long as left; further channels get noise
+    size_t dsd_chunk_bytes = 28;
+    size_t format_chunk_bytes = 52;
+};
+bytes make_dsf(const dsf_settings &s);
+
+struct dsdiff_settings {
+    std::vector<std::string> channels = {"SLFT", "SRGT"};
+    uint32_t rate = 2822400;
+    std::string compression = "DSD ";
+    bytes more_properties; // whole chunks behind "CMPR"
+    bytes before_sound;    // whole chunks
+    bytes after_sound;
+    bytes frames; // stored frames, one byte a channel
+};
+bytes make_dsdiff(const dsdiff_settings &s);
+
+struct wsd_settings {
+    int channels = 2;
+    uint32_t rate = 2822400;
+    uint32_t assignment = 0; // four bytes, the first one highest
+    uint32_t data_offset = 2048;
+    int64_t file_size = -1; // as the header tells it; -1: the truth
+    bytes frames;
+};
+bytes make_wsd(const wsd_settings &s);
+
+// Stored DSD frames of the given channel count with left and right at the given places, noise in
+// the other channels.
+bytes dsd_frames(const bytes &left, const bytes &right, size_t channels = 2, size_t left_at = 0,
+                 size_t right_at = 1);
+
+// What a DSD reader delivers for the two channels: in turn, the last group of 8 filled with 0x96.
+bytes dsd_stream_of(const bytes &left, const bytes &right);
+
+void write_file(const std::string &path, const bytes &content);
+
+// A fresh directory below the system's temporary one, removed at the end of the process.
+std::string make_directory();
