@@ -131,13 +131,13 @@ constexpr int32_t vector_floats = 16;
 // One way to run the loops. All give the same bits.
 struct filter_form {
     const char *name;
+    bool batched;      // else the near window is the whole ring
     bool (*present)(); // the processor has it
     int32_t (*add_input)(const accumulators &acc, const kept_input &input, int32_t begin,
                          int32_t end);
     bool (*clear_entry)(const accumulators &acc, int32_t entry, int32_t begin, int32_t end);
     int32_t (*add_inputs)(const accumulators &acc, std::span<const kept_input> inputs,
                           int32_t begin, int32_t end);
-    bool batched; // else the near window is the whole ring
 };
 
 static bool always_present()
@@ -156,20 +156,17 @@ static bool avx512_present()
 #endif
 
 // The last form that is present is the one taken.
+#define KERNEL(width)                                                                              \
+    vectors_##width::add_input, vectors_##width::clear_entry, vectors_##width::add_inputs
 static constexpr auto filter_forms = std::to_array<filter_form>({
-    {"straight 128",           always_present,          vectors_128::add_input,
-     vectors_128::clear_entry, vectors_128::add_inputs, false},
-        {"batched 128",           always_present,
-         vectors_128::add_input,  vectors_128::clear_entry,
-         vectors_128::add_inputs, true},
+    {"straight 128", false, always_present, KERNEL(128)},
+        {"batched 128", true, always_present, KERNEL(128)},
 #if defined(__x86_64__)
-        {"batched 256",           avx2_present, vectors_256::add_input, vectors_256::clear_entry,
-         vectors_256::add_inputs, true},
-        {"batched 512",           avx512_present,
-         vectors_512::add_input,  vectors_512::clear_entry,
-         vectors_512::add_inputs, true},
+        {"batched 256", true, avx2_present, KERNEL(256)},
+        {"batched 512", true, avx512_present, KERNEL(512)},
 #endif
 });
+#undef KERNEL
 
 // ---- State: one filter, main thread only
 
@@ -181,13 +178,15 @@ static const coeff_row *family44_row;
 static const coeff_row *family48_row;
 
 // Tables stand in memory twice, one behind the other: turned to any start they need no wrap.
+static int32_t family44_length; // entries of the table and of each accumulator ring
 static float *merged_table;
 static float *family44_acc_left;
 static float *family44_acc_right;
 static int32_t family44_position; // vectors of four entries; even
 static pending family44_pending;
 
-static float **rotated_tables; // four: the taps turned left by 0 to 3 entries
+static int32_t family48_length; // entries of each table and accumulator ring
+static float **rotated_tables;  // four: the taps turned left by 0 to 3 entries
 static float *family48_acc_left;
 static float *family48_acc_right;
 static int32_t family48_position; // entries
@@ -246,16 +245,6 @@ static const coeff_row *find_row(const coeff_row *rows, int32_t target_rate, int
     return nullptr;
 }
 
-static int32_t merged_length()
-{
-    return family44_row->coeffs->tap_count + family44_row->target_rate / family44_row->source_rate;
-}
-
-static int32_t rotated_length()
-{
-    return family48_row->coeffs->tap_count + vector_entries;
-}
-
 // The rings of a family that is read entries_a_read at a time.
 static accumulators cut_rings(float *left, float *right, int32_t length, int32_t entries_a_read)
 {
@@ -265,12 +254,12 @@ static accumulators cut_rings(float *left, float *right, int32_t length, int32_t
 
 static accumulators family44_accumulators()
 {
-    return cut_rings(family44_acc_left, family44_acc_right, merged_length(), block_entries);
+    return cut_rings(family44_acc_left, family44_acc_right, family44_length, block_entries);
 }
 
 static accumulators family48_accumulators()
 {
-    return cut_rings(family48_acc_left, family48_acc_right, rotated_length(), 1);
+    return cut_rings(family48_acc_left, family48_acc_right, family48_length, 1);
 }
 
 // The window of the given length that holds entry due.
@@ -294,12 +283,18 @@ static void open_windows(const accumulators &acc, pending *p, int32_t due)
     p->wide = window_of(acc, acc.wide_entries, due);
 }
 
+// Output frames of an input frame.
+static int32_t family44_span()
+{
+    return family44_row->target_rate / family44_row->source_rate;
+}
+
 // Each entry is the sum of the taps that end at it, as many as an input frame has output frames.
 static void fill_merged_table()
 {
-    const int32_t span = family44_row->target_rate / family44_row->source_rate;
+    const int32_t span = family44_span();
     const auto [tap_count, taps] = *family44_row->coeffs;
-    const int32_t length = merged_length();
+    const int32_t length = family44_length;
     for (int32_t m = 0; m < length; m++) {
         float sum = 0;
         const int32_t end = std::min(m + 1, tap_count);
@@ -311,7 +306,8 @@ static void fill_merged_table()
 
 static void make_family44()
 {
-    const int32_t length = merged_length();
+    const int32_t length = family44_row->coeffs->tap_count + family44_span();
+    family44_length = length;
     family44_acc_left = allocate_floats(length);
     family44_acc_right = allocate_floats(length);
     merged_table = allocate_floats(int64_t{2} * length);
@@ -324,7 +320,7 @@ static void make_family44()
 static void fill_rotated_table(float *table, int32_t turn)
 {
     const auto [tap_count, taps] = *family48_row->coeffs;
-    const int32_t length = rotated_length();
+    const int32_t length = family48_length;
     for (int32_t k = 0; k < tap_count; k++) {
         table[k] = filter_gain * taps[(k + turn) % tap_count];
         table[length + k] = table[k];
@@ -347,7 +343,8 @@ static bool size_output()
 static void make_family48()
 {
     const char *const no_memory = "work area could not allocated.";
-    const int32_t length = rotated_length();
+    const int32_t length = family48_row->coeffs->tap_count + vector_entries;
+    family48_length = length;
     family48_acc_left = allocate_floats(length);
     family48_acc_right = allocate_floats(length);
     if (family48_acc_left == nullptr || family48_acc_right == nullptr || !size_output())
@@ -474,28 +471,30 @@ static void add_to(const accumulators &acc, pending *p, const float *input, cons
     if (!holds(p->near, due) || p->count == wide_reads) catch_up(acc, p, due);
 }
 
-static void read_block(int32_t due)
+// Reads a block out into every other float of output, and clears it.
+static void read_block(float *block, bool cut, float *output)
 {
-    float *const left = family44_acc_left + due;
-    float *const right = family44_acc_right + due;
-    for (int32_t c = 0; c < block_entries; c++) {
-        filter_output[2 * c] = left_cut != 0 ? 0.0F : left[c];
-        filter_output[2 * c + 1] = right_cut != 0 ? 0.0F : right[c];
-    }
-    std::fill_n(left, block_entries, 0.0F);
-    std::fill_n(right, block_entries, 0.0F);
+    for (int32_t c = 0; c < block_entries; c++) output[stream_channels * c] = cut ? 0.0F : block[c];
+    std::fill_n(block, block_entries, 0.0F);
+}
+
+// The first entry of the block that is read when the table starts at that vector.
+static int32_t family44_due(int32_t position)
+{
+    return position == 0 ? 0 : family44_length - position * vector_entries;
 }
 
 // The accumulators are read downward, a block an input, and the table's start goes up.
 static const float *run_family44(const float *input, int32_t *count)
 {
     const accumulators acc = family44_accumulators();
-    const int32_t vectors = acc.length / vector_entries;
-    const int32_t position = family44_position;
-    read_block((vectors - position) % vectors * vector_entries);
-    family44_position = (position + block_entries / vector_entries) % vectors;
-    const int32_t next_due = (vectors - family44_position) % vectors * vector_entries;
-    add_to(acc, &family44_pending, input, merged_table + position * vector_entries, next_due);
+    const int32_t start = family44_position * vector_entries;
+    const int32_t due = family44_due(family44_position);
+    read_block(acc.left + due, left_cut != 0, filter_output);
+    read_block(acc.right + due, right_cut != 0, filter_output + 1);
+    family44_position += block_entries / vector_entries;
+    if (family44_position * vector_entries == acc.length) family44_position = 0;
+    add_to(acc, &family44_pending, input, merged_table + start, family44_due(family44_position));
     *count = block_entries * stream_channels;
     return filter_output;
 }
