@@ -31,12 +31,6 @@ std::string file_text(const std::string &path)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-std::string write_file(const std::string &path, const std::string &bytes)
-{
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-}
-
 // The player's surroundings of one run.
 struct run_state {
     std::string directory; // of this run: log, capture, configuration
@@ -51,11 +45,11 @@ struct run_state {
 
 void write_configuration(const std::string &directory)
 {
-    write_file(directory + "/asound.conf",
-               "pcm_type.capture { lib \"" CAPTURE_PLUGIN_PATH "\" }\n"
-               "pcm.capture { type capture }\n"
-               "pcm.hw { @args [ CARD DEV ] @args.CARD { type integer }\n"
-               "  @args.DEV { type integer } type capture }\n");
+    std::ofstream(directory + "/asound.conf")
+        << "pcm_type.capture { lib \"" CAPTURE_PLUGIN_PATH "\" }\n"
+           "pcm.capture { type capture }\n"
+           "pcm.hw { @args [ CARD DEV ] @args.CARD { type integer }\n"
+           "  @args.DEV { type integer } type capture }\n";
 }
 
 void open_terminal(run_state &state, const play_settings &settings)
@@ -67,6 +61,7 @@ void open_terminal(run_state &state, const play_settings &settings)
     termios mode{};
     tcgetattr(state.terminal_far, &mode);
     mode.c_lflag &= ~settings.terminal_mode;
+    mode.c_oflag &= ~static_cast<tcflag_t>(OPOST); // shows the player's bytes as they are
     tcsetattr(state.terminal_far, TCSANOW, &mode);
 }
 
@@ -250,19 +245,15 @@ void read_files(const run_state &state, play_result &result)
 
 const std::string &scratch_directory()
 {
-    static const std::string path = [] {
-        std::string name = "/tmp/sonivane-test-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) std::abort();
-        return name;
-    }();
-    static const bool removed_at_exit = std::atexit([] { std::filesystem::remove_all(path); }) == 0;
-    (void)removed_at_exit;
+    static const std::string path = make_directory();
     return path;
 }
 
-std::string scratch_file(const std::string &name, const std::vector<uint8_t> &bytes)
+std::string scratch_file(const std::string &name, const bytes &content)
 {
-    return write_file(scratch_directory() + "/" + name, {bytes.begin(), bytes.end()});
+    const std::string path = scratch_directory() + "/" + name;
+    write_file(path, content);
+    return path;
 }
 
 play_result run_player(const play_settings &settings)

@@ -11,32 +11,34 @@
 #include <string>
 #include <vector>
 
+#include "make_files.h"
+
 // What a standard stream of the player is.
 enum class wire { pipe, null, terminal, closed };
 
 // Something that happens to a running player as soon as all that is asked for has been seen; events
 // come in their order, each once.
 struct play_event {
-    std::string out_has;        // standard output holds this text
-    std::string err_has;        // standard error does
-    std::string log_has;        // the device's log does
-    size_t captured = 0;        // bytes the device has, at least
-    int after_ms = 0;           // milliseconds since the event before
-    std::string type;           // bytes to send to standard input
-    int signal = 0;             // signal to send
-    std::function<void()> call; // anything else
+    std::string out_has = {};        // standard output holds this text
+    std::string err_has = {};        // standard error does
+    std::string log_has = {};        // the device's log does
+    size_t captured = 0;             // bytes the device has, at least
+    int after_ms = 0;                // milliseconds since the event before
+    std::string type = {};           // bytes to send to standard input
+    int signal = 0;                  // signal to send
+    std::function<void()> call = {}; // anything else
 };
 
 struct play_settings {
-    std::vector<std::string> arguments;         // behind -D and the device
-    std::string device_name = "capture";        // empty: no -D
-    std::map<std::string, std::string> capture; // settings of the capture device, CAPTURE_ left out
-    std::vector<play_event> events;
+    std::vector<std::string> arguments = {};         // behind -D and the device
+    std::string device_name = "capture";             // empty: no -D
+    std::map<std::string, std::string> capture = {}; // CAPTURE_ settings of the device
+    std::vector<play_event> events = {};
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
     bool stand_ins = false;     // with the module's own cards, sleep, nice and failing calls
-    std::string directory;      // the player's current one; empty: scratch_directory()
+    std::string directory = {}; // the player's current one; empty: scratch_directory()
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
     tcflag_t terminal_mode = 0; // bits of c_lflag to clear in the terminal beforehand
     int timeout_seconds = 120;  // a player that runs longer is killed, and the test fails
@@ -46,7 +48,7 @@ struct play_result {
     int status = -1; // exit status; the negative number of the signal that killed it
     std::string out; // standard output, or all that a terminal showed
     std::string err;
-    std::vector<uint8_t> capture;
+    bytes capture;
     std::vector<std::string> log;
     // The terminal before the start, at each event and after the end.
     termios before{};
@@ -66,7 +68,7 @@ play_result run_player(const play_settings &settings);
 // A directory of this test process, removed at its end.
 const std::string &scratch_directory();
 // The path of a file of that directory, with the given bytes in it.
-std::string scratch_file(const std::string &name, const std::vector<uint8_t> &bytes);
+std::string scratch_file(const std::string &name, const bytes &content);
 
 bool log_has(const play_result &result, const std::string &text);
 std::vector<device_write> writes_of(const play_result &result);
