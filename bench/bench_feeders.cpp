@@ -1,0 +1,72 @@
+// The decode-and-put loops of both feeders, with room always there: what it costs to bring a file's
+// bytes into the ring in the device's form. bytes_per_second counts the file's bytes.
+#include <benchmark/benchmark.h>
+
+#include "player.h"
+
+namespace
+{
+
+constexpr uint32_t ring_bytes = 1572864;
+
+void set_up_ring(int32_t device_format)
+{
+    static soundfile records[2];
+    const int32_t width =
+        snd_pcm_format_physical_width(static_cast<snd_pcm_format_t>(device_format));
+    file_list = feeding_file = records;
+    records[0].bytes_left = INT64_MAX;
+    records[0].out_sample_bytes = width / 8;
+    records[0].out_frame_bytes = width / 4;
+    records[1].index = -1;
+    output_format = device_format;
+    ringbuffer_free(&ring);
+    ring = ringbuffer_new(ring_bytes, static_cast<uint32_t>(width / 4), 1);
+}
+
+void take_all()
+{
+    store_release(ring->read_offset, load_acquire(ring->write_offset));
+}
+
+// Samples that are in memory already: the reader's own cost stays out.
+int32_t read_nothing_new(soundfile *, uint8_t *, int32_t count)
+{
+    return count;
+}
+
+struct pcm_case {
+    const char *name;
+    int32_t source;
+    int32_t sample_bytes;
+    int32_t device;
+};
+
+void feed_pcm(benchmark::State &state, const pcm_case &c)
+{
+    set_up_ring(c.device);
+    feeding_file->sample_format = c.source;
+    feeding_file->sample_bytes = c.sample_bytes;
+    feeding_file->wave.nBlockAlign = static_cast<int16_t>(2 * c.sample_bytes);
+    read_samples = read_nothing_new;
+    for (auto _ : state) {
+        pcm_feeder();
+        take_all();
+    }
+    state.SetBytesProcessed(state.iterations() * 3072);
+}
+
+[[maybe_unused]] const bool registered = [] {
+    static constexpr pcm_case cases[] = {
+        {"pcm/S16_to_S32", SND_PCM_FORMAT_S16_LE, 2, SND_PCM_FORMAT_S32_LE},
+        {"pcm/S16_to_S16", SND_PCM_FORMAT_S16_LE, 2, SND_PCM_FORMAT_S16_LE},
+        {"pcm/S24_3_to_S32", SND_PCM_FORMAT_S24_3LE, 3, SND_PCM_FORMAT_S32_LE},
+        {"pcm/S24_3_to_S24", SND_PCM_FORMAT_S24_3LE, 3, SND_PCM_FORMAT_S24_LE},
+        {"pcm/S32_to_S24_3", SND_PCM_FORMAT_S32_LE, 4, SND_PCM_FORMAT_S24_3LE},
+        {"pcm/FLOAT_to_S32", SND_PCM_FORMAT_FLOAT_LE, 4, SND_PCM_FORMAT_S32_LE},
+    };
+    for (const pcm_case &c : cases) benchmark::RegisterBenchmark(c.name, feed_pcm, c);
+    return true;
+}();
+
+} // namespace
