@@ -134,8 +134,7 @@ struct filter_form {
     bool batched;      // else the near window is the whole ring
     bool (*present)(); // the processor has it
     int32_t (*add_input)(const accumulators &acc, const kept_input &input, int32_t begin,
-                         int32_t end);
-    bool (*clear_entry)(const accumulators &acc, int32_t entry, int32_t begin, int32_t end);
+                         int32_t end, int32_t cleared);
     int32_t (*add_inputs)(const accumulators &acc, std::span<const kept_input> inputs,
                           int32_t begin, int32_t end);
 };
@@ -156,8 +155,7 @@ static bool avx512_present()
 #endif
 
 // The last form that is present is the one taken.
-#define KERNEL(width)                                                                              \
-    vectors_##width::add_input, vectors_##width::clear_entry, vectors_##width::add_inputs
+#define KERNEL(width) vectors_##width::add_input, vectors_##width::add_inputs
 static constexpr auto filter_forms = std::to_array<filter_form>({
     {"straight 128", false, always_present, KERNEL(128)},
         {"batched 128", true, always_present, KERNEL(128)},
@@ -456,18 +454,20 @@ static void catch_up(const accumulators &acc, pending *p, int32_t due)
     open_windows(acc, p, due);
 }
 
-// Adds an input's products. table is the one that the accumulators' first entry meets; due is the
-// entry that is read next.
+static constexpr int32_t no_entry = -1;
+
+// Adds an input's products. table is the one that the accumulators' first entry meets; the entry
+// cleared, if any, counts as 0 before; due is the entry that is read next.
 static void add_to(const accumulators &acc, pending *p, const float *input, const float *table,
-                   int32_t due)
+                   int32_t cleared, int32_t due)
 {
     kept_input &newest = p->inputs[static_cast<size_t>(p->count++)];
     newest.left.fill(input[0]);
     newest.right.fill(input[1]);
     newest.table = table;
     const auto [begin, end] = p->near;
-    const int32_t rest = form->add_input(acc, newest, begin, end);
-    if (rest < end) vectors_128::add_input(acc, newest, rest, end);
+    const int32_t rest = form->add_input(acc, newest, begin, end, cleared);
+    if (rest < end) vectors_128::add_input(acc, newest, rest, end, cleared);
     if (!holds(p->near, due) || p->count == wide_reads) catch_up(acc, p, due);
 }
 
@@ -494,7 +494,8 @@ static const float *run_family44(const float *input, int32_t *count)
     read_block(acc.right + due, right_cut != 0, filter_output + 1);
     family44_position += block_entries / vector_entries;
     if (family44_position * vector_entries == acc.length) family44_position = 0;
-    add_to(acc, &family44_pending, input, merged_table + start, family44_due(family44_position));
+    add_to(acc, &family44_pending, input, merged_table + start, no_entry,
+           family44_due(family44_position));
     *count = block_entries * stream_channels;
     return filter_output;
 }
@@ -506,14 +507,11 @@ static void output_step(const accumulators &acc, const float *input, float *fram
     const int32_t position = family48_position;
     frame[0] = acc.left[position];
     frame[1] = acc.right[position];
-    const auto [begin, end] = family48_pending.near;
-    if (!form->clear_entry(acc, position, begin, end))
-        vectors_128::clear_entry(acc, position, begin, end);
     const int32_t complement = position == 0 ? 0 : acc.length - position;
     const int32_t start = complement / vector_entries * vector_entries;
     family48_position = position + 1 < acc.length ? position + 1 : 0;
     add_to(acc, &family48_pending, input, rotated_tables[position % vector_entries] + start,
-           family48_position);
+           position, family48_position);
 }
 
 static const float *run_family48(const float *input, int32_t *count)
