@@ -64,7 +64,7 @@ struct capture_device {
     size_t transfers;
     bool cut_short;   // the last transfer was: the call that goes on with it gives EAGAIN
     double speed;     // times real time, or at_once, or held
-    const char *gate; // held until a file of this name exists; null: at once
+    const char *gate; // file that tells how many frames may be played; null: any number
     int64_t dry_ms; // milliseconds without a transfer after which a dry queue is an xrun; -1: none
     uint64_t written;
     double played; // frames; at most written - 1: never dry while it waits
@@ -124,10 +124,13 @@ int64_t now()
 
 // --- Pace ---------------------------------------------------------------------------------------
 
-bool gate_is_shut()
+// Frames that may be played by now: none as long as the gate's file is missing.
+double limit_of_gate()
 {
-    if (device.gate != nullptr && access(device.gate, F_OK) == 0) device.gate = nullptr;
-    return device.gate != nullptr;
+    if (device.gate == nullptr) return 1e300;
+    double frames = 0;
+    std::ifstream(device.gate) >> frames;
+    return frames;
 }
 
 // Moves played on. The device stops one frame short of what was written, so that a queue which ran
@@ -137,14 +140,14 @@ bool play_on()
     const int64_t time = now();
     const double passed = static_cast<double>(time - device.clock) * 1e-9;
     device.clock = time;
-    if (device.speed == held || gate_is_shut() || device.written == 0) return true;
+    if (device.speed == held || device.written == 0) return true;
     const auto last = static_cast<double>(device.written - 1);
     if (device.speed == at_once)
         device.played = last;
     else
         device.played += passed * device.io.rate * device.speed;
+    device.played = std::min({device.played, last, std::max(limit_of_gate(), 0.0)});
     if (device.played < last) return true;
-    device.played = last;
     return device.dry_ms < 0 || time - device.last_transfer <= device.dry_ms * 1000000;
 }
 

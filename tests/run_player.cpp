@@ -98,6 +98,7 @@ void set_environment(const run_state &state, const play_settings &settings)
     set("ALSA_CONFIG_PATH", state.directory + "/asound.conf");
     set("CAPTURE_LOG", state.directory + "/log");
     set("CAPTURE_FILE", state.directory + "/capture");
+    if (settings.gated) set("CAPTURE_GATE", state.directory + "/gate");
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
     if (!settings.stand_ins) return;
     set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
@@ -165,18 +166,33 @@ void read_streams(run_state &state, play_result &result, int wait_ms)
     }
 }
 
+size_t captured_bytes(const run_state &state)
+{
+    std::error_code error;
+    const uintmax_t size = std::filesystem::file_size(state.directory + "/capture", error);
+    return error ? 0 : size;
+}
+
 bool is_due(const play_event &event, const run_state &state, const play_result &result,
             clock_type::time_point since)
 {
     const auto has = [](const std::string &text, const std::string &part) {
         return part.empty() || text.find(part) != std::string::npos;
     };
-    std::error_code none;
+    termios mode{};
+    if (event.mode_is) tcgetattr(state.terminal_far, &mode);
     return clock_type::now() - since >= std::chrono::milliseconds(event.after_ms) &&
-           has(result.out, event.out_has) && has(result.err, event.err_has) &&
+           (!event.mode_is || event.mode_is(mode)) && has(result.out, event.out_has) &&
+           has(result.err, event.err_has) &&
            (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
-           (event.captured == 0 ||
-            std::filesystem::file_size(state.directory + "/capture", none) + 1 > event.captured);
+           captured_bytes(state) >= event.captured;
+}
+
+// The device must never see half a number.
+void open_gate(const std::string &path, int64_t frames)
+{
+    std::ofstream(path + ".new") << frames;
+    std::filesystem::rename(path + ".new", path);
 }
 
 void let_happen(const play_event &event, const run_state &state, play_result &result)
@@ -184,11 +200,13 @@ void let_happen(const play_event &event, const run_state &state, play_result &re
     termios mode{};
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
     result.at_events.push_back(mode);
+    result.captured_at_events.push_back(captured_bytes(state));
     if (!event.type.empty()) {
         const ssize_t sent = write(state.near[0], event.type.data(), event.type.size());
         EXPECT_EQ(sent, static_cast<ssize_t>(event.type.size()));
     }
     if (event.signal != 0) kill(state.process, event.signal);
+    if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
     if (event.call) event.call();
 }
 

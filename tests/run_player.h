@@ -19,13 +19,15 @@ enum class wire { pipe, null, terminal, closed };
 // Something that happens to a running player as soon as all that is asked for has been seen; events
 // come in their order, each once.
 struct play_event {
-    std::string out_has = {};        // standard output holds this text
-    std::string err_has = {};        // standard error does
-    std::string log_has = {};        // the device's log does
-    size_t captured = 0;             // bytes the device has, at least
-    int after_ms = 0;                // milliseconds since the event before
-    std::string type = {};           // bytes to send to standard input
-    int signal = 0;                  // signal to send
+    std::string out_has = {};                          // standard output holds this text
+    std::string err_has = {};                          // standard error does
+    std::string log_has = {};                          // the device's log does
+    size_t captured = 0;                               // bytes the device has, at least
+    std::function<bool(const termios &)> mode_is = {}; // the terminal's mode passes
+    int after_ms = 0;                                  // milliseconds since the event before
+    std::string type = {};                             // bytes to send to standard input
+    int signal = 0;                                    // signal to send
+    int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
 };
 
@@ -37,6 +39,7 @@ struct play_settings {
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
+    bool gated = false;         // the device plays what events allow
     bool stand_ins = false;     // with the module's own cards, sleep, nice and failing calls
     std::string directory = {}; // the player's current one; empty: scratch_directory()
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
@@ -50,6 +53,7 @@ struct play_result {
     std::string err;
     bytes capture;
     std::vector<std::string> log;
+    std::vector<size_t> captured_at_events; // bytes
     // The terminal before the start, at each event and after the end.
     termios before{};
     std::vector<termios> at_events;

@@ -1,0 +1,311 @@
+// What a user sees and can do: the lines on standard output, the keys, SIGINT, and the mode of the
+// terminal before, while and after.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "play_model.h"
+#include "run_player.h"
+
+namespace
+{
+
+// --- Reading what was shown ---------------------------------------------------------------------
+
+// The kinds of output, one letter each, tried in this order.
+struct shown_kind {
+    char letter;
+    std::regex form;
+};
+const std::vector<shown_kind> shown_kinds = {
+    {'B', std::regex("\r {72}\nplaying file (\\d+)/(\\d+) total (\\d+:\\d\\d) (\"[^\"/]+\" "
+                     "?)?\n?\"[^\"]+\"\n")},
+    {'F', std::regex("\rposition 00:00 buffer (\\d+)\\[%\\]   filling buffer   \r")},
+    {'S', std::regex("\rposition 00:(\\d\\d) buffer (\\d+)\\[%\\]   (DoP   |Bi-Naural   )?\r")},
+    {'T', std::regex("(\\d+) (\\d+)\n")},
+    {'W', std::regex("\r {72}\n")},
+    {'w', std::regex("\r {72}")},
+    {'N', std::regex("\n")},
+    {'?', std::regex("[^\\0]")},
+};
+
+struct shown_item {
+    char letter;
+    std::vector<std::string> values; // of the form's groups
+};
+
+std::vector<shown_item> read_shown(const std::string &out)
+{
+    std::vector<shown_item> items;
+    for (auto at = out.begin(); at != out.end();) {
+        std::smatch match;
+        for (const auto &[letter, form] : shown_kinds) {
+            if (!std::regex_search(at, out.end(), match, form,
+                                   std::regex_constants::match_continuous))
+                continue;
+            items.push_back({letter, {match.begin() + 1, match.end()}});
+            break;
+        }
+        at += match.length();
+    }
+    return items;
+}
+
+std::string letters_of(const std::vector<shown_item> &items)
+{
+    std::string letters;
+    for (const shown_item &item : items) letters += item.letter;
+    return letters;
+}
+
+// The values of one group of all items of a kind.
+std::vector<int> numbers_of(const std::vector<shown_item> &items, char letter, size_t group)
+{
+    std::vector<int> numbers;
+    for (const shown_item &item : items)
+        if (item.letter == letter) numbers.push_back(std::stoi(item.values[group]));
+    return numbers;
+}
+
+void expect_shape(const std::vector<shown_item> &items, const std::string &shape)
+{
+    EXPECT_TRUE(std::regex_match(letters_of(items), std::regex(shape)))
+        << letters_of(items) << " is not " << shape;
+}
+
+bool rises(const std::vector<int> &numbers, int step_at_least)
+{
+    for (size_t i = 1; i < numbers.size(); ++i)
+        if (numbers[i] - numbers[i - 1] < step_at_least) return false;
+    return true;
+}
+
+const std::string stream_line = "Open 44100Hzfs PCM stream\n";
+// The status line of a second wiped by main, which then waits for the output thread.
+const std::string wiped_status = "%]   \r\r" + std::string(72, ' ') + "\n";
+
+// A file of 44.1 kHz and 16 bits, so many seconds long.
+std::string wave_of_seconds(const std::string &name, size_t seconds)
+{
+    return scratch_file(name, wave_file(random_pcm(2, false, 2, 44100, seconds * 44100, 1)));
+}
+
+// --- Lines --------------------------------------------------------------------------------------
+
+TEST(play_console, banner_and_one_status_line_a_second)
+{
+    struct row {
+        std::vector<std::string> options;
+        const char *label;
+    };
+    const std::string file = wave_of_seconds("a.wav", 3);
+    for (const auto &[options, label] : std::initializer_list<row>{
+             {{}, ""}, {{"--mode=1"}, "DoP   "}, {{"--mode=2"}, "Bi-Naural   "}}) {
+        auto arguments = options;
+        arguments.push_back(file);
+        const auto result = run_player(
+            {.arguments = arguments, .capture = {{"SPEED", "8"}}, .output = wire::terminal});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.err, stream_line);
+        const auto items = read_shown(result.out);
+        expect_shape(items, "F+BS[Sw]*WWN");
+        EXPECT_TRUE(rises(numbers_of(items, 'F', 0), 0));
+        EXPECT_TRUE(rises(numbers_of(items, 'S', 0), 1));
+        EXPECT_EQ(numbers_of(items, 'S', 0).front(), 0);
+        EXPECT_LE(numbers_of(items, 'S', 0).back(), 3);
+        for (const shown_item &item : items) {
+            const std::string told = item.letter == 'B' ? "0:03" : label;
+            if (item.letter == 'S' || item.letter == 'B') {
+                EXPECT_EQ(item.values[2], told);
+            }
+        }
+    }
+}
+
+TEST(play_console, silent_lines_tell_index_and_second)
+{
+    const auto result = run_player(
+        {.arguments = {"--silent", wave_of_seconds("a.wav", 2)}, .capture = {{"SPEED", "4"}}});
+    EXPECT_EQ(result.status, 0);
+    const auto items = read_shown(result.out);
+    expect_shape(items, "F+BTT+WWN");
+    EXPECT_EQ(numbers_of(items, 'T', 1).front(), 0);
+    EXPECT_TRUE(rises(numbers_of(items, 'T', 1), 1));
+    for (const int index : numbers_of(items, 'T', 0)) EXPECT_EQ(index, 0);
+}
+
+// The device plays on only when the banner of each file has been seen.
+TEST(play_console, each_file_has_its_banner_when_its_first_frame_goes_out)
+{
+    std::vector<std::string> files;
+    for (const char *name : {"a.wav", "b.wav", "c.wav"}) files.push_back(wave_of_seconds(name, 2));
+    const auto result = run_player({.arguments = files,
+                                    .events = {{.allow = 50000},
+                                               {.out_has = "playing file 1/3", .allow = 150000},
+                                               {.out_has = "playing file 2/3", .allow = 250000},
+                                               {.out_has = "playing file 3/3", .allow = 1000000}},
+                                    .gated = true});
+    EXPECT_EQ(result.status, 0);
+    const auto items = read_shown(result.out);
+    expect_shape(items, "F+BS+BS*BS*WWN");
+    EXPECT_EQ(numbers_of(items, 'B', 0), (std::vector{1, 2, 3}));
+}
+
+// A name with a directory is shown twice, and a long one on a line of its own.
+TEST(play_console, banner_shows_the_name_as_it_was_given)
+{
+    const std::string path = wave_of_seconds("a.wav", 1);
+    const std::string longer = wave_of_seconds("a-name-that-is-longer-than-a-line-holds.wav", 1);
+    const auto short_one = run_player({.arguments = {"a.wav"}});
+    EXPECT_NE(short_one.out.find("total 0:01 \"a.wav\"\n"), std::string::npos);
+    const auto with_directory = run_player({.arguments = {"./a.wav"}});
+    EXPECT_NE(with_directory.out.find("total 0:01 \"a.wav\" \"./a.wav\"\n"), std::string::npos);
+    const auto long_one = run_player({.arguments = {longer}});
+    EXPECT_NE(long_one.out.find("holds.wav\" \n\"" + longer + "\"\n"), std::string::npos);
+}
+
+// --- The terminal and the ways to an end --------------------------------------------------------
+
+bool same_mode(const termios &a, const termios &b)
+{
+    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+           a.c_lflag == b.c_lflag && std::equal(a.c_cc, a.c_cc + NCCS, b.c_cc);
+}
+
+bool same_but_not_canonical(termios a, const termios &b)
+{
+    a.c_lflag &= ~static_cast<tcflag_t>(ICANON);
+    return same_mode(a, b);
+}
+
+struct ending_row {
+    const char *name;
+    std::vector<play_event> events;
+    int status;
+    const char *shape;    // of what was shown
+    std::string err = ""; // what standard error ends with
+    const char *fault = "none 0";
+    tcflag_t without = 0; // bits of the terminal's mode
+    bool dry = false;     // what the ring held at the last event still went out, to the underrun
+};
+
+// A second of the file has gone to the device, and more than the ring holds is still to be read.
+const play_event playing = {.out_has = "\rposition 00:01"};
+const std::string key_3 = "\x03";
+
+play_event then_type(const std::string &keys)
+{
+    play_event event = playing;
+    event.type = keys;
+    return event;
+}
+
+play_event then_send(int signal)
+{
+    play_event event = playing;
+    event.signal = signal;
+    return event;
+}
+
+const std::vector<ending_row> endings = {
+    {.name = "fault",
+     .events = {playing},
+     .status = 0,
+     .shape = "F+BS+WWN",
+     .fault = "xrun 150000"},
+    {.name = "report",
+     .events = {playing},
+     .status = 368 & 255,
+     .shape = "F+BS+.*",
+     .err = report_text("alsathread", 368, "snd_pcm_writei() returned code -5\n"),
+     .fault = "transfer 150000"},
+    {.name = "key",
+     .events = {then_type(key_3)},
+     .status = 0,
+     .shape = "F+BS+WWN",
+     .without = ISIG | ECHO},
+    {.name = "keys",
+     .events = {then_type("x y" + key_3)},
+     .status = 0,
+     .shape = "F+BS+WWN",
+     .without = ISIG | ECHO},
+    {.name = "echoed_keys",
+     .events = {then_type("x"), {.after_ms = 30, .signal = SIGINT}},
+     .status = 0,
+     .shape = "F+BS+\\?S*WWN",
+     .dry = true},
+    {.name = "interrupt_key",
+     .events = {then_type(key_3)},
+     .status = 0,
+     .shape = "F+BS+\\?\\?S*WWN", // the terminal shows ^C
+     .dry = true},
+    {.name = "interrupt",
+     .events = {then_send(SIGINT)},
+     .status = 0,
+     .shape = "F+BS+WWN",
+     .dry = true},
+    {.name = "two_interrupts",
+     .events = {then_send(SIGINT), {.out_has = wiped_status, .signal = SIGINT}},
+     .status = 799 & 255,
+     .shape = "F+BS+W",
+     .err = report_text("sonivane", 799, "Interrupt stack. Abort\n")},
+    {.name = "terminate", .events = {then_send(SIGTERM)}, .status = -SIGTERM, .shape = "F+BS+"},
+    {.name = "hang_up", .events = {then_send(SIGHUP)}, .status = -SIGHUP, .shape = "F+BS+"},
+};
+
+class play_console_ending : public testing::TestWithParam<ending_row>
+{
+};
+
+TEST_P(play_console_ending, leaves_the_terminal_as_it_was)
+{
+    const ending_row &row = GetParam();
+    const auto result =
+        run_player({.arguments = {wave_of_seconds("a.wav", 12)},
+                    .capture = {{"SPEED", "4"}, {"DRY_MS", "100"}, {"FAULT", row.fault}},
+                    .events = row.events,
+                    .input = wire::terminal,
+                    .output = wire::terminal,
+                    .terminal_mode = row.without});
+    EXPECT_EQ(result.status, row.status);
+    expect_shape(read_shown(result.out), row.shape);
+    EXPECT_TRUE(result.err.starts_with(stream_line)) << result.err;
+    EXPECT_TRUE(row.err.empty() ? result.err == stream_line : result.err.ends_with(row.err))
+        << result.err;
+    for (const termios &mode : result.at_events)
+        EXPECT_TRUE(same_but_not_canonical(result.before, mode));
+    EXPECT_TRUE(same_mode(result.before, result.after));
+    EXPECT_LT(result.capture.size(), 44100U * 8 * 13);
+    EXPECT_EQ(log_has(result, "dry "), row.dry);
+    if (row.dry) {
+        EXPECT_GT(result.capture.size(), result.captured_at_events.back() + 400000);
+    }
+}
+INSTANTIATE_TEST_SUITE_P(all, play_console_ending, testing::ValuesIn(endings),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+// Before the ring exists the terminal is left alone.
+TEST(play_console, a_report_before_playing_leaves_the_terminal_alone)
+{
+    const auto result = run_player({.arguments = {wave_of_seconds("a.wav", 1)},
+                                    .capture = {{"RATES", "48000-96000"}},
+                                    .input = wire::terminal});
+    EXPECT_EQ(result.status, 202);
+    EXPECT_TRUE(same_mode(result.before, result.after));
+}
+
+// A reader that sends nothing, and an end of input that select reports for ever.
+TEST(play_console, input_that_is_closed_or_at_its_end_does_not_matter)
+{
+    for (const wire input : {wire::null, wire::closed, wire::pipe}) {
+        const auto result =
+            run_player({.arguments = {wave_of_seconds("a.wav", 1)}, .input = input});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_GT(result.capture.size(), 44100U * 8 * 2 - 1);
+    }
+}
+
+} // namespace
