@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstring>
 
 #include "readwrite.h"
@@ -90,15 +89,20 @@ bool frame_is_sound(const wave_format &wave)
     return wave.nChannels == 0 || (width > 0 && width <= INT16_MAX / 8);
 }
 
+// The part of size bytes of sound that belongs to the two channels that are played.
+uint64_t played_bytes(const wave_format &wave, uint64_t size)
+{
+    return wave.nChannels == 0 ? 0
+                               : size * delivered_channels / static_cast<uint64_t>(wave.nChannels);
+}
+
 // Makes the record describe the two channels that are played.
 void rewrite_to_stereo(soundfile *file, uint64_t size)
 {
     wave_format &wave = file->wave;
     const int32_t channels = wave.nChannels;
     const int32_t width = quotient(wave.nBlockAlign, channels);
-    const uint64_t share =
-        channels == 0 ? 0 : size * delivered_channels / static_cast<uint64_t>(channels);
-    file->bytes_left = static_cast<int64_t>(share);
+    file->bytes_left = static_cast<int64_t>(played_bytes(wave, size));
     file->data_bytes = file->bytes_left;
     file->channels = channels;
     wave.nChannels = delivered_channels;
@@ -149,7 +153,9 @@ int32_t wav_open(soundfile *file)
     if (!frame_is_sound(wave)) return -1;
     const auto frame_bytes = static_cast<uint64_t>(int64_t{wave.nBlockAlign});
     if (rf64 && frame_bytes * sizes.frames != sizes.data_bytes) return -1;
-    rewrite_to_stereo(file, rf64 ? sizes.data_bytes : data_size);
+    const uint64_t size = rf64 ? sizes.data_bytes : data_size;
+    if (played_bytes(wave, size) > INT64_MAX) return -1; // no file is that long
+    rewrite_to_stereo(file, size);
     return 0;
 }
 
