@@ -59,10 +59,10 @@ bool read_header(soundfile *file, uint64_t *data_offset)
     uint64_t dsd_size = 0;
     uint64_t format_size = 0;
     if (check_tag(fp, "DSD ", 4) == 0 || read_le64(fp, &dsd_size) == 0 || !seek_to(fp, dsd_size) ||
-        check_tag(fp, "fmt ", 4) == 0 || read_le64(fp, &format_size) == 0 ||
-        format_size > largest_offset - dsd_size)
+        check_tag(fp, "fmt ", 4) == 0 || read_le64(fp, &format_size) == 0)
         return false;
-    *data_offset = dsd_size + format_size;
+    // A sum above largest_offset must not wrap around: the seek to it tells.
+    *data_offset = dsd_size + std::min(format_size, largest_offset + 1);
     return read_le32(fp, &file->dsf_version) != 0 && read_le32(fp, &file->dsf_format_id) != 0 &&
            read_le32(fp, &file->dsf_channel_type) != 0 &&
            read_le32(fp, &file->dsf_channel_num) != 0 &&
@@ -116,16 +116,24 @@ bool provide_buffer(const soundfile *file)
     return true;
 }
 
+// Reads the next block of both channels. False when the file ends before; its end was met then.
+bool read_block_pair(const soundfile *file)
+{
+    const auto pair = static_cast<size_t>(pair_bytes(file));
+    if (pair <= dsf_buffer_size) return std::fread(dsf_buffer, 1, pair, file->fp) == pair;
+    while (std::fgetc(file->fp) != EOF) {
+    } // no memory was had: less than one pair is there
+    return false;
+}
+
 // Reads the next block of both channels and passes over those of the others. False when the file
 // ends before.
 bool load_block_pair(const soundfile *file)
 {
-    const auto block = static_cast<size_t>(file->block_bytes);
-    const size_t pair = block * played_channels;
-    if (block == 0 || pair > dsf_buffer_size || std::fread(dsf_buffer, 1, pair, file->fp) != pair)
+    if (file->block_bytes == 0 || !read_block_pair(file)) return false;
+    const int64_t others = int64_t{file->channels} - played_channels;
+    if (others > 0 && !skip_bytes(file->fp, static_cast<uint64_t>(others * file->block_bytes)))
         return false;
-    const auto others = static_cast<uint64_t>(file->dsf_channel_num - played_channels);
-    if (others > 0 && !skip_bytes(file->fp, others * block)) return false;
     dsf_position = 0;
     return true;
 }

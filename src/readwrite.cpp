@@ -1,6 +1,5 @@
 #include "readwrite.h"
 
-#include <bit>
 #include <cstring>
 #include <span>
 

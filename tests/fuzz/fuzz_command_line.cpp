@@ -1,21 +1,22 @@
 // Fuzz target of the option parser and the name expansion: the input is an argument vector, one
 // argument a line.
-#include <unistd.h>
-
+#include <algorithm>
 #include <csetjmp>
-#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "dir2files.h"
-#include "fuzz_file.h"
 #include "parse_param.h"
+#include "sonivane.h"
 
 namespace
 {
 
 std::jmp_buf process_end;
+bool parsing; // the process end is the parser's, not that of the program around it
 
 void parse_and_expand(std::vector<char *> &arguments)
 {
@@ -36,16 +37,14 @@ extern "C" [[noreturn]] void __wrap__Z12fatal_reportPKciS0_z(const char *, int32
     std::longjmp(process_end, 1);
 }
 extern "C" [[noreturn]] void __real_exit(int status);
-extern "C" [[noreturn]] void __wrap_exit(int)
+extern "C" [[noreturn]] void __wrap_exit(int status)
 {
+    if (!parsing) __real_exit(status);
     std::longjmp(process_end, 1);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool quiet = std::freopen("/dev/null", "w", stderr) != nullptr &&
-                              std::freopen("/dev/null", "w", stdout) != nullptr;
-    static_cast<void>(quiet);
     static std::string text;
     static std::vector<char *> arguments;
     text = std::string("sonivane\n") + std::string(reinterpret_cast<const char *>(data), size);
@@ -57,7 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         start = end + 1;
     }
     arguments.push_back(nullptr);
+    parsing = true;
     if (setjmp(process_end) == 0) parse_and_expand(arguments);
+    parsing = false;
     pool_reset();
     pool_free();
     return 0;

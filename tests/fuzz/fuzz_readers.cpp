@@ -1,7 +1,5 @@
 // Fuzz target of one parser with its read function, run to the end of the file; FUZZ_OPEN and
 // FUZZ_READ name them. The input is the file.
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -14,10 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const bool quiet = std::freopen("/dev/null", "w", stderr) != nullptr;
-    static_cast<void>(quiet);
-    static soundfile record;
-    record = {};
+    soundfile record{};
     record.fp = open_fuzz_file(data, size);
     if (FUZZ_OPEN(&record) == 0) {
         // Every call but the last delivers sound, so a file of size bytes ends within this many.
@@ -30,5 +25,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     std::fclose(record.fp);
+    dsf_release();
     return 0;
 }
