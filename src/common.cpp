@@ -202,19 +202,19 @@ static int64_t filter_output_floats;
 // A cache line, and the widest vector.
 static constexpr std::align_val_t table_alignment{64};
 
-// count zeros, or null.
-static float *allocate_floats(int64_t count)
+// count values of 0, or null.
+template <typename value> static value *allocate(int64_t count)
 {
-    const auto bytes = static_cast<size_t>(count) * sizeof(float);
-    auto *floats = static_cast<float *>(::operator new(bytes, table_alignment, std::nothrow));
-    if (floats != nullptr) std::fill_n(floats, count, 0.0F);
-    return floats;
+    const auto bytes = static_cast<size_t>(count) * sizeof(value);
+    auto *values = static_cast<value *>(::operator new(bytes, table_alignment, std::nothrow));
+    if (values != nullptr) std::fill_n(values, count, value{});
+    return values;
 }
 
-static void free_floats(float **floats)
+template <typename value> static void release(value **values)
 {
-    ::operator delete(*floats, table_alignment);
-    *floats = nullptr;
+    ::operator delete(*values, table_alignment);
+    *values = nullptr;
 }
 
 // The end of every failure. The terminal is still as it was found: a plain exit serves.
@@ -306,9 +306,9 @@ static void make_family44()
 {
     const int32_t length = family44_row->coeffs->tap_count + family44_span();
     family44_length = length;
-    family44_acc_left = allocate_floats(length);
-    family44_acc_right = allocate_floats(length);
-    merged_table = allocate_floats(int64_t{2} * length);
+    family44_acc_left = allocate<float>(length);
+    family44_acc_right = allocate<float>(length);
+    merged_table = allocate<float>(int64_t{2} * length);
     if (family44_acc_left == nullptr || family44_acc_right == nullptr || merged_table == nullptr)
         fail(193, "allocation failed.");
     fill_merged_table();
@@ -332,8 +332,8 @@ static bool size_output()
     const int64_t most_frames = (filter_target_rate + source - 1) / source;
     const int64_t floats = std::max<int64_t>(most_frames, block_entries) * stream_channels;
     if (floats <= filter_output_floats) return true;
-    free_floats(&filter_output);
-    filter_output = allocate_floats(floats);
+    release(&filter_output);
+    filter_output = allocate<float>(floats);
     filter_output_floats = filter_output == nullptr ? 0 : floats;
     return filter_output != nullptr;
 }
@@ -343,14 +343,14 @@ static void make_family48()
     const char *const no_memory = "work area could not allocated.";
     const int32_t length = family48_row->coeffs->tap_count + vector_entries;
     family48_length = length;
-    family48_acc_left = allocate_floats(length);
-    family48_acc_right = allocate_floats(length);
+    family48_acc_left = allocate<float>(length);
+    family48_acc_right = allocate<float>(length);
     if (family48_acc_left == nullptr || family48_acc_right == nullptr || !size_output())
         fail(241, no_memory);
-    rotated_tables = new (std::nothrow) float *[vector_entries]();
+    rotated_tables = allocate<float *>(vector_entries);
     if (rotated_tables == nullptr) fail(248, no_memory);
     for (int32_t turn = 0; turn < vector_entries; turn++) {
-        rotated_tables[turn] = allocate_floats(int64_t{2} * length);
+        rotated_tables[turn] = allocate<float>(int64_t{2} * length);
         if (rotated_tables[turn] == nullptr) fail(253, no_memory);
         fill_rotated_table(rotated_tables[turn], turn);
     }
@@ -416,12 +416,11 @@ int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t chan
 void coeff_filter_free()
 {
     if (rotated_tables != nullptr)
-        for (int32_t turn = 0; turn < vector_entries; turn++) free_floats(&rotated_tables[turn]);
-    delete[] rotated_tables;
-    rotated_tables = nullptr;
+        for (int32_t turn = 0; turn < vector_entries; turn++) release(&rotated_tables[turn]);
+    release(&rotated_tables);
     for (float **floats : {&merged_table, &family44_acc_left, &family44_acc_right,
                            &family48_acc_left, &family48_acc_right, &filter_output})
-        free_floats(floats);
+        release(floats);
     filter_output_floats = 0;
     family44_row = nullptr;
     family48_row = nullptr;
