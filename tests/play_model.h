@@ -99,6 +99,85 @@ inline pcm_sound random_pcm(size_t sample_bytes, bool floats, size_t channels, i
     return sound;
 }
 
+// --- DSD ----------------------------------------------------------------------------------------
+
+enum class dsd_packing { native, dop, i2s };
+
+struct dsd_form {
+    device_form device;
+    dsd_packing packing;
+    int bits_per_frame; // of one channel
+};
+inline constexpr dsd_form native = {dsd_u32_be, dsd_packing::native, 32};
+inline constexpr dsd_form dop_s32 = {s32_le, dsd_packing::dop, 16};
+inline constexpr dsd_form dop_s24 = {s24_le, dsd_packing::dop, 16};
+inline constexpr dsd_form dop_s24_3 = {s24_3le, dsd_packing::dop, 16};
+inline constexpr dsd_form i2s = {s32_le, dsd_packing::i2s, 32};
+
+// The low 24 bits at the place where the device's samples lie.
+inline void put_dop_sample(bytes &out, const device_form &device, uint32_t sample)
+{
+    const bool top = device.bytes == 4 && device.padding == 0;
+    put_le(out, top ? sample << 8 : sample, static_cast<int>(device.bytes));
+}
+
+inline uint8_t dop_marker_of(uint64_t frame)
+{
+    return frame % 2 == 0 ? 0xFA : 0x05;
+}
+
+// A group of 4 bytes of a channel, oldest first, as one number.
+inline uint32_t native_word(const uint8_t *stream)
+{
+    return static_cast<uint32_t>(stream[0] << 24 | stream[2] << 16 | stream[4] << 8 | stream[6]);
+}
+
+// 16 bits of left and right in turn, left first.
+inline uint32_t i2s_word(uint8_t left, uint8_t right)
+{
+    uint32_t word = 0;
+    for (int bit = 7; bit >= 0; --bit)
+        word = word << 2 | static_cast<uint32_t>((left >> bit & 1) << 1 | (right >> bit & 1));
+    return word;
+}
+
+// stream: left and right bytes in turn, oldest bit highest. dop_frame: of the first DoP frame in
+// the whole run without the silence, from 0.
+inline bytes device_bytes(const bytes &stream, const dsd_form &form, uint64_t dop_frame = 0,
+                          cuts cut = {})
+{
+    const uint8_t fill = form.packing == dsd_packing::native ? 0xAA
+                         : form.packing == dsd_packing::dop  ? 0x55
+                                                             : 0;
+    bytes in = stream;
+    for (size_t i = 0; i < in.size(); ++i)
+        if (i % 2 == 0 ? cut.left : cut.right) in[i] = fill;
+    bytes out;
+    for (size_t at = 0; at < in.size(); at += 4) {
+        const uint8_t *b = &in[at];
+        if (form.packing == dsd_packing::i2s) {
+            put_le(out, i2s_word(b[0], b[1]) << 16 | i2s_word(b[2], b[3]), 4);
+        } else if (form.packing == dsd_packing::native) {
+            if (at % 8 == 0) put_be(out, native_word(b), 4);
+            if (at % 8 == 0) put_be(out, native_word(b + 1), 4);
+        } else {
+            const uint32_t marker = static_cast<uint32_t>(dop_marker_of(dop_frame++)) << 16;
+            for (const int side : {0, 1})
+                put_dop_sample(out, form.device,
+                               marker | static_cast<uint32_t>(b[side] << 8) | b[side + 2]);
+        }
+    }
+    return out;
+}
+
+// An even and an odd frame.
+inline bytes silence_of(const dsd_form &form)
+{
+    if (form.packing == dsd_packing::native) return bytes(16, 0x55);
+    if (form.packing == dsd_packing::i2s) return bytes(16, 0x33);
+    return device_bytes(bytes(8, 0x55), form);
+}
+
 enum class wave_kind { riff, rf64, extensible };
 
 inline bytes wave_file(const pcm_sound &sound, wave_kind kind = wave_kind::riff)
@@ -140,6 +219,13 @@ inline void expect_stream(const play_result &result, const device_form &device, 
         put_bytes(whole, silence);
     put_bytes(whole, sound);
     EXPECT_TRUE(same_bytes(result.capture, whole));
+}
+
+inline void expect_dsd_stream(const play_result &result, const dsd_form &form, uint32_t bit_rate,
+                              const bytes &sound)
+{
+    const int rate = static_cast<int>(bit_rate) / form.bits_per_frame;
+    expect_stream(result, form.device, rate, silence_of(form), sound);
 }
 
 inline void expect_pcm_stream(const play_result &result, const device_form &device, int rate,
