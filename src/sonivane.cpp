@@ -574,10 +574,11 @@ bool stage_samples()
     staged_bytes = 0;
     staged_position = 0;
     if (feeding_file->bytes_left < 1) return false;
-    const int32_t count = staging_bytes - staging_bytes % feeding_file->wave.nBlockAlign;
+    const int32_t frame_bytes = feeding_file->wave.nBlockAlign;
+    const int32_t count = staging_bytes / frame_bytes * frame_bytes;
     const int32_t got = read_samples(feeding_file, pcm_staging.data(), count);
-    if (got < 1) return false;
-    staged_bytes = got;
+    if (got < frame_bytes) return false;
+    staged_bytes = got / frame_bytes * frame_bytes;
     poll_sleep(yield_sleep, wakeup::prompt);
     return true;
 }
