@@ -105,7 +105,7 @@ std::array<float, 2> next_frame(signal &s)
 int64_t frames_to_compare()
 {
     if (std::getenv("SONIVANE_FULL") != nullptr) return 1000000;
-#ifdef __OPTIMIZE__
+#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
     return 72000; // a million over all rates and sets
 #else
     return 12000;
@@ -175,9 +175,9 @@ TEST_F(filter_test, serves_rates_that_nobody_expects)
     struct {
         int32_t source_rate;
         int64_t frames;
-    } const cases[] = {
-        {1, 2},       {7, 3},         {8000, 600},    {22050, 600},         {44099, 600},
-        {44101, 600}, {352799, 3000}, {352801, 3000}, {INT_MAX - 1, 30000}, {INT_MAX, 30000}};
+    } const cases[] = {{1, 1},         {8000, 300},          {22050, 600},
+                       {44099, 600},   {44101, 600},         {352799, 3000},
+                       {352801, 3000}, {INT_MAX - 1, 30000}, {INT_MAX, 30000}};
     for (const auto &[source_rate, frames] : cases) compare_forms(source_rate, 1, frames);
 }
 
@@ -216,7 +216,7 @@ TEST_F(filter_test, keeps_its_stream_over_a_second_set_up)
         scalar_filter reference = make_scalar_filter(set_44k_short, set_48k_short, 0);
         signal fed;
         signal source;
-        for (const int32_t rate : {48000, 96000, 44100, 100, 44100, 384000, 48000}) {
+        for (const int32_t rate : {48000, 96000, 44100, 10000, 44100, 384000, 48000}) {
             ASSERT_EQ(coeff_filter_init(rate, 352800, 2, 1), -1);
             reference.source_rate = rate;
             const std::vector<float> expected = run_reference(reference, fed, 333);
