@@ -4,16 +4,19 @@
 #include <linux/capability.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -245,6 +248,93 @@ TEST(Keyboard, EachOfSeveralBytesIsSeen)
     EXPECT_EQ(stop_after(1), flag_off) << "no standard input";
     restore_stdin(saved);
     close(ends[0]);
+}
+
+// --- Job control --------------------------------------------------------------------------------
+
+bool comes_true(const std::function<bool()> &condition)
+{
+    for (int i = 0; i < 500 && !condition(); ++i) usleep(10000);
+    return condition();
+}
+
+// Runs in a process of its own: a shell with a job on the terminal, which is put on standard input
+// with its settings from before. Ends with 0, or with the line that failed.
+[[noreturn]] void run_shell(const std::string &before)
+{
+    const auto require = [](bool holds, int line) {
+        if (!holds) _exit(line & 0xFF);
+    };
+    std::signal(SIGTTOU, SIG_IGN);
+    setsid();
+    ioctl(STDIN_FILENO, TIOCSCTTY, 0);
+    const pid_t job = fork();
+    if (job == 0) {
+        std::signal(SIGTTOU, SIG_DFL);
+        setpgid(0, 0);
+        comes_true([] { return tcgetpgrp(STDIN_FILENO) == getpgrp(); });
+        install_terminal_signals();
+        terminal_raw();
+        while (true) pause();
+    }
+    setpgid(job, job);
+    const auto is_raw = [&] { return settings_of(STDIN_FILENO) != before; };
+    const auto stop_job = [&] {
+        int status = 0;
+        kill(job, SIGTSTP);
+        return waitpid(job, &status, WUNTRACED) == job && WIFSTOPPED(status) && !is_raw();
+    };
+    tcsetpgrp(STDIN_FILENO, job);
+    require(comes_true(is_raw), __LINE__);
+    require(stop_job(), __LINE__);
+    kill(job, SIGCONT);
+    require(comes_true(is_raw), __LINE__);
+
+    require(stop_job(), __LINE__); // its handler is in place again
+    tcsetpgrp(STDIN_FILENO, getpgrp());
+    kill(job, SIGCONT); // in the background: the terminal is the shell's
+    usleep(50000);
+    require(!is_raw(), __LINE__);
+    tcsetpgrp(STDIN_FILENO, job);
+    kill(job, SIGCONT); // as a shell's fg does
+    require(comes_true(is_raw), __LINE__);
+
+    int status = 0;
+    kill(job, SIGTERM);
+    require(waitpid(job, &status, 0) == job && WTERMSIG(status) == SIGTERM, __LINE__);
+    require(!is_raw(), __LINE__);
+    _exit(0);
+}
+
+TEST(TerminalDeathTest, AStoppedPlayerGivesItUpAndAContinuedOneTakesItBack)
+{
+    const terminal t = open_terminal();
+    const std::string before = settings_of(t.screen);
+    EXPECT_EXIT(run_shell(before), testing::ExitedWithCode(0), "");
+    close_terminal(t);
+}
+
+TEST(TerminalDeathTest, ASignalThatEndsThePlayerPutsItBack)
+{
+    const terminal t = open_terminal();
+    const std::string before = settings_of(t.screen);
+    const auto end_by = [](int signal_number) {
+        install_terminal_signals();
+        terminal_raw();
+        std::raise(signal_number);
+        _exit(0);
+    };
+    for (const int signal_number : {SIGTERM, SIGHUP, SIGQUIT}) {
+        std::signal(SIGHUP, SIG_DFL); // not as nohup would have it
+        EXPECT_EXIT(end_by(signal_number), testing::KilledBySignal(signal_number), "");
+        EXPECT_EQ(settings_of(t.screen), before);
+    }
+    const auto ignored = [&] {
+        std::signal(SIGHUP, SIG_IGN);
+        end_by(SIGHUP);
+    };
+    EXPECT_EXIT(ignored(), testing::ExitedWithCode(0), "") << "as nohup wants it";
+    close_terminal(t);
 }
 
 // --- Priority -----------------------------------------------------------------------------------
