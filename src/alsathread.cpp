@@ -505,7 +505,9 @@ bool all_is_played()
 
 void play()
 {
-    while (write_pump() != 0 && primed == 0) poll_sleep(0, wakeup::prompt);
+    // A device that refuses silence for good, or takes none, must not hold the thread here.
+    while (write_pump() != 0 && primed == 0 && load_acquire(stop_output) == 0)
+        poll_sleep(0, wakeup::prompt);
     start_device();
     while (!all_is_played() && load_acquire(stop_output) == 0) {
         if (write_pump() != 0)
