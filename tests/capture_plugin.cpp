@@ -46,7 +46,7 @@ constexpr std::array<fault_row, 9> faults = {{
     {"suspended", SND_PCM_STATE_SUSPENDED, 0, 0},
     {"disconnected", SND_PCM_STATE_DISCONNECTED, 0, 0},
     {"draining", SND_PCM_STATE_DRAINING, 0, 0},
-    {"setup", SND_PCM_STATE_SETUP, 0, 0}, // libasound lets snd_pcm_avail fail with EBADFD
+    {"setup", SND_PCM_STATE_SETUP, 0, 0},
     {"transfer", SND_PCM_STATE_RUNNING, -EIO, 0},
     {"again", SND_PCM_STATE_RUNNING, -EAGAIN, 0},
     {"pointer", SND_PCM_STATE_RUNNING, 0, -EPIPE},
@@ -240,13 +240,13 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     snd_pcm_sw_params_get_start_threshold(params, &start);
     snd_pcm_sw_params_get_avail_min(params, &least);
     log_line("thresholds start %lu avail_min %lu\n", start, least);
-    return answer("sw_params");
+    return 0;
 }
 
 int on_prepare(snd_pcm_ioplug_t *)
 {
     log_line("prepare\n");
-    return answer("prepare");
+    return 0;
 }
 
 int on_close(snd_pcm_ioplug_t *)
@@ -389,14 +389,18 @@ SND_PCM_PLUGIN_SYMBOL(capture);
 
 // --- Stand-ins, for a preloaded module ----------------------------------------------------------
 
-// Gives a call that CAPTURE_FAIL names a failure, and passes all others on.
-#define FAILING(result, name, parameters, arguments, failure)                                      \
+// Gives a call that CAPTURE_FAIL names a failure, and passes all others on; libasound makes the
+// first ones of some calls itself.
+#define FAILING_AFTER(passed, result, name, parameters, arguments, failure)                        \
     result name parameters                                                                         \
     {                                                                                              \
-        if (setting_has("CAPTURE_FAIL", #name)) return failure;                                    \
+        static int to_pass = passed;                                                               \
+        if (setting_has("CAPTURE_FAIL", #name) && to_pass-- <= 0) return failure;                  \
         static auto *real = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));       \
         return real arguments;                                                                     \
     }
+#define FAILING(result, name, parameters, arguments, failure)                                      \
+    FAILING_AFTER(0, result, name, parameters, arguments, failure)
 FAILING(int, snd_pcm_nonblock, (snd_pcm_t * p, int n), (p, n), -EIO)
 FAILING(int, snd_pcm_hw_params_any, (snd_pcm_t * p, snd_pcm_hw_params_t *h), (p, h), -EIO)
 FAILING(int, snd_pcm_hw_params_get_rate_min, (const snd_pcm_hw_params_t *h, unsigned *v, int *d),
@@ -410,12 +414,32 @@ FAILING(int, snd_pcm_hw_params_get_buffer_size,
 FAILING(int, snd_pcm_sw_params_current, (snd_pcm_t * p, snd_pcm_sw_params_t *s), (p, s), -EIO)
 FAILING(int, snd_pcm_sw_params_set_start_threshold,
         (snd_pcm_t * p, snd_pcm_sw_params_t *s, snd_pcm_uframes_t v), (p, s, v), -EIO)
+FAILING_AFTER(1, int, snd_pcm_sw_params, (snd_pcm_t * p, snd_pcm_sw_params_t *s), (p, s), -EIO)
+FAILING_AFTER(1, int, snd_pcm_prepare, (snd_pcm_t * p), (p), -EIO)
+FAILING(snd_pcm_sframes_t, snd_pcm_avail, (snd_pcm_t * p), (p), -EIO)
+FAILING(int, snd_pcm_hw_params_test_format,
+        (snd_pcm_t * p, snd_pcm_hw_params_t *h, snd_pcm_format_t v), (p, h, v), -EINVAL)
+FAILING(int, snd_pcm_hw_params_set_format,
+        (snd_pcm_t * p, snd_pcm_hw_params_t *h, snd_pcm_format_t v), (p, h, v), -EIO)
 FAILING(int, snd_pcm_sw_params_set_avail_min,
         (snd_pcm_t * p, snd_pcm_sw_params_t *s, snd_pcm_uframes_t v), (p, s, v), -EIO)
 FAILING(int, pthread_join, (pthread_t t, void **r), (t, r), EINVAL)
 FAILING(int, pthread_create, (pthread_t * t, const pthread_attr_t *a, void *(*f)(void *), void *g),
         (t, a, f, g), EAGAIN)
 #undef FAILING
+#undef FAILING_AFTER
+
+// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B.
+FILE *fopen64(const char *path, const char *mode)
+{
+    static auto *real =
+        reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen64"));
+    static int opened;
+    const auto swap = words_of(setting("CAPTURE_SWAP", ""));
+    if (swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1])
+        path = swap[2].c_str();
+    return real(path, mode);
+}
 
 int nice(int increment) noexcept
 {

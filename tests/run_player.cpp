@@ -206,8 +206,8 @@ void let_happen(const play_event &event, const run_state &state, play_result &re
         EXPECT_EQ(sent, static_cast<ssize_t>(event.type.size()));
     }
     if (event.signal != 0) kill(state.process, event.signal);
-    if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
     if (event.call) event.call();
+    if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
 }
 
 // Runs the events until the player has ended. Its exit as waitpid gives it.
