@@ -197,6 +197,7 @@ constexpr uint32_t dsd_frame_bytes = 8;
 constexpr uint32_t dsd_packed_frame_bytes = 6; // in 3-byte samples
 constexpr uint8_t native_cut = 0xAA;
 constexpr uint8_t dop_cut = 0x55;
+constexpr uint8_t i2s_cut = 0;
 
 // DoP open standard 1.1: the markers alternate from frame to frame for as long as the stream lasts,
 // over all files. A receiver that misses one plays the frames as PCM, which is full-scale noise.
@@ -215,60 +216,55 @@ void overwrite_cut_channels(dsd_chunk &chunk, uint8_t fill)
     }
 }
 
-// Stores one frame, split at the end of the data area where a ring made for another frame size
-// needs it. False when room for it will not come.
-bool store_dsd_frame(const uint8_t *frame, uint32_t frame_bytes)
+// Each form packs a chunk into whole frames at out. Result: bytes stored.
+
+size_t store(uint8_t *out, const dsd_frame &frame, size_t frame_bytes = dsd_frame_bytes)
 {
-    if (!wait_for_room(frame_bytes - 1)) return false;
-    ring_put(ring, frame, frame_bytes);
-    return true;
+    std::memcpy(out, frame.data(), frame_bytes);
+    return frame_bytes;
 }
 
-bool put_native_le(dsd_chunk &c)
+size_t pack_native_le(const dsd_chunk &c, uint8_t *out)
 {
-    overwrite_cut_channels(c, native_cut);
-    const dsd_frame frame = {c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]};
-    return store_dsd_frame(frame.data(), frame.size());
+    return store(out, {c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]});
 }
 
-bool put_native_be(dsd_chunk &c)
+size_t pack_native_be(const dsd_chunk &c, uint8_t *out)
 {
-    overwrite_cut_channels(c, native_cut);
-    const dsd_frame frame = {c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]};
-    return store_dsd_frame(frame.data(), frame.size());
+    return store(out, {c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]});
 }
 
 // Two DoP frames; lay_out gives the bytes of one from four bytes of the chunk and the marker.
-template <typename Layout> bool put_dop(dsd_chunk &chunk, uint32_t frame_bytes, Layout lay_out)
+template <size_t frame_bytes, typename Layout>
+size_t pack_dop(const dsd_chunk &chunk, uint8_t *out, Layout lay_out)
 {
-    overwrite_cut_channels(chunk, dop_cut);
+    size_t bytes = 0;
     for (size_t i = 0; i < chunk.size(); i += 4) {
-        const dsd_frame frame =
-            lay_out(&chunk[i], dop_marker[static_cast<size_t>(dop_marker_phase)]);
-        if (!store_dsd_frame(frame.data(), frame_bytes)) return false;
+        const uint8_t marker = dop_marker[static_cast<size_t>(dop_marker_phase)];
+        bytes += store(out + bytes, lay_out(&chunk[i], marker), frame_bytes);
         dop_marker_phase ^= 1;
     }
-    return true;
+    return bytes;
 }
 
-bool put_dop_3_bytes(dsd_chunk &chunk)
+size_t pack_dop_3_bytes(const dsd_chunk &chunk, uint8_t *out)
 {
-    return put_dop(chunk, dsd_packed_frame_bytes, [](const uint8_t *c, uint8_t marker) {
+    return pack_dop<dsd_packed_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
         return dsd_frame{c[2], c[0], marker, c[3], c[1], marker};
     });
 }
 
-bool put_dop_4_bytes(dsd_chunk &chunk)
+size_t pack_dop_4_bytes(const dsd_chunk &chunk, uint8_t *out)
 {
-    return put_dop(chunk, dsd_frame_bytes, [](const uint8_t *c, uint8_t marker) {
+    return pack_dop<dsd_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
         return dsd_frame{0, c[2], c[0], marker, 0, c[3], c[1], marker};
     });
 }
 
 // S24_LE carries the low 24 bits of its word.
-bool put_dop_s24(dsd_chunk &chunk)
+size_t pack_dop_s24(const dsd_chunk &chunk, uint8_t *out)
 {
-    return put_dop(chunk, dsd_frame_bytes, [](const uint8_t *c, uint8_t marker) {
+    return pack_dop<dsd_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
         return dsd_frame{c[2], c[0], marker, 0, c[3], c[1], marker, 0};
     });
 }
@@ -290,9 +286,8 @@ uint16_t interleave_bits(uint8_t left, uint8_t right)
 
 // Two words of bits, left and right in turn, the older half-word above, each word lowest byte
 // first.
-bool put_i2s(dsd_chunk &chunk)
+size_t pack_i2s(const dsd_chunk &chunk, uint8_t *out)
 {
-    overwrite_cut_channels(chunk, 0);
     dsd_frame frame{};
     for (size_t i = 0; i < chunk.size(); i += 4) {
         const uint16_t older = interleave_bits(chunk[i], chunk[i + 1]);
@@ -302,13 +297,13 @@ bool put_i2s(dsd_chunk &chunk)
         frame[i + 2] = static_cast<uint8_t>(older);
         frame[i + 3] = static_cast<uint8_t>(older >> 8);
     }
-    ring_put(ring, frame.data(), frame.size());
-    return true;
+    return store(out, frame);
 }
 
 struct dsd_form {
-    bool (*put)(dsd_chunk &chunk); // false when the chunk could not be stored whole
-    uint32_t charge;               // frames of budget that a chunk costs
+    size_t (*pack)(const dsd_chunk &chunk, uint8_t *out);
+    uint32_t charge; // frames of budget that a chunk costs
+    uint8_t cut;     // what a cut channel's bytes become
 };
 
 // The format decides before i2s_mode does; a PCM word of any other format gets DoP in 4 bytes.
@@ -316,21 +311,41 @@ dsd_form current_dsd_form()
 {
     switch (load_acquire(output_format)) {
     case SND_PCM_FORMAT_DSD_U32_LE:
-        return {put_native_le, 1};
+        return {pack_native_le, 1, native_cut};
     case SND_PCM_FORMAT_DSD_U32_BE:
-        return {put_native_be, 1};
+        return {pack_native_be, 1, native_cut};
     case SND_PCM_FORMAT_S24_3LE:
-        return {put_dop_3_bytes, 2};
+        return {pack_dop_3_bytes, 2, dop_cut};
     default:
         break;
     }
-    if (load_acquire(i2s_mode) != 0) return {put_i2s, 2};
-    if (load_acquire(output_format) == SND_PCM_FORMAT_S24_LE) return {put_dop_s24, 2};
-    return {put_dop_4_bytes, 2};
+    if (load_acquire(i2s_mode) != 0) return {pack_i2s, 2, i2s_cut};
+    if (load_acquire(output_format) == SND_PCM_FORMAT_S24_LE) return {pack_dop_s24, 2, dop_cut};
+    return {pack_dop_4_bytes, 2, dop_cut};
+}
+
+// The frames of one call, on their way into the ring; a chunk of two may end one above the budget.
+std::array<uint8_t, (dsd_call_frames + 1) * dsd_frame_bytes> packed_frames;
+static_assert(sizeof packed_frames < smallest_buffer_bytes / 100 * (100 - primed_percent - 1),
+              "priming leaves room for a whole call");
+
+// Packs chunks of the feeding file for as many frames as budget. *bytes: what packed_frames holds
+// then. False when the file ended.
+bool pack_chunks(uint32_t budget, size_t *bytes)
+{
+    for (*bytes = 0; budget > 0;) {
+        dsd_chunk chunk;
+        if (read_samples(feeding_file, chunk.data(), dsd_group_bytes) < 1) return false;
+        const dsd_form form = current_dsd_form();
+        overwrite_cut_channels(chunk, form.cut);
+        *bytes += form.pack(chunk, &packed_frames[*bytes]);
+        budget -= std::min(budget, form.charge);
+    }
+    return true;
 }
 
 // Frames of room that one call may use; 0 for none worth a call. *budget: those up to the wrap. A
-// ring made for other frames may end in less than one: store_dsd_frame splits that frame.
+// ring made for other frames may end in less than one: ring_put splits that frame.
 uint32_t dsd_room(uint32_t frame_bytes, uint32_t *budget)
 {
     const uint32_t frames = std::min(ring_free(ring) / frame_bytes, dsd_call_frames);
@@ -880,16 +895,12 @@ int32_t dsd_feeder()
     uint32_t budget = 0;
     if (dsd_room(packed ? dsd_packed_frame_bytes : dsd_frame_bytes, &budget) == 0) return 0;
 
-    while (true) {
-        dsd_chunk chunk;
-        if (read_samples(feeding_file, chunk.data(), dsd_group_bytes) < 1) {
-            open_next_file();
-            return -1;
-        }
-        const dsd_form form = current_dsd_form();
-        if (!form.put(chunk) || budget <= form.charge) return -1;
-        budget -= form.charge;
-    }
+    size_t bytes = 0;
+    const bool more = pack_chunks(budget, &bytes);
+    if (bytes > 0 && wait_for_room(static_cast<uint32_t>(bytes) - 1))
+        ring_put(ring, packed_frames.data(), static_cast<uint32_t>(bytes));
+    if (!more) open_next_file();
+    return -1;
 }
 
 // Feeds PCM: one staging buffer, whole, or the end of a file. 0: nothing done, after a SIGINT or
