@@ -84,7 +84,7 @@ static constexpr int32_t widest_vector_floats = 16;
 
 // Bits that all stay, but for those of the middle float.
 alignas(64) static constexpr auto clear_masks = [] {
-    std::array<float, 2 * widest_vector_floats> masks{};
+    std::array<float, size_t{2} * widest_vector_floats> masks{};
     masks.fill(std::bit_cast<float>(~0U));
     masks[widest_vector_floats] = 0;
     return masks;
@@ -473,7 +473,8 @@ static void add_to(const accumulators &acc, pending *p, const float *input, cons
 // Reads a block out into every other float of output, and clears it.
 static void read_block(float *block, bool cut, float *output)
 {
-    for (int32_t c = 0; c < block_entries; c++) output[stream_channels * c] = cut ? 0.0F : block[c];
+    for (ptrdiff_t c = 0; c < block_entries; c++)
+        output[stream_channels * c] = cut ? 0.0F : block[c];
     std::fill_n(block, block_entries, 0.0F);
 }
 

@@ -296,8 +296,9 @@ TEST_F(filter_test, folds_an_input_over_eight_frames)
                                      132.3, 116.1, 99.0,  81.0,  62.1,  42.3,  21.6,  0.0};
     for (const char *form : filter_form_names)
         for (const int32_t at : {0, 1, 3, 70}) { // over the ring's turns and the batches' ends
-            std::vector<double> expected(static_cast<size_t>(8 * (at + 1)));
-            for (int32_t block = 3; block >= 0; block--)
+            const int32_t frames_before = 8 * (at + 1);
+            std::vector<double> expected(static_cast<size_t>(frames_before));
+            for (ptrdiff_t block = 3; block >= 0; block--)
                 expected.insert(expected.end(), merged.begin() + 8 * block,
                                 merged.begin() + 8 * block + 8);
             expected.resize(expected.size() + 64);
@@ -329,11 +330,12 @@ TEST_F(filter_test, lays_taps_by_the_positions_copy)
     for (const char *form : filter_form_names)
         for (const auto &[position, first_step, figures] : cases)
             for (const int32_t turns : {0, 1, 4}) {
-                std::vector<double> expected(static_cast<size_t>(turns * ring + first_step));
+                const int32_t start = turns * ring;
+                std::vector<double> expected(static_cast<size_t>(start + first_step));
                 expected.insert(expected.end(), figures.begin(), figures.end());
-                expected.resize(static_cast<size_t>((turns + 3) * ring));
-                const auto output =
-                    impulse_response(form, 352800, turns * ring + position, (turns + 3) * ring);
+                const int32_t calls = start + 3 * ring;
+                expected.resize(static_cast<size_t>(calls));
+                const auto output = impulse_response(form, 352800, start + position, calls);
                 if (!output.empty()) expect_channels(output, expected, form);
             }
 }
@@ -659,16 +661,16 @@ TEST(coefficient_sets, respond_as_published)
 
 TEST(coefficient_sets, are_what_the_tool_computes)
 {
-    std::FILE *tool = popen(COEFFICIENT_TOOL_PATH " --print", "r");
+    std::FILE *tool = popen(COEFFICIENT_TOOL_PATH " --print", "r"); // NOLINT(cert-env33-c)
     ASSERT_NE(tool, nullptr);
+    std::array<char, 64> line{};
     for (const set_figures &f : all_figures)
         for (int32_t i = 0; i < f.tap_count; i++) {
-            float tap = -1;
-            ASSERT_EQ(std::fscanf(tool, "%f", &tap), 1) << f.tap_count << ", tap " << i;
-            ASSERT_EQ(tap, f.set->taps[i]) << f.tap_count << ", tap " << i;
+            ASSERT_NE(std::fgets(line.data(), line.size(), tool), nullptr) << f.tap_count;
+            ASSERT_EQ(std::strtof(line.data(), nullptr), f.set->taps[i])
+                << f.tap_count << ", tap " << i;
         }
-    float more = 0;
-    EXPECT_EQ(std::fscanf(tool, "%f", &more), EOF);
+    EXPECT_EQ(std::fgets(line.data(), line.size(), tool), nullptr);
     EXPECT_EQ(pclose(tool), 0);
 }
 

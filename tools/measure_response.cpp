@@ -64,11 +64,13 @@ double set_magnitude(const coeff_set &set, double turns_a_tap)
 
 void print_sets()
 {
-    constexpr double step = 25; // Hz
+    constexpr int32_t step = 25; // Hz
     for (const auto &[title, set, rate] : named_sets) {
         std::printf("\"%s\"\n", title);
-        for (double f = 0; f <= rate / 2.0; f += step)
-            std::printf("%.0f %.3f\n", f, decibels(set_magnitude(*set, f / rate)));
+        for (int32_t f = 0; f <= rate / 2; f += step) {
+            const double turns_a_tap = static_cast<double>(f) / rate;
+            std::printf("%" PRId32 " %.3f\n", f, decibels(set_magnitude(*set, turns_a_tap)));
+        }
         std::printf("\n\n");
     }
 }
