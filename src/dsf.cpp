@@ -104,7 +104,7 @@ bool file_holds_pair(const soundfile *file)
 bool provide_buffer(const soundfile *file)
 {
     const uint64_t wanted = pair_bytes(file);
-    if (wanted > INT32_MAX) return false; // dsf_position counts in 32 bits
+    if (file->dsf_block_size > INT32_MAX) return false; // dsf_position counts in 32 bits
     if (wanted <= dsf_buffer_size || !file_holds_pair(file)) return true;
     auto *buffer = static_cast<uint8_t *>(std::realloc(dsf_buffer, wanted));
     if (buffer == nullptr) {
