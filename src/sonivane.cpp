@@ -193,8 +193,8 @@ bool wait_for_room(uint32_t short_of)
 
 constexpr uint32_t dsd_call_frames = 3528; // most frames of one call
 constexpr uint32_t dsd_least_frames = 352; // with less room a call does nothing
-constexpr uint32_t dsd_frame_bytes = 8;
-constexpr uint32_t dsd_packed_frame_bytes = 6; // in 3-byte samples
+constexpr size_t dsd_frame_bytes = 8;
+constexpr size_t dsd_packed_frame_bytes = 6; // in 3-byte samples
 constexpr uint8_t native_cut = 0xAA;
 constexpr uint8_t dop_cut = 0x55;
 constexpr uint8_t i2s_cut = 0;
@@ -356,7 +356,7 @@ uint32_t dsd_room(uint32_t frame_bytes, uint32_t *budget)
 // --- PCM feeder ---------------------------------------------------------------------------------
 
 constexpr int32_t staging_bytes = 3072;
-constexpr int32_t staging_words = staging_bytes; // samples of one byte each
+constexpr size_t staging_words = staging_bytes; // samples of one byte each
 
 std::array<uint8_t, staging_bytes> pcm_staging;
 int32_t staged_bytes;    // bytes of pcm_staging not yet decoded
@@ -892,8 +892,9 @@ int32_t dsd_feeder()
 {
     if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
     const bool packed = load_acquire(output_format) == SND_PCM_FORMAT_S24_3LE;
+    const size_t frame_bytes = packed ? dsd_packed_frame_bytes : dsd_frame_bytes;
     uint32_t budget = 0;
-    if (dsd_room(packed ? dsd_packed_frame_bytes : dsd_frame_bytes, &budget) == 0) return 0;
+    if (dsd_room(static_cast<uint32_t>(frame_bytes), &budget) == 0) return 0;
 
     size_t bytes = 0;
     const bool more = pack_chunks(budget, &bytes);

@@ -116,8 +116,8 @@ void rewrite_to_stereo(soundfile *file, uint64_t size)
 int32_t read_frames(const soundfile *file, int32_t width, uint8_t *bytes, int32_t limit)
 {
     std::array<uint8_t, INT16_MAX + 1> frame_buffer;
-    const auto stored = static_cast<size_t>(file->channels * width);
     const auto sample = static_cast<size_t>(width);
+    const size_t stored = static_cast<size_t>(file->channels) * sample;
     const size_t second = file->channels > 1 ? sample : 0; // one channel goes to both sides
     int32_t delivered = 0;
     while (delivered + delivered_channels * width <= limit &&
