@@ -256,6 +256,11 @@ const std::vector<ending_row> endings = {
     {.name = "hang_up", .events = {then_send(SIGHUP)}, .status = -SIGHUP, .shape = "F+BS+"},
 };
 
+void PrintTo(const ending_row &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
 class play_console_ending : public testing::TestWithParam<ending_row>
 {
 };
@@ -285,7 +290,7 @@ TEST_P(play_console_ending, leaves_the_terminal_as_it_was)
     }
 }
 INSTANTIATE_TEST_SUITE_P(all, play_console_ending, testing::ValuesIn(endings),
-                         [](const auto &test) { return std::string(test.param.name); });
+                         testing::PrintToStringParamName());
 
 // Before the ring exists the terminal is left alone.
 TEST(play_console, a_report_before_playing_leaves_the_terminal_alone)

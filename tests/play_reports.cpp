@@ -260,6 +260,11 @@ const std::vector<report_row> report_rows = {
      .capture = {{"FAIL", "start"}, {"BUFFER_BYTES", "32768-32768"}, {"CAPS", "7"}}},
 };
 
+void PrintTo(const report_row &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
 class play_report : public testing::TestWithParam<report_row>
 {
 };
@@ -287,7 +292,7 @@ TEST_P(play_report, is_told_and_ends_as_told)
     EXPECT_EQ(sleeps, refused);
 }
 INSTANTIATE_TEST_SUITE_P(all, play_report, testing::ValuesIn(report_rows),
-                         [](const auto &test) { return std::string(test.param.name); });
+                         testing::PrintToStringParamName());
 
 // --- Faults while the output thread runs --------------------------------------------------------
 
@@ -324,6 +329,11 @@ const std::vector<fault_row> fault_rows = {
     {"again", in_sound, 368 & 255, thread_report(368, "snd_pcm_writei() returned code -11\n")},
 };
 
+void PrintTo(const fault_row &row, std::ostream *out)
+{
+    *out << row.kind << (row.after == in_sound ? "_late" : "_early");
+}
+
 class play_fault : public testing::TestWithParam<fault_row>
 {
 };
@@ -343,9 +353,8 @@ TEST_P(play_fault, ends_as_told)
         EXPECT_TRUE(result.log.back().starts_with("close ")) << result.log.back();
     }
 }
-INSTANTIATE_TEST_SUITE_P(all, play_fault, testing::ValuesIn(fault_rows), [](const auto &test) {
-    return std::string(test.param.kind) + (test.param.after == in_sound ? "_late" : "_early");
-});
+INSTANTIATE_TEST_SUITE_P(all, play_fault, testing::ValuesIn(fault_rows),
+                         testing::PrintToStringParamName());
 
 // A device that is ready but never takes a frame of the silence ends with a key.
 TEST(play_faults, a_device_that_takes_nothing_ends_with_a_key)

@@ -90,6 +90,12 @@ void close_all(const std::array<int, 3> &descriptors)
 
 // --- The player's side --------------------------------------------------------------------------
 
+void add_option(const char *name, const std::string &option)
+{
+    const char *options = std::getenv(name);
+    setenv(name, (option + ":" + (options != nullptr ? options : "")).c_str(), 1);
+}
+
 void set_environment(const run_state &state, const play_settings &settings)
 {
     const auto set = [](const std::string &name, const std::string &value) {
@@ -100,10 +106,10 @@ void set_environment(const run_state &state, const play_settings &settings)
     set("CAPTURE_FILE", state.directory + "/capture");
     if (settings.gated) set("CAPTURE_GATE", state.directory + "/gate");
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
-    if (!settings.stand_ins) return;
-    set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
-    const char *options = std::getenv("ASAN_OPTIONS");
-    set("ASAN_OPTIONS", "verify_asan_link_order=0:" + std::string(options ? options : ""));
+    if (settings.stand_ins) set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
+    // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
+    add_option("ASAN_OPTIONS", "verify_asan_link_order=0");
+    add_option("TSAN_OPTIONS", "report_thread_leaks=0");
 }
 
 // The player of the foreground: a session with the terminal as its own, so that keys make signals.
