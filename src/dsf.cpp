@@ -164,7 +164,7 @@ int32_t dsf_open(soundfile *file)
 
 int32_t dsf_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
-    if (file == nullptr || file->fp == nullptr || std::feof(file->fp) != 0 ||
+    if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0 ||
         file->dsf_bytes_left <= 0)
         return -1;
     // Nothing handed out yet: what the buffer holds is of another file.
