@@ -97,6 +97,9 @@ TEST(Wav, RefusesWhatIsNoSoundFile)
         {"frame below 0", make_wav({.block_align = 0xFFFC})},
         {"samples of less than a byte", make_wav({.channels = 6, .block_align = 5})},
         {"samples of 32768 bits", make_wav({.channels = 1, .block_align = 4096})},
+        // Twice this is below 0 in 64 bits, and a large positive number in the low 32.
+        {"RF64 share of 2^64 - 2^32 - 2^31 - 32",
+         make_rf64({.channels = 1, .data_size = 0x7FFFFFFF3FFFFFF0, .data = noise(1, 16)})},
     };
     for (const auto &c : cases) EXPECT_EQ(opened_file(wav_open, c.content).verdict, -1) << c.what;
 }
@@ -118,6 +121,8 @@ TEST(Wav, TakesWhatTheHeaderAllows)
         {"size word of \"data\" in RF64", patched(rf64, 76, {1, 2, 3, 4}), 16},
         {"chunk of 0xFFFFFFFF bytes counts as empty",
          make_wav({.before_data = hex_bytes("4A 55 4E 4B FF FF FF FF"), .data = noise(1, 16)}), 16},
+        {"largest share", make_rf64({.channels = 1, .data_size = 0x3FFFFFFFFFFFFFFE}),
+         INT64_MAX - 3},
         {"no channels", make_wav({.channels = 0, .block_align = 4, .data = noise(1, 16)}), 0},
     };
     for (const auto &c : cases) {
@@ -125,7 +130,7 @@ TEST(Wav, TakesWhatTheHeaderAllows)
         EXPECT_EQ(f.verdict, 0) << c.what;
         EXPECT_EQ(f.file.bytes_left, c.bytes_left) << c.what;
     }
-    opened_file none(wav_open, cases[5].content);
+    opened_file none(wav_open, cases[6].content);
     EXPECT_EQ(none.file.wave.wBitsPerSample, 0);
     EXPECT_EQ(none.file.wave.nChannels, 2);
     EXPECT_EQ(none.file.channels, 0);
