@@ -18,10 +18,12 @@ struct verdict {
     int32_t result; // -2: a fatal report
     int32_t sample_format, sample_bytes, channels, block_bytes, container;
     int64_t bytes_left, data_bytes;
-    wave_format wave;
+    std::array<uint8_t, sizeof(wave_format)> wave;
     feeder_slot feeder;
     reader_slot reader;
     long offset; // of the first sound byte
+
+    bool operator==(const verdict &) const = default;
 };
 
 verdict open_once(const char *path)
@@ -29,8 +31,7 @@ verdict open_once(const char *path)
     static std::optional<soundfile> fresh; // static: it stays whole when the opener is left
     soundfile &record = fresh.emplace();
     record.path = const_cast<char *>(path);
-    verdict v;
-    std::memset(&v, 0, sizeof v);
+    verdict v{};
     fill_buffer = nullptr;
     read_samples = nullptr;
     v.result = setjmp(fatal_end) == 0 ? open_soundfile(&record) : -2;
@@ -42,7 +43,7 @@ verdict open_once(const char *path)
         v.container = record.container;
         v.bytes_left = record.bytes_left;
         v.data_bytes = record.data_bytes;
-        v.wave = record.wave;
+        std::memcpy(v.wave.data(), &record.wave, v.wave.size());
         v.feeder = fill_buffer;
         v.reader = read_samples;
         v.offset = std::ftell(record.fp);
@@ -65,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const char *path = fuzz_file_path(data, size);
     const verdict first = open_once(path);
     const verdict second = open_once(path);
-    if (std::memcmp(&first, &second, sizeof first) != 0) std::abort();
+    if (first != second) std::abort();
     dsf_release();
     return 0;
 }
