@@ -1,4 +1,4 @@
-// The capture device of the tests: an ALSA external I/O plug-in that takes what it is told to take,
+// The capture device: an ALSA external I/O plug-in that takes what it is told to take,
 // at the pace it is told, keeps every frame it got and logs what happened. It is set up by the
 // environment, see open_device() and the readers below.
 //
