@@ -270,7 +270,7 @@ TEST_P(play_console_ending, leaves_the_terminal_as_it_was)
     const ending_row &row = GetParam();
     const auto result =
         run_player({.arguments = {wave_of_seconds("a.wav", 12)},
-                    .capture = {{"SPEED", "4"}, {"DRY_MS", "100"}, {"FAULT", row.fault}},
+                    .capture = {{"SPEED", "4"}, {"DRY_MS", "600"}, {"FAULT", row.fault}},
                     .events = row.events,
                     .input = wire::terminal,
                     .output = wire::terminal,
