@@ -239,11 +239,13 @@ template <size_t frame_bytes, typename Layout>
 size_t pack_dop(const dsd_chunk &chunk, uint8_t *out, Layout lay_out)
 {
     size_t bytes = 0;
+    int32_t phase = dop_marker_phase;
     for (size_t i = 0; i < chunk.size(); i += 4) {
-        const uint8_t marker = dop_marker[static_cast<size_t>(dop_marker_phase)];
+        const uint8_t marker = dop_marker[static_cast<size_t>(phase)];
         bytes += store(out + bytes, lay_out(&chunk[i], marker), frame_bytes);
-        dop_marker_phase ^= 1;
+        phase ^= 1;
     }
+    dop_marker_phase = phase;
     return bytes;
 }
 
@@ -337,7 +339,7 @@ bool pack_chunks(uint32_t budget, size_t *bytes)
         dsd_chunk chunk;
         if (read_samples(feeding_file, chunk.data(), dsd_group_bytes) < 1) return false;
         const dsd_form form = current_dsd_form();
-        overwrite_cut_channels(chunk, form.cut);
+        if ((left_cut | right_cut) != 0) overwrite_cut_channels(chunk, form.cut);
         *bytes += form.pack(chunk, &packed_frames[*bytes]);
         budget -= std::min(budget, form.charge);
     }
