@@ -215,8 +215,8 @@ inline void expect_stream(const play_result &result, const device_form &device, 
         std::string("params ") + device.name + " rate " + std::to_string(rate) + " ";
     EXPECT_TRUE(log_has(result, params)) << params << " not among\n" << result.err;
     bytes whole;
-    for (uint64_t frame = told_preroll(result, static_cast<uint64_t>(rate)); frame > 0; frame -= 2)
-        put_bytes(whole, silence);
+    const uint64_t preroll = told_preroll(result, static_cast<uint64_t>(rate));
+    for (uint64_t frame = 0; frame < preroll; frame += 2) put_bytes(whole, silence);
     put_bytes(whole, sound);
     EXPECT_TRUE(same_bytes(result.capture, whole));
 }

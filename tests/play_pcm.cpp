@@ -126,6 +126,8 @@ TEST(play_pcm, a_slow_device_gets_the_same)
     const auto result = run_player(
         {.arguments = {scratch_file("a.wav", wave_file(sound))}, .capture = {{"SPEED", "20"}}});
     expect_pcm_stream(result, s32_le, 48000, device_bytes(sound, s32_le));
+    EXPECT_TRUE(log_has(result, "params S32_LE rate 48000 channels 2 buffer 24000"));
+    EXPECT_TRUE(log_has(result, "thresholds start 12000 avail_min 24000"));
 }
 
 // Later files of other widths and rates go into the stream that the first one set up.

@@ -207,6 +207,7 @@ void let_happen(const play_event &event, const run_state &state, play_result &re
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
     result.at_events.push_back(mode);
     result.captured_at_events.push_back(captured_bytes(state));
+    result.shown_at_events.push_back(result.out.size());
     if (!event.type.empty()) {
         const ssize_t sent = write(state.near[0], event.type.data(), event.type.size());
         EXPECT_EQ(sent, static_cast<ssize_t>(event.type.size()));

@@ -54,6 +54,7 @@ struct play_result {
     bytes capture;
     std::vector<std::string> log;
     std::vector<size_t> captured_at_events; // bytes
+    std::vector<size_t> shown_at_events;    // characters of out
     // The terminal before the start, at each event and after the end.
     termios before{};
     std::vector<termios> at_events;
