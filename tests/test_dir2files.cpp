@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -24,8 +26,6 @@ class Expansion : public testing::Test
   protected:
     Expansion()
     {
-        std::string pattern = fs::temp_directory_path() / "sonivane-XXXXXX";
-        folder = mkdtemp(pattern.data());
         fs::current_path(folder);
     }
     ~Expansion() override
@@ -35,7 +35,8 @@ class Expansion : public testing::Test
         fs::remove_all(folder);
     }
     const fs::path before = fs::current_path();
-    fs::path folder;
+    const fs::path folder =
+        mkdtemp((fs::temp_directory_path() / "sonivane-XXXXXX").string().data());
 };
 
 // The list for the arguments, each behind a blank, and behind it what standard error got.
@@ -68,12 +69,11 @@ TEST_F(Expansion, FilesAndDirectoriesGiveOneSortedList)
         {"b.wav a.wav A.wav b.wav", " A.wav a.wav b.wav b.wav"},
         {"", " ./A.wav ./a.wav ./b.wav"},
         {"music a.wav", " a.wav music/.hidden music/b music/z.txt"},
-        {"music/", " music/.hidden music/b music/z.txt"},
-        {"linked", " linked/.hidden linked/b linked/z.txt"},
+        {"music/ linked",
+         " linked/.hidden linked/b linked/z.txt music/.hidden music/b music/z.txt"},
         {"c.wav music/link pipe /dev/null", " c.wav music/link"},
         {"only empty pipe", ""},
-        {"b.wav none a.wav", " a.wav b.wav" + no_file + "none\n"},
-        {"dead", no_file + "dead\n"},
+        {"b.wav none a.wav dead", " a.wav b.wav" + no_file + "none\n" + no_file + "dead\n"},
         {"a.wav/x", "Not a directory\n\nERROR dir2files 136 cannot stat a.wav/x\n"},
     };
     for (const auto &[arguments, expected] : cases) EXPECT_EQ(expand(arguments), expected);
@@ -90,7 +90,7 @@ TEST_F(Expansion, FilesAndDirectoriesGiveOneSortedList)
               "Too many open files\n\nERROR dir2files 151 directory music open failed.\n");
 }
 
-TEST_F(Expansion, AComposedPathIsCut)
+TEST_F(Expansion, LongPathsAreCutAndSortedUpToALimit)
 {
     std::string deep;
     while (deep.size() < 1990) deep += std::string(198, 'd') + "/";
@@ -98,12 +98,10 @@ TEST_F(Expansion, AComposedPathIsCut)
     const std::string path = deep + std::string(50, 'a') + "123456789";
     std::ofstream file(path);
     EXPECT_EQ(expand(deep), " " + path.substr(0, 2046));
-}
 
-TEST_F(Expansion, NamesEqualWithinTheLimitStayInTheirOrder)
-{
-    for (const char *path : {"1", "2"}) std::ofstream file(path);
-    // What tells the names apart is byte 2048 or the one behind it.
+    for (const char *name : {"1", "2"}) std::ofstream empty(name);
+    // What tells the names apart is byte 2048, or the one behind it, where they stay in their
+    // order.
     for (const size_t same : {2047U, 2048U}) {
         std::string given, halves[2];
         for (int i = 0; i < 50; ++i) {
@@ -140,16 +138,10 @@ TEST_F(Expansion, ThePoolGrowsByWholeDoublings)
     EXPECT_EQ(pool_count + pool_chars_used, 0);
     EXPECT_EQ(pool_capacity + pool_chars_size, 256 + 8192) << "kept for the next list";
 
-    // The numbers alone are brought to their limit: what would pass it must not be stored.
-    for (const int32_t used : {1 << 30, std::numeric_limits<int32_t>::max()}) {
-        pool_chars_size = 1 << 30;
-        pool_chars_used = used;
-        add(1);
-        EXPECT_EQ(pool_count, 0);
-    }
-    pool_capacity = pool_count = 1 << 30;
+    // The number alone is brought to its limit: what would pass it must not be stored.
+    pool_chars_used = std::numeric_limits<int32_t>::max();
     add(1);
-    EXPECT_EQ(pool_count, 1 << 30);
+    EXPECT_EQ(pool_count, 0);
 }
 
 } // namespace
