@@ -105,7 +105,7 @@ std::array<float, 2> next_frame(signal &s)
 int64_t frames_to_compare()
 {
     if (std::getenv("SONIVANE_FULL") != nullptr) return 1000000;
-#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     return 72000; // a million over all rates and sets
 #else
     return 12000;
