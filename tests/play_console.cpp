@@ -184,16 +184,24 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
     EXPECT_GT(result.out.find("playing file 2/2"), result.shown_at_events[2]);
 }
 
+// The device waits for the banner: a short file may be played before main comes to show it.
+play_result play_until_banner(const std::string &name)
+{
+    return run_player({.arguments = {name},
+                       .events = {{.out_has = "playing file 1/1", .allow = 1000000}},
+                       .gated = true});
+}
+
 // A name with a directory is shown twice, and a long one on a line of its own.
 TEST(play_console, banner_shows_the_name_as_it_was_given)
 {
     const std::string path = wave_of_seconds("a.wav", 1);
     const std::string longer = wave_of_seconds("a-name-that-is-longer-than-a-line-holds.wav", 1);
-    const auto short_one = run_player({.arguments = {"a.wav"}});
+    const auto short_one = play_until_banner("a.wav");
     EXPECT_NE(short_one.out.find("total 0:01 \"a.wav\"\n"), std::string::npos);
-    const auto with_directory = run_player({.arguments = {"./a.wav"}});
+    const auto with_directory = play_until_banner("./a.wav");
     EXPECT_NE(with_directory.out.find("total 0:01 \"a.wav\" \"./a.wav\"\n"), std::string::npos);
-    const auto long_one = run_player({.arguments = {longer}});
+    const auto long_one = play_until_banner(longer);
     EXPECT_NE(long_one.out.find("holds.wav\" \n\"" + longer + "\"\n"), std::string::npos);
 }
 

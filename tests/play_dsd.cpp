@@ -99,8 +99,7 @@ play_settings beside_controller(play_settings settings)
 
 play_settings settings_for(const dsd_form &form, const std::vector<std::string> &arguments)
 {
-    const play_settings settings = {.arguments = arguments,
-                                    .capture = {{"FORMATS", form.device.name}}};
+    play_settings settings = {.arguments = arguments, .capture = {{"FORMATS", form.device.name}}};
     if (form.packing != dsd_packing::i2s) return settings;
     shared_block()->state = -1; // told already: no signal
     return beside_controller(settings);

@@ -40,7 +40,7 @@ std::vector<std::string> with(std::vector<std::string> options, const std::strin
 TEST(play_pcm, every_sample_reaches_every_device)
 {
     size_t turn = 0; // containers and cuts take turns: each meets each sample, device and count
-    for (const size_t channels : {1, 2, 6}) {
+    for (const size_t channels : {1U, 2U, 6U}) {
         for (const sample_row &sample : samples) {
             for (const device_form &device : devices) {
                 const cuts cut = all_cuts[turn / 3 % 4];

@@ -141,6 +141,7 @@ void take_streams(const run_state &state)
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
     words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     take_streams(state);
@@ -276,7 +277,7 @@ const std::string &scratch_directory()
 
 std::string scratch_file(const std::string &name, const bytes &content)
 {
-    const std::string path = scratch_directory() + "/" + name;
+    std::string path = scratch_directory() + "/" + name;
     write_file(path, content);
     return path;
 }
