@@ -160,7 +160,7 @@ TEST(play_console, each_file_has_its_banner_when_its_first_frame_goes_out)
                                     .gated = true});
     EXPECT_EQ(result.status, 0);
     const auto items = read_shown(result.out);
-    expect_shape(items, "F+BS+BS*BS*WWN");
+    expect_shape(items, "F+BS+B[Sw]*B[Sw]*WWN");
     EXPECT_EQ(numbers_of(items, 'B', 0), (std::vector{1, 2, 3}));
 }
 
