@@ -61,8 +61,26 @@ inline bytes patched(bytes content, size_t at, const bytes &with)
     return content;
 }
 
-// Where text stands in content, which holds it.
-inline size_t find_text(const bytes &content, const std::string &text)
+// The bytes of numbers and words, to be joined.
+inline bytes le(uint64_t value, int width)
 {
-    return std::string(content.begin(), content.end()).find(text);
+    bytes result;
+    put_le(result, value, width);
+    return result;
+}
+inline bytes be(uint64_t value, int width)
+{
+    bytes result;
+    put_be(result, value, width);
+    return result;
+}
+inline bytes text(const std::string &s)
+{
+    return {s.begin(), s.end()};
+}
+inline bytes joined(std::initializer_list<bytes> parts)
+{
+    bytes result;
+    for (const bytes &part : parts) put_bytes(result, part);
+    return result;
 }

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <vector>
 
 #include "coeff_sets.h"
+#include "sonivane.h"
 
 struct scalar_filter {
     std::vector<float> table44; // the folded taps
@@ -16,16 +18,12 @@ struct scalar_filter {
     std::vector<float> left48, right48;
     int64_t steps48;
     int64_t rate_sum;
-    int64_t source_rate;
-    bool cut_left, cut_right;
 };
 
-inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set &taps48,
-                                        int32_t source_rate)
+inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set &taps48)
 {
     const float gain = 0.9F;
     scalar_filter f{};
-    f.source_rate = source_rate;
     const int32_t folded = 8;
     for (int32_t end = 1; end <= taps44.tap_count + folded; end++) {
         float sum = 0;
@@ -47,12 +45,12 @@ inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set
 }
 
 // Adds x times the table, entered at start, to the whole ring.
-inline void scalar_add(std::vector<float> &ring, const std::vector<float> &table, size_t start,
+inline void scalar_add(std::vector<float> &acc, const std::vector<float> &table, size_t start,
                        float x)
 {
-    const size_t length = ring.size();
-    for (size_t a = 0; a < length - start; a++) ring[a] += x * table[start + a];
-    for (size_t a = length - start; a < length; a++) ring[a] += x * table[start + a - length];
+    const size_t wrap = acc.size() - start;
+    for (size_t a = 0; a < wrap; a++) acc[a] += x * table[start + a];
+    for (size_t a = wrap; a < acc.size(); a++) acc[a] += x * table[a - wrap];
 }
 
 // Reads out an entry and clears it.
@@ -64,22 +62,24 @@ inline float scalar_take(float &entry, bool cut = false)
 }
 
 // Feeds one frame; appends the floats that it gives, left and right in turn, to output.
-inline void scalar_filter_run(scalar_filter &f, float left, float right, std::vector<float> &output)
+inline void scalar_filter_run(scalar_filter &f, int32_t source_rate,
+                              const std::array<float, 2> &input, std::vector<float> &output)
 {
-    if (f.source_rate < 1) return;
-    if (f.source_rate == 44100) {
+    const auto [left, right] = input;
+    if (source_rate < 1) return;
+    if (source_rate == 44100) {
         const auto blocks = static_cast<int64_t>(f.table44.size()) / 8;
         const auto turn = static_cast<size_t>(f.calls44++ % blocks * 8);
         const size_t due = turn == 0 ? 0 : f.table44.size() - turn;
         for (size_t a = due; a < due + 8; a++) {
-            output.push_back(scalar_take(f.left44[a], f.cut_left));
-            output.push_back(scalar_take(f.right44[a], f.cut_right));
+            output.push_back(scalar_take(f.left44[a], left_cut != 0));
+            output.push_back(scalar_take(f.right44[a], right_cut != 0));
         }
         scalar_add(f.left44, f.table44, turn, left);
         scalar_add(f.right44, f.table44, turn, right);
         return;
     }
-    for (; f.rate_sum < 352800; f.rate_sum += f.source_rate) {
+    for (; f.rate_sum < 352800; f.rate_sum += source_rate) {
         const size_t length = f.left48.size();
         const auto position = static_cast<size_t>(f.steps48++) % length;
         output.push_back(scalar_take(f.left48[position]));

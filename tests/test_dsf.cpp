@@ -26,33 +26,23 @@ TEST(Dsf, HeaderRules)
         int32_t verdict;
         std::string printed;
     } cases[] = {
-        {"as it should be", good, 0, ""},
         {"first tag", patched(good, 3, {'X'}), -1, ""},
         {"second tag", patched(good, 28, {'F'}), -1, ""},
         {"third tag", patched(good, 80, {'D'}), -1, ""},
         {"longer chunks", patched(good, 16, noise(3, 12)), 0, ""},
         {"first chunk beyond the end", patched(good, 4, {0, 0, 0, 0, 1}), -1,
          "\nERROR readwrite 223 read() 4 bytes failed.\n"},
-        {"first chunk beyond all offsets", patched(good, 11, {0x80}), -1, ""},
         {"format chunk beyond all offsets", patched(good, 39, {0x80}), -1, ""},
         {"sizes that wrap to the data chunk", patched(good, 32, bytes(8, 0xFF)), -1, ""},
         {"version", patched(good, 40, {2, 0xFF}), 0, ""},
         {"format id", patched(good, 44, {1}), -1, ""},
         {"channel type", patched(good, 48, bytes(4, 0xFF)), 0, ""},
-        {"no channels", patched(good, 52, {0}), -1, ""},
         {"one channel", patched(good, 52, {1}), -1, ""},
         {"bits per sample of 0", patched(good, 60, {0}), 0, ""},
         {"bits per sample of 8", patched(good, 60, {8}), -1, ""},
         {"block size of 2048", patched(good, 72, {0, 8}), 0, block_report + "2048\n"},
-        {"block size of 0", patched(good, 72, {0, 0}), 0, block_report + "0\n"},
-        {"block size of 2^31 - 1", patched(good, 72, {0xFF, 0xFF, 0xFF, 0x7F}), 0,
-         block_report + "2147483647\n"},
         {"block size of 2^31", patched(good, 72, {0, 0, 0, 0x80}), -1,
          block_report + "-2147483648\n"},
-        {"block size of 2^32 - 1", patched(good, 72, bytes(4, 0xFF)), -1, block_report + "-1\n"},
-        {"block size of 2^30 - 1", patched(good, 72, {0xFF, 0xFF, 0xFF, 0x3F}), 0,
-         block_report + "1073741823\n"},
-        {"size of the data", patched(good, 84, bytes(8, 0xFF)), 0, ""},
         {"end before the data chunk's size", bytes(good.begin(), good.begin() + 87), -1,
          "fread() failed.\n"},
     };
@@ -89,19 +79,13 @@ TEST(Dsf, TurnsTheBitsOfEveryByte)
 {
     bytes all(256);
     for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>(i);
-    bytes file = make_dsf({.block_bytes = 256, .left = all, .right = all});
-    for (size_t i = 0; i < 256; ++i) file[92 + i] = all[i]; // the left block, not turned
-    opened_file f(dsf_open, file);
+    const bytes file = make_dsf({.block_bytes = 256, .left = all, .right = all});
+    opened_file f(dsf_open, patched(file, 92, all)); // the left block is not turned
     const bytes delivered = read_all(f.file, dsf_read, 512);
     ASSERT_EQ(delivered.size(), 512U);
-    const uint8_t known[][2] = {
-        {0x01, 0x80}, {0x03, 0xC0}, {0x96, 0x69}, {0xFF, 0xFF}, {0x50, 0x0A}};
-    for (const auto &row : known) {
-        EXPECT_EQ(delivered[2U * row[0]], row[1]);
-        EXPECT_EQ(delivered[2U * row[1]], row[0]);
-    }
+    const bytes known = hex_bytes("01 80 03 C0 96 69 FF FF 50 0A 47 E2");
+    for (size_t i = 0; i < known.size(); ++i) EXPECT_EQ(delivered[2U * known[i]], known[i ^ 1]);
     for (size_t i = 0; i < 256; ++i) EXPECT_EQ(delivered[2 * i + 1], i);
-    dsf_release();
 }
 
 // Lengths that end inside a byte, a group of 8, a block; every size of request gives the same.
@@ -112,10 +96,9 @@ TEST(Dsf, DeliversUpToTheLastSample)
         uint32_t block_bytes;
         int64_t samples;
     } cases[] = {
-        {2, 64, 1},       {2, 64, 17},    {2, 64, 32},         {2, 64, 64 * 8},
-        {2, 64, 64 * 16}, {2, 64, 797},   {2, 64, 65 * 8},     {6, 16, 100 * 8 - 3},
-        {3, 1, 23 * 8},   {2, 6, 15 * 8}, {2, 4096, 8192 * 8}, {6, 4096, 4099 * 8},
-        {2, 3, 13 * 8},
+        {2, 64, 1},      {2, 64, 797},         {2, 64, 64 * 8},
+        {2, 64, 65 * 8}, {6, 16, 100 * 8 - 3}, {3, 1, 23 * 8},
+        {2, 3, 13 * 8},  {2, 4096, 8192 * 8},  {6, 4096, 4099 * 8},
     };
     for (const auto &c : cases) {
         dsf_settings s =
@@ -126,25 +109,14 @@ TEST(Dsf, DeliversUpToTheLastSample)
             SCOPED_TRACE(testing::Message() << c.channels << " channels, blocks of "
                                             << c.block_bytes << ", " << c.samples << " samples");
             opened_file f(dsf_open, make_dsf(s));
+            for (const int32_t small : {7, 0, -1, -9})
+                EXPECT_EQ(dsf_read(&f.file, nullptr, small), 0);
             EXPECT_EQ(read_all(f.file, dsf_read, count), expected);
             uint8_t byte = 0;
             EXPECT_EQ(dsf_read(&f.file, &byte, 8), -1);
         }
     }
     dsf_release();
-}
-
-TEST(Dsf, EndsWithTheLastWholePairOfBlocks)
-{
-    dsf_settings s = settings(64, 16);
-    bytes file = make_dsf(s);
-    file.resize(92 + 3 * 32 + 31); // the fourth pair lacks a byte
-    opened_file f(dsf_open, file);
-    s.left.resize(48);
-    s.right.resize(48);
-    EXPECT_EQ(read_all(f.file, dsf_read, 64), dsd_stream_of(s.left, s.right));
-    uint8_t byte = 0;
-    EXPECT_EQ(dsf_read(&f.file, &byte, 8), -1);
 }
 
 TEST(Dsf, EndsAtOnceWithoutAPairOfBlocks)
@@ -172,17 +144,6 @@ TEST(Dsf, EndsAtOnceWithoutAPairOfBlocks)
     EXPECT_EQ(dsf_read(&empty.file, to.data(), 8), -1);
     empty.file.dsf_bytes_left = 8;
     EXPECT_EQ(dsf_read(nullptr, to.data(), 8), -1);
-    dsf_release();
-}
-
-TEST(Dsf, SmallRequestsTakeNothing)
-{
-    const dsf_settings s = settings(12);
-    opened_file f(dsf_open, make_dsf(s));
-    std::array<uint8_t, 8> to;
-    for (const int32_t count : {7, 1, 0, -1, -8, -9})
-        EXPECT_EQ(dsf_read(&f.file, to.data(), count), 0);
-    EXPECT_EQ(read_all(f.file, dsf_read), dsd_stream_of(s.left, s.right));
     dsf_release();
 }
 

