@@ -69,6 +69,7 @@ TEST(Dsdiff, HeaderRules)
         {"rate of 3 bytes", with_property(dsdiff_chunk("FS  ", bytes(3))), -1},
         {"rate of 8 bytes", with_property(dsdiff_chunk("FS  ", bytes(8))), -1},
         {"no rate", form({properties({stereo}), sound}), -1},
+        {"two bytes less told than the list has", patched(patched(minimal, 27, {40}), 59, {8}), -1},
         {"no channels", form({properties({rate}), sound}), -1},
         {"sound before the properties", form({sound, properties({rate, stereo})}), -1},
         {"properties apart", form({properties({rate}), properties({stereo}), sound}), 0},
