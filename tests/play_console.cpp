@@ -100,7 +100,7 @@ const std::string wiped_status = "%]   \r\r" + std::string(72, ' ') + "\n";
 // A file of 44.1 kHz and 16 bits, so many seconds long.
 std::string wave_of_seconds(const std::string &name, size_t seconds)
 {
-    return scratch_file(name, wave_file(random_pcm(2, false, 2, 44100, seconds * 44100, 1)));
+    return scratch_file(name, wave_file(random_pcm({2, false}, 2, 44100, seconds * 44100, 1)));
 }
 
 // --- Lines --------------------------------------------------------------------------------------
@@ -170,8 +170,8 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
     constexpr size_t silence = 3 * 3998; // writes of a device of 4000 frames that plays at once
     constexpr size_t border = silence + 2 * 3998;
     const std::vector<std::string> files = {
-        scratch_file("a.wav", wave_file(random_pcm(2, false, 2, 8000, border - silence, 1))),
-        scratch_file("b.wav", wave_file(random_pcm(2, false, 2, 8000, 8000, 2)))};
+        scratch_file("a.wav", wave_file(random_pcm({2, false}, 2, 8000, border - silence, 1))),
+        scratch_file("b.wav", wave_file(random_pcm({2, false}, 2, 8000, 8000, 2)))};
     const auto result =
         run_player({.arguments = files,
                     .events = {{.out_has = "playing file 1/2", .allow = border - 3990},
@@ -206,12 +206,6 @@ TEST(play_console, banner_shows_the_name_as_it_was_given)
 }
 
 // --- The terminal and the ways to an end --------------------------------------------------------
-
-bool same_mode(const termios &a, const termios &b)
-{
-    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
-           a.c_lflag == b.c_lflag && std::equal(a.c_cc, a.c_cc + NCCS, b.c_cc);
-}
 
 bool same_but_not_canonical(termios a, const termios &b)
 {

@@ -32,15 +32,16 @@
 namespace
 {
 
-// A fault that strikes once the device took a number of frames: a state of the device, or one of
-// the two failing calls.
+// A fault that strikes once the device took a number of frames: a state of the device, or a failing
+// call.
 struct fault_row {
     const char *name;
     snd_pcm_state_t state; // what the device goes into
     int transfer_code;     // what each further transfer gives, when not 0
     int pointer_code;      // what each further question for the position gives, when not 0
+    int avail_code = 0;    // what each further snd_pcm_avail() gives, preloaded, when not 0
 };
-constexpr std::array<fault_row, 9> faults = {{
+constexpr std::array<fault_row, 10> faults = {{
     {"none", SND_PCM_STATE_RUNNING, 0, 0},
     {"xrun", SND_PCM_STATE_XRUN, 0, 0},
     {"suspended", SND_PCM_STATE_SUSPENDED, 0, 0},
@@ -50,6 +51,7 @@ constexpr std::array<fault_row, 9> faults = {{
     {"transfer", SND_PCM_STATE_RUNNING, -EIO, 0},
     {"again", SND_PCM_STATE_RUNNING, -EAGAIN, 0},
     {"pointer", SND_PCM_STATE_RUNNING, 0, -EPIPE},
+    {"avail", SND_PCM_STATE_RUNNING, 0, 0, -EIO},
 }};
 
 constexpr double at_once = 0; // speeds
@@ -416,7 +418,6 @@ FAILING(int, snd_pcm_sw_params_set_start_threshold,
         (snd_pcm_t * p, snd_pcm_sw_params_t *s, snd_pcm_uframes_t v), (p, s, v), -EIO)
 FAILING_AFTER(1, int, snd_pcm_sw_params, (snd_pcm_t * p, snd_pcm_sw_params_t *s), (p, s), -EIO)
 FAILING_AFTER(1, int, snd_pcm_prepare, (snd_pcm_t * p), (p), -EIO)
-FAILING(snd_pcm_sframes_t, snd_pcm_avail, (snd_pcm_t * p), (p), -EIO)
 FAILING(int, snd_pcm_hw_params_test_format,
         (snd_pcm_t * p, snd_pcm_hw_params_t *h, snd_pcm_format_t v), (p, h, v), -EINVAL)
 FAILING(int, snd_pcm_hw_params_set_format,
@@ -428,6 +429,14 @@ FAILING(int, pthread_create, (pthread_t * t, const pthread_attr_t *a, void *(*f)
         (t, a, f, g), EAGAIN)
 #undef FAILING
 #undef FAILING_AFTER
+
+snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
+{
+    static auto *real =
+        reinterpret_cast<decltype(&snd_pcm_avail)>(dlsym(RTLD_NEXT, "snd_pcm_avail"));
+    const bool fails = device.fault->avail_code != 0 && device.written >= device.fault_at;
+    return fails ? device.fault->avail_code : real(pcm);
+}
 
 // CAPTURE_SWAP "A N B": the Nth opening of the file A gives B.
 FILE *fopen64(const char *path, const char *mode)

@@ -1,5 +1,5 @@
 // Runs the built player as a process of its own against the capture device, and tells all that came
-// of it.
+// of it: for the end-to-end tests and for the soak.
 #pragma once
 
 #include <sys/types.h>
@@ -29,6 +29,7 @@ struct play_event {
     int signal = 0;                                    // signal to send
     int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
+    bool may_miss = false;           // the player may end before it comes
 };
 
 struct play_settings {
@@ -44,15 +45,17 @@ struct play_settings {
     std::string directory = {}; // the player's current one; empty: scratch_directory()
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
     tcflag_t terminal_mode = 0; // bits of c_lflag to clear in the terminal beforehand
-    int timeout_seconds = 120;  // a player that runs longer is killed, and the test fails
+    int timeout_seconds = 120;  // a player that runs longer is killed, and that is trouble
 };
 
 struct play_result {
-    int status = -1; // exit status; the negative number of the signal that killed it
-    std::string out; // standard output, or all that a terminal showed
+    std::string trouble; // what no run may show: a hang, a missed event, a sanitizer's finding
+    int status = -1;     // exit status; the negative number of the signal that killed it
+    std::string out;     // standard output, or all that a terminal showed
     std::string err;
     bytes capture;
     std::vector<std::string> log;
+    int64_t ms_to_end = 0;                  // from the last event, or from the start
     std::vector<size_t> captured_at_events; // bytes
     std::vector<size_t> shown_at_events;    // characters of out
     // The terminal before the start, at each event and after the end.
@@ -61,26 +64,26 @@ struct play_result {
     termios after{};
 };
 
-// One write to the device, from its log: frames asked for, taken, and the room there was.
-struct device_write {
-    uint64_t asked;
-    uint64_t taken;
-    uint64_t room;
-};
-
 play_result run_player(const play_settings &settings);
 
-// A directory of this test process, removed at its end.
+// What a controller beside the card shares with players: the block under a key of this process,
+// removed at the end of it.
+struct controller_words {
+    volatile int32_t pid;   // of the controller; 0: none to signal
+    volatile int32_t state; // not 0: the last stream was announced as I2S
+};
+controller_words *shared_block();
+// The same settings on a card with a controller: one that takes I2S.
+play_settings beside_controller(play_settings settings);
+
+// A directory of this process, removed at its end.
 const std::string &scratch_directory();
 // The path of a file of that directory, with the given bytes in it.
 std::string scratch_file(const std::string &name, const bytes &content);
 
+// The terminal's mode is the same in all that a program can set.
+bool same_mode(const termios &a, const termios &b);
 bool log_has(const play_result &result, const std::string &text);
-std::vector<device_write> writes_of(const play_result &result);
-
-// Frames of silence that must come first, from the writes as the device took them: even, at least
-// rate, and not one write more. Fails the test where a write was not allowed.
-uint64_t told_preroll(const play_result &result, uint64_t rate);
 
 // The text that a fatal report or one that goes on leaves on standard error.
 std::string report_text(const char *unit, int number, const std::string &message);

@@ -1,0 +1,133 @@
+// What each fault of the device leads to in each phase of a run, alone and together with the key
+// that ends it: the status, the report, the terminal, and an end within a second.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <tuple>
+
+#include "play_model.h"
+
+namespace
+{
+
+const std::string stream_line = "Open 44100Hzfs PCM stream\n";
+const std::string key_3 = "\x03";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG)
+constexpr int64_t soon_ms = 3000;
+#else
+constexpr int64_t soon_ms = 1000;
+#endif
+
+std::string thread_report(int number, const std::string &message)
+{
+    return report_text("alsathread", number, message);
+}
+
+// --- The matrix ---------------------------------------------------------------------------------
+
+struct ending {
+    int status;
+    std::string err;
+};
+
+ending lost_early(int state)
+{
+    return {404 & 255, thread_report(404, "snd_pcm_state() returned " + std::to_string(state) +
+                                              ". " + strerror(state) + "\n")};
+}
+
+ending write_failed(int code)
+{
+    return {368 & 255,
+            thread_report(368, "snd_pcm_writei() returned code " + std::to_string(code) + "\n")};
+}
+
+const ending in_order = {0, ""};
+const ending no_room = {0, thread_report(312, "snd_pcm_avail() returned -5\n")};
+
+struct fault_row {
+    const char *kind;
+    ending early; // in the silence
+    ending late;  // in the sound
+};
+
+const std::vector<fault_row> fault_rows = {
+    {"setup", lost_early(1), write_failed(-77)},
+    {"xrun", lost_early(4), in_order},
+    {"pointer", lost_early(4), in_order},
+    {"avail", no_room, no_room},
+    {"suspended", lost_early(7), in_order},
+    {"disconnected", lost_early(8), in_order},
+    {"transfer", in_order, write_failed(-5)},
+    {"again", in_order, write_failed(-11)}, // early it takes the key: see below
+};
+
+struct phase_row {
+    const char *name;
+    size_t file_frames;
+    size_t strikes_after; // frames
+};
+constexpr phase_row phases[] = {
+    {"silence", 30000, 100},
+    {"playing", 250000, 60000}, // longer than the ring: there is more to read
+    {"draining", 30000, 60000}, // all is in the ring
+};
+
+class play_fault : public testing::TestWithParam<std::tuple<fault_row, phase_row, bool>>
+{
+};
+
+TEST_P(play_fault, ends_as_told)
+{
+    const auto &[fault, phase, with_key] = GetParam();
+    const bool early = phase.strikes_after == 100;
+    if (fault.kind == std::string("again") && early && !with_key) return; // it waits for the key
+    const auto sound = random_pcm({2, false}, 2, 44100, phase.file_frames, 1);
+    const auto result = run_player(
+        {.arguments = {"-B", "1536K", scratch_file("a.wav", wave_file(sound))},
+         .capture = {{"FAULT", fault.kind + (" " + std::to_string(phase.strikes_after))}},
+         .events = {{.log_has = "fault ", .type = with_key ? key_3 : "", .may_miss = true}},
+         .input = wire::terminal,
+         .stand_ins = true,
+         .terminal_mode = ISIG,
+         .timeout_seconds = 20});
+    const ending &told = early ? fault.early : fault.late;
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, told.status);
+    EXPECT_EQ(result.err, stream_line + told.err);
+    EXPECT_EQ(result.capture.size(), phase.strikes_after * 8);
+    EXPECT_LT(result.ms_to_end, soon_ms);
+    EXPECT_TRUE(same_mode(result.before, result.after));
+    // An end in order closes the device.
+    EXPECT_EQ(log_has(result, "close " + std::to_string(phase.strikes_after)), told.status == 0);
+}
+std::string name_of(const testing::TestParamInfo<play_fault::ParamType> &info)
+{
+    const auto &[fault, phase, with_key] = info.param;
+    return std::string(fault.kind) + "_" + phase.name + (with_key ? "_key" : "");
+}
+INSTANTIATE_TEST_SUITE_P(all, play_fault,
+                         testing::Combine(testing::ValuesIn(fault_rows), testing::ValuesIn(phases),
+                                          testing::Bool()),
+                         name_of);
+
+// --- Buffers that are too small -----------------------------------------------------------------
+
+TEST(play_faults, a_buffer_must_hold_more_than_1025_frames)
+{
+    const auto sound = random_pcm({2, false}, 2, 8000, 10000, 1);
+    const auto file = scratch_file("a.wav", wave_file(sound));
+    const auto small = run_player(
+        {.arguments = {file}, .capture = {{"BUFFER_BYTES", "8200-8200"}}, .timeout_seconds = 20});
+    EXPECT_EQ(small.trouble, "");
+    EXPECT_EQ(small.status, 0);
+    EXPECT_EQ(small.capture.size(), 0U);
+    const auto enough =
+        run_player({.arguments = {file}, .capture = {{"BUFFER_BYTES", "8216-8216"}}});
+    EXPECT_EQ(stream_trouble(enough, {s32_le, packing::pcm}, 8000, device_bytes(sound, s32_le)),
+              "");
+}
+
+} // namespace
