@@ -2,6 +2,7 @@
 // terminal before, while and after.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
 #include <regex>
 #include <string>
@@ -286,6 +287,7 @@ const std::vector<ending_row> endings = {
      .err = report_text("sonivane", 799, "Interrupt stack. Abort\n")},
     {.name = "terminate", .events = {then_send(SIGTERM)}, .status = -SIGTERM, .shape = "F+BS+"},
     {.name = "hang_up", .events = {then_send(SIGHUP)}, .status = -SIGHUP, .shape = "F+BS+"},
+    {.name = "quit", .events = {then_send(SIGQUIT)}, .status = -SIGQUIT, .shape = "F+BS+"},
 };
 
 void PrintTo(const ending_row &row, std::ostream *out)
@@ -336,14 +338,27 @@ TEST(play_console, a_report_before_playing_leaves_the_terminal_alone)
     EXPECT_TRUE(same_mode(result.before, result.after));
 }
 
-// A reader that sends nothing, and an end of input that select reports for ever.
-TEST(play_console, input_that_is_closed_or_at_its_end_does_not_matter)
+// Whatever the standard streams are, the sound is whole and nothing else reaches the device: input
+// at its end, which select reports for ever; a reader of the output that left; streams closed at
+// the start, whose numbers no file may get.
+TEST(play_console, the_streams_do_not_matter_to_the_sound)
 {
-    for (const wire input : {wire::null, wire::closed, wire::pipe}) {
+    const auto sound = random_pcm({2, false}, 2, 8000, 8000, 1);
+    const auto file = scratch_file("a.wav", wave_file(sound));
+    for (const auto &[input, output, error] :
+         std::initializer_list<std::array<wire, 3>>{{wire::null, wire::pipe, wire::pipe},
+                                                    {wire::pipe, wire::pipe, wire::pipe},
+                                                    {wire::closed, wire::pipe, wire::pipe},
+                                                    {wire::terminal, wire::gone, wire::pipe},
+                                                    {wire::terminal, wire::closed, wire::pipe},
+                                                    {wire::terminal, wire::pipe, wire::closed},
+                                                    {wire::terminal, wire::gone, wire::gone},
+                                                    {wire::closed, wire::closed, wire::closed}}) {
         const auto result =
-            run_player({.arguments = {wave_of_seconds("a.wav", 1)}, .input = input});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_GT(result.capture.size(), 44100U * 8 * 2 - 1);
+            run_player({.arguments = {file}, .input = input, .output = output, .error = error});
+        EXPECT_EQ(stream_trouble(result, {s32_le, packing::pcm}, 8000, device_bytes(sound, s32_le)),
+                  "");
+        EXPECT_TRUE(same_mode(result.before, result.after));
     }
 }
 

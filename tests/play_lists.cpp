@@ -13,7 +13,7 @@ namespace
 struct list_row {
     const char *caps; // frames of successive transfers
     const char *ring;
-    const char *speed; // at 20 times real time the ring stays full
+    const char *speed; // at 300 times real time the ring stays full
     size_t files;
     size_t most_frames;
 };
@@ -26,7 +26,7 @@ TEST(play_lists, every_form_gets_every_kind)
              {"1 13 2000", "64M", "once", 40, 1000},
              {"random 300 1", "2M", "once", 40, 3000},
              {"", "1572865", "once", 5, 300000},
-             {"", "1600003", "20", 5, 300000},
+             {"", "1600003", "300", 5, 300000},
          }) {
         std::vector<stream_form> forms(pcm_forms.begin(), pcm_forms.end());
         forms.insert(forms.end(), dsd_forms.begin(), dsd_forms.end());

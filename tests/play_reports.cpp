@@ -132,7 +132,7 @@ TEST_P(play_report, is_told_and_ends_as_told)
     }
     // Each look at a busy device is followed by a wait.
     const auto sleeps = std::count(result.log.begin(), result.log.end(), "sleep 2");
-    EXPECT_EQ(sleeps, static_cast<long>(split(result.err, "retrying").size()) - 1);
+    EXPECT_EQ(sleeps, static_cast<long>(split(" " + result.err, "retrying").size()) - 1);
 }
 INSTANTIATE_TEST_SUITE_P(all, play_report, testing::ValuesIn(read_rows()),
                          testing::PrintToStringParamName());

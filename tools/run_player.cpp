@@ -76,11 +76,12 @@ void open_wire(run_state &state, size_t stream, wire kind)
     } else if (kind == wire::terminal) {
         state.far[stream] = fcntl(state.terminal_far, F_DUPFD_CLOEXEC, 10);
         state.near[stream] = fcntl(state.terminal, F_DUPFD_CLOEXEC, 10);
-    } else if (kind == wire::pipe) {
+    } else if (kind == wire::pipe || kind == wire::gone) {
         if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
         state.far[stream] = ends[stream == 0 ? 0 : 1];
         state.near[stream] = ends[stream == 0 ? 1 : 0];
     }
+    if (kind == wire::gone) close(std::exchange(state.near[stream], -1));
     if (state.near[stream] >= 0) fcntl(state.near[stream], F_SETFL, O_NONBLOCK);
 }
 

@@ -13,8 +13,8 @@
 
 #include "make_files.h"
 
-// What a standard stream of the player is.
-enum class wire { pipe, null, terminal, closed };
+// What a standard stream of the player is; gone is a pipe whose other end has been closed.
+enum class wire { pipe, null, terminal, closed, gone };
 
 // Something that happens to a running player as soon as all that is asked for has been seen; events
 // come in their order, each once.
