@@ -150,13 +150,12 @@ double time_frames(benchmark::State &state, int32_t source_rate, run_frame run)
 
 double time_scalar(benchmark::State &state, const filter_case &c)
 {
-    scalar_filter filter =
-        make_scalar_filter(c.use_short != 0 ? set_44k_short : set_44k_normal,
-                           c.use_short != 0 ? set_48k_short : set_48k_normal, c.source_rate);
+    scalar_filter filter = make_scalar_filter(c.use_short != 0 ? set_44k_short : set_44k_normal,
+                                              c.use_short != 0 ? set_48k_short : set_48k_normal);
     std::vector<float> output;
     return time_frames(state, c.source_rate, [&](const float *frame) {
         output.clear();
-        scalar_filter_run(filter, frame[0], frame[1], output);
+        scalar_filter_run(filter, c.source_rate, {frame[0], frame[1]}, output);
         benchmark::DoNotOptimize(output.data());
     });
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "dsf.h"
+#include "limits.h"
 #include "make_files.h"
 #include "player.h"
 
@@ -87,6 +88,7 @@ void feed_dsd(benchmark::State &state, const container_case &container, const fo
     state.SetBytesProcessed(static_cast<int64_t>(played));
     state.counters["x_realtime"] =
         benchmark::Counter(static_cast<double>(played) * 4 / dsd256, benchmark::Counter::kIsRate);
+    state.counters["limit"] = read_rate(records[0].path) * 4 / dsd256;
 }
 
 void read_wav(benchmark::State &state)
@@ -110,6 +112,7 @@ void read_wav(benchmark::State &state)
     state.SetBytesProcessed(played);
     state.counters["x_realtime"] = benchmark::Counter(
         static_cast<double>(played) / 4 / oversampled_rate, benchmark::Counter::kIsRate);
+    state.counters["limit"] = read_rate(file.path) / 4 / oversampled_rate;
 }
 
 [[maybe_unused]] const bool registered = [] {

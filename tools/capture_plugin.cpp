@@ -9,8 +9,10 @@
 #include <alsa/pcm_external.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ipc.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,10 +217,31 @@ int answer(const char *call)
     return setting_has("CAPTURE_FAIL", call) ? -EIO : 0;
 }
 
+// Ticks once a period, for programs that wait for the device with poll().
+void start_ticking()
+{
+    if (device.speed <= 0) return;
+    const double period =
+        static_cast<double>(device.io.period_size) / device.io.rate / device.speed;
+    const auto nanoseconds = static_cast<int64_t>(period * 1e9);
+    const timespec time = {nanoseconds / 1000000000, nanoseconds % 1000000000};
+    const itimerspec timer = {time, time};
+    timerfd_settime(device.io.poll_fd, 0, &timer, nullptr);
+}
+
+int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
+{
+    uint64_t ticks = 0;
+    const bool ticked = (fds->revents & POLLIN) != 0 && read(fds->fd, &ticks, sizeof ticks) > 0;
+    *events = ticked ? POLLOUT : 0;
+    return 0;
+}
+
 int on_start(snd_pcm_ioplug_t *)
 {
     log_line("start %lu\n", static_cast<unsigned long>(device.written));
     device.clock = device.last_transfer = now();
+    start_ticking();
     return answer("start");
 }
 
@@ -255,6 +278,7 @@ int on_close(snd_pcm_ioplug_t *)
 {
     log_line("close %lu\n", static_cast<unsigned long>(device.written));
     close(device.capture_fd);
+    close(device.io.poll_fd);
     return 0;
 }
 
@@ -268,6 +292,7 @@ const snd_pcm_ioplug_callback_t callbacks = [] {
     table.hw_params = on_hw_params;
     table.sw_params = on_sw_params;
     table.prepare = on_prepare;
+    table.poll_revents = on_poll;
     return table;
 }();
 
@@ -368,7 +393,8 @@ int open_device(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int 
     device.io.name = "capture device of the tests";
     device.io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA;
     device.io.callback = &callbacks;
-    device.io.poll_fd = -1;
+    device.io.poll_fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    device.io.poll_events = POLLIN;
     const int code = snd_pcm_ioplug_create(&device.io, name, stream, mode);
     if (code < 0) return code;
     constrain_device();

@@ -6,6 +6,9 @@
 //   soak interrupts RUNS [SEED]       SIGINT once and twice in every stage of a run, RUNS times
 //   each
 //                                     at random moments
+//   soak reaction RUNS                the longest time from the key that ends a run, and from
+//   SIGTERM,
+//                                     to the end of the player, in real time
 // Exits with 1 and says why where something went wrong.
 #include <algorithm>
 #include <csignal>
@@ -136,6 +139,34 @@ int interrupt_all(int runs, uint32_t seed)
     return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+// --- Reaction -----------------------------------------------------------------------------------
+
+int time_reaction(int runs)
+{
+    const auto sound = random_pcm({2, false}, 2, 44100, 44100 * 20, 1);
+    const std::string file = scratch_file("a.wav", wave_file(sound));
+    std::mt19937 random(1);
+    for (const bool key : {true, false}) {
+        int64_t longest = 0;
+        std::string trouble;
+        for (int run = 0; run < runs; ++run) {
+            play_event end = {.after_ms = static_cast<int>(random() % 500)};
+            if (key)
+                end.type = "\x03";
+            else
+                end.signal = SIGTERM;
+            const auto result = run_player({.arguments = {file},
+                                            .capture = {{"SPEED", "1"}},
+                                            .events = {{.out_has = "position 00:00"}, end},
+                                            .input = wire::pipe});
+            longest = std::max(longest, result.ms_to_end);
+            trouble += result.trouble;
+        }
+        tell((key ? "key: " : "SIGTERM: ") + std::to_string(longest) + " ms at most", trouble);
+    }
+    return EXIT_SUCCESS;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -146,8 +177,10 @@ int main(int argc, char **argv)
     if ((words.size() == 2 || words.size() == 3) && words[0] == "interrupts")
         return interrupt_all(std::stoi(words[1]),
                              words.size() == 3 ? static_cast<uint32_t>(std::stoul(words[2])) : 1);
+    if (words.size() == 2 && words[0] == "reaction") return time_reaction(std::stoi(words[1]));
     std::fputs("usage: soak list FILES FRAMES SPEED\n"
-               "       soak interrupts RUNS [SEED]\n",
+               "       soak interrupts RUNS [SEED]\n"
+               "       soak reaction RUNS\n",
                stderr);
     return 2;
 }

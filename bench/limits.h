@@ -1,0 +1,57 @@
+// What the machine can do at most, measured beside what it is compared with, in the same run.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+inline double seconds_now()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Seconds of the fastest of many runs: all but that one were disturbed by something.
+template <typename work> double best_seconds(int runs, work run)
+{
+    double best = 1e9;
+    for (int i = 0; i < runs; ++i) {
+        const double start = seconds_now();
+        run();
+        best = std::min(best, seconds_now() - start);
+    }
+    return best;
+}
+
+// Bytes a second that memcpy moves in pieces of the given size, from one place into a ring's worth.
+inline double copy_rate(size_t piece)
+{
+    std::vector<uint8_t> from(piece, 1);
+    std::vector<uint8_t> to(1572864, 2);
+    const size_t pieces = to.size() / piece;
+    const double best = best_seconds(50, [&] {
+        for (size_t i = 0; i < pieces; ++i) std::memcpy(&to[i * piece], from.data(), piece);
+        __asm__ volatile("" : : "r"(to.data()) : "memory");
+    });
+    return static_cast<double>(pieces * piece) / best;
+}
+
+// Bytes a second that read() gives of a file in the page cache.
+inline double read_rate(const char *path)
+{
+    std::vector<uint8_t> to(65536);
+    size_t total = 0;
+    const double best = best_seconds(5, [&] {
+        const int fd = open(path, O_RDONLY | O_CLOEXEC);
+        total = 0;
+        for (ssize_t got = 0; (got = read(fd, to.data(), to.size())) > 0;)
+            total += static_cast<size_t>(got);
+        close(fd);
+    });
+    return static_cast<double>(total) / best;
+}

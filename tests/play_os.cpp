@@ -1,0 +1,57 @@
+// Oversampling through the whole player: what the device gets is what the plain loops of the filter
+// give, bit for bit, over both roads, both sets and a list that changes between the roads.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "scalar_filter.h"
+
+#include "play_model.h"
+
+namespace
+{
+
+// Appends the words that the filter gives for the sound.
+void put_oversampled(bytes &out, scalar_filter &filter, const pcm_sound &sound)
+{
+    const bytes words = device_bytes(sound, s32_le); // the filter's input, left-justified
+    std::vector<float> output;
+    for (size_t at = 0; at < words.size(); at += 8) {
+        std::array<int32_t, 2> frame;
+        std::memcpy(frame.data(), &words[at], sizeof frame);
+        scalar_filter_run(
+            filter, sound.rate,
+            {static_cast<float>(frame[0]) * 0x1p-31F, static_cast<float>(frame[1]) * 0x1p-31F},
+            output);
+    }
+    const auto *raw = reinterpret_cast<const uint8_t *>(output.data());
+    const pcm_sound floats = {4, true, 2, 352800, {raw, raw + output.size() * sizeof(float)}};
+    put_bytes(out, device_bytes(floats, s32_le));
+}
+
+TEST(play_os, gives_what_the_plain_filter_gives)
+{
+    for (const bool use_short : {false, true}) {
+        for (const auto &rates : std::initializer_list<std::vector<int>>{
+                 {44100}, {48000}, {96000}, {44100, 48000, 44100}}) {
+            scalar_filter filter = use_short ? make_scalar_filter(set_44k_short, set_48k_short)
+                                             : make_scalar_filter(set_44k_normal, set_48k_normal);
+            std::vector<std::string> arguments = {"-os"};
+            if (use_short) arguments.emplace_back("--short-filter");
+            bytes told;
+            for (size_t i = 0; i < rates.size(); ++i) {
+                const auto sound =
+                    random_pcm(samples[1 + i], 2, rates[i], 5003, static_cast<uint32_t>(i));
+                arguments.push_back(scratch_file(std::to_string(i) + ".wav", wave_file(sound)));
+                put_oversampled(told, filter, sound);
+            }
+            auto settings = settings_for({s32_le, packing::pcm}, arguments);
+            settings.capture["CAPS"] = "random 5000 1";
+            EXPECT_EQ(stream_trouble(run_player(settings), {s32_le, packing::pcm}, 352800, told),
+                      "")
+                << rates.size() << " files from " << rates[0] << " Hz, short " << use_short;
+        }
+    }
+}
+
+} // namespace
