@@ -95,13 +95,13 @@ inline void ring_advance(const ringbuffer *r, std::atomic<uint32_t> &offset, uin
     store_release(offset, (load_acquire(offset) + n) % r->usable_size);
 }
 
-// Stores the first bytes of the n given, as many as there is room for, split at the end of the
+// Stores the first of the n bytes given, as many as there is room for, split at the end of the
 // data area where need be. Main thread.
-inline void ring_put(ringbuffer *r, const uint8_t *bytes, uint32_t n)
+inline void ring_put(ringbuffer *r, const uint8_t *from, uint32_t n)
 {
     const uint32_t taken = std::min(n, ring_free(r));
     const uint32_t first = std::min(taken, ring_free_run(r));
-    std::memcpy(ring_data(r) + load_acquire(r->write_offset), bytes, first);
-    std::memcpy(ring_data(r), bytes + first, taken - first);
+    std::memcpy(ring_data(r) + load_acquire(r->write_offset), from, first);
+    std::memcpy(ring_data(r), from + first, taken - first);
     ring_advance(r, r->write_offset, taken);
 }

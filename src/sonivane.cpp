@@ -864,10 +864,6 @@ bool everything_is_out()
 
 } // namespace
 
-// Of the one sound file that is open at a time: fewer calls of the kernel than the C library's own
-// buffer of 4 KiB brings.
-static std::array<char, 65536> file_buffer;
-
 // Opens path and offers the stream to each parser. 0: a parser took it, the record describes it,
 // the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
 // the caller to close. A path that cannot be opened is report 725. Main thread.
@@ -875,7 +871,6 @@ int32_t open_soundfile(soundfile *file)
 {
     file->fp = fopen64(file->path, "rb");
     if (file->fp == nullptr) fatal_report(unit, 725, "file %s open error.\n", file->path);
-    std::setvbuf(file->fp, file_buffer.data(), _IOFBF, file_buffer.size());
 
     for (const container_row &row : containers) {
         std::rewind(file->fp);

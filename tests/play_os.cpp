@@ -1,18 +1,17 @@
 // Oversampling through the whole player: what the device gets is what the plain loops of the filter
-// give, bit for bit, over both roads, both sets and a list that changes between the roads.
+// give, bit for bit, over both roads, both sets and a list of several rates, which takes the first.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "scalar_filter.h"
-
 #include "play_model.h"
+#include "scalar_filter.h"
 
 namespace
 {
 
-// Appends the words that the filter gives for the sound.
-void put_oversampled(bytes &out, scalar_filter &filter, const pcm_sound &sound)
+// Appends the words that the filter gives for the sound of a list whose first file has the rate.
+void put_oversampled(bytes &out, scalar_filter &filter, int rate, const pcm_sound &sound)
 {
     const bytes words = device_bytes(sound, s32_le); // the filter's input, left-justified
     std::vector<float> output;
@@ -43,7 +42,7 @@ TEST(play_os, gives_what_the_plain_filter_gives)
                 const auto sound =
                     random_pcm(samples[1 + i], 2, rates[i], 5003, static_cast<uint32_t>(i));
                 arguments.push_back(scratch_file(std::to_string(i) + ".wav", wave_file(sound)));
-                put_oversampled(told, filter, sound);
+                put_oversampled(told, filter, rates[0], sound);
             }
             auto settings = settings_for({s32_le, packing::pcm}, arguments);
             settings.capture["CAPS"] = "random 5000 1";
