@@ -19,7 +19,7 @@ void put_oversampled(bytes &out, scalar_filter &filter, int rate, const pcm_soun
         std::array<int32_t, 2> frame;
         std::memcpy(frame.data(), &words[at], sizeof frame);
         scalar_filter_run(
-            filter, sound.rate,
+            filter, rate,
             {static_cast<float>(frame[0]) * 0x1p-31F, static_cast<float>(frame[1]) * 0x1p-31F},
             output);
     }

@@ -110,12 +110,14 @@ bool setting_has(const char *name, const std::string &wanted)
 
 [[gnu::format(printf, 1, 2)]] void log_line(const char *format, ...)
 {
+    const char *path = setting("CAPTURE_LOG", nullptr);
+    if (path == nullptr) return;
     std::array<char, 256> line;
     va_list arguments;
     va_start(arguments, format);
     const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
     va_end(arguments);
-    const int fd = open(setting("CAPTURE_LOG", "/dev/null"), O_WRONLY | O_APPEND | O_CREAT, 0666);
+    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT, 0666);
     if (write(fd, line.data(), static_cast<size_t>(length)) != length) std::abort();
     close(fd);
 }

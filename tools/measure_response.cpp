@@ -104,6 +104,7 @@ std::vector<std::complex<double>> run_tone(int32_t source_rate, int32_t use_shor
             frames.emplace_back(static_cast<double>(output[i]), static_cast<double>(output[i + 1]));
     }
     coeff_filter_free();
+    // cppcheck-suppress containerOutOfBounds ; the loop above has filled it
     frames.erase(frames.begin(), frames.begin() + settling_frames);
     frames.resize(measured_frames);
     return frames;
