@@ -1,8 +1,7 @@
 // The expansion of a directory of 100,000 names into the sorted list; its limit is the time that
-// reading the directory and looking at every name takes.
+// reading the directory alone takes.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -28,14 +27,14 @@ const std::string &full_directory()
     return path;
 }
 
-void look_at_all(const std::string &path)
+// What a directory tells of a name with no further question.
+void read_all(const std::string &path)
 {
+    int files = 0;
     DIR *directory = opendir(path.c_str());
-    struct stat found {
-    };
-    while (const dirent *entry = readdir(directory))
-        benchmark::DoNotOptimize(stat((path + "/" + entry->d_name).c_str(), &found));
+    while (const dirent *entry = readdir(directory)) files += entry->d_type == DT_REG ? 1 : 0;
     closedir(directory);
+    if (files != names) std::abort();
 }
 
 void expand_list(benchmark::State &state)
@@ -53,7 +52,7 @@ void expand_list(benchmark::State &state)
         pool_free();
     }
     state.counters["ours"] = names / best;
-    state.counters["limit"] = names / best_seconds(3, [&] { look_at_all(path); });
+    state.counters["limit"] = names / best_seconds(3, [&] { read_all(path); });
 }
 BENCHMARK(expand_list)->Name("names/expand_100000")->Unit(benchmark::kMillisecond);
 

@@ -9,7 +9,7 @@ LIMITS = {
     'dsf': 'read() of the file', 'dsdiff': 'read() of the file', 'wsd': 'read() of the file',
     'wav_read': 'read() of the file',
     'filter': 'products, then sums, of that vector width',
-    'names': 'readdir() and stat() of the same names',
+    'names': 'readdir() of the same names',
     'peer': 'another method: compare the price only',
 }
 

@@ -114,11 +114,13 @@ TEST(DsdFeeder, PacksEachForm)
 TEST(DsdFeeder, WorksInBoundedCallsOnly)
 {
     const struct {
+        int format;
         uint32_t free;
         size_t frames;
-    } cases[] = {{2815, 0}, {2816, 352}, {2824, 353}, {1000000, 3528}};
+    } cases[] = {{dsd_be, 2815, 0},       {dsd_be, 2816, 352},  {dsd_be, 2824, 353},
+                 {dsd_be, 1000000, 3528}, {s32, 1000000, 3528}, {s24, 1000000, 3528}};
     for (const auto &c : cases) {
-        set_up(dsd_be);
+        set_up(c.format);
         ring->read_offset = c.free + 8;
         source.assign(40000, 0x69);
         EXPECT_EQ(dsd_feeder(), c.frames == 0 ? 0 : -1);

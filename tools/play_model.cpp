@@ -172,7 +172,7 @@ bytes packed(const bytes &stream, const stream_form &form, uint64_t dop_frame)
             if (at % 8 == 0) put_be(out, native_word(b), 4);
             if (at % 8 == 0) put_be(out, native_word(b + 1), 4);
         } else {
-            const uint32_t marker = (dop_frame++ % 2 == 0 ? 0xFA : 0x05) << 16;
+            const uint32_t marker = (dop_frame++ % 2 == 0 ? 0xFAU : 0x05U) << 16;
             for (const int side : {0, 1})
                 put_dop_sample(out, device,
                                marker | static_cast<uint32_t>(b[side] << 8) | b[side + 2]);

@@ -67,9 +67,9 @@ constexpr int interrupted_twice = 799 & 255;
 struct stage_row {
     const char *name;
     play_event begin;
-    int latest_ms;    // of the interrupt behind the begin
-    bool before_play; // the interrupt may end the run before a thread plays
-    size_t frames;    // of the file
+    unsigned latest_ms; // of the interrupt behind the begin
+    bool before_play;   // the interrupt may end the run before a thread plays
+    size_t frames;      // of the file
     const char *ring;
     const char *speed;
 };
