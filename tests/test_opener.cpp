@@ -75,7 +75,7 @@ TEST(Opener, MakesAllDsdContainersLookAlike)
         {make_dsdiff({.frames = dsd_frames(left, right)}), container_dsdiff},
         {make_wsd({.frames = dsd_frames(left, right)}), container_wsd},
     };
-    const wave_format expected = {0, 2, 2822400, 705600, 2, 1, 22, 0, 1, {}};
+    const wave_format expected = {0, 2, 2822400, 705600, 2, 1, 22, 0, 1, {}, {}};
     for (const auto &c : cases) {
         const played o(c.content);
         EXPECT_EQ(o.file.container, c.container);
