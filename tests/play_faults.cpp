@@ -113,6 +113,20 @@ INSTANTIATE_TEST_SUITE_P(all, play_fault,
                                           testing::Bool()),
                          name_of);
 
+// A key that comes while the device is still busy waits for the sound, and ends it at once.
+TEST(play_faults, a_key_at_a_busy_device_ends_the_run_that_follows)
+{
+    const auto sound = random_pcm({2, false}, 2, 44100, 250000, 1);
+    const auto result = run_player({.arguments = {scratch_file("a.wav", wave_file(sound))},
+                                    .capture = {{"BUSY", "1 2"}, {"SPEED", "1"}},
+                                    .events = {{.type = key_3}},
+                                    .input = wire::pipe,
+                                    .stand_ins = true});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_LT(result.ms_to_end, soon_ms);
+}
+
 // --- Buffers that are too small -----------------------------------------------------------------
 
 TEST(play_faults, a_buffer_must_hold_more_than_1025_frames)
