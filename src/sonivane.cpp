@@ -184,6 +184,7 @@ bool wait_for_room(uint32_t short_of)
     while (ring_free(ring) <= short_of) {
         if (!output_started || load_acquire(interrupted) != 0 || load_acquire(stop_output) != 0)
             return false;
+        poll_keyboard(); // room can be half a second away, while the device plays the silence
         poll_sleep(room_sleep, wakeup::late);
     }
     return true;
