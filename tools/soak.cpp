@@ -115,10 +115,11 @@ bool interrupt(const stage_row &stage, bool twice, int runs, std::mt19937 &rando
     for (int run = 0; run < runs && trouble.empty(); ++run) {
         const auto after = [&] { return static_cast<int>(random() % (stage.latest_ms + 1)); };
         std::vector<play_event> events = {stage.begin};
+        events.front().may_miss = true; // a busy machine may let the device run dry before
         events.push_back({.after_ms = after(), .signal = SIGINT, .may_miss = true});
         if (twice) events.push_back({.after_ms = after(), .signal = SIGINT, .may_miss = true});
         const auto result = run_player({.arguments = files,
-                                        .capture = {{"SPEED", stage.speed}, {"DRY_MS", "20"}},
+                                        .capture = {{"SPEED", stage.speed}, {"DRY_MS", "300"}},
                                         .events = events,
                                         .input = wire::terminal,
                                         .output = wire::terminal});
