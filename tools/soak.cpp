@@ -112,6 +112,7 @@ bool interrupt(const stage_row &stage, bool twice, int runs, std::mt19937 &rando
 
     std::string trouble;
     int aborted = 0;
+    int reached = 0; // runs that got an interrupt
     for (int run = 0; run < runs && trouble.empty(); ++run) {
         const auto after = [&] { return static_cast<int>(random() % (stage.latest_ms + 1)); };
         std::vector<play_event> events = {stage.begin};
@@ -125,9 +126,13 @@ bool interrupt(const stage_row &stage, bool twice, int runs, std::mt19937 &rando
                                         .output = wire::terminal});
         trouble = trouble_of_interrupted(result, stage, twice, told);
         aborted += result.status == interrupted_twice;
+        reached += result.at_events.size() >= 2;
     }
+    if (trouble.empty() && reached * 2 < runs)
+        trouble = "most runs ended before their interrupts\n";
     return tell(std::string(stage.name) + (twice ? ", twice: " : ", once: ") +
-                    std::to_string(aborted) + " of " + std::to_string(runs) + " aborted",
+                    std::to_string(aborted) + " of " + std::to_string(runs) + " aborted, " +
+                    std::to_string(reached) + " in time",
                 trouble);
 }
 
