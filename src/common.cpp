@@ -365,7 +365,7 @@ static const filter_form *best_form()
     return best;
 }
 
-// For tests and benchmarks; see tools/filter_hooks.h.
+// For tests and benchmarks; see tests/filter_hooks.h.
 bool coeff_filter_take_form(const char *name)
 {
     if (name == nullptr) {
