@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "limits.h"
-#include "player.h"
+#include "sonivane.h"
 
 // Stands in for the C library's: the feeder's pause after each read is no part of its work.
 extern "C" int usleep(unsigned)
@@ -34,7 +34,7 @@ void set_up_ring(int32_t device_format)
 
 void take_all()
 {
-    store_release(ring->read_offset, load_acquire(ring->write_offset));
+    store_release(ring->bytes_sent, load_acquire(ring->bytes_put));
 }
 
 // Samples that are in memory already: the reader's own cost stays out.

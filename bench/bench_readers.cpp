@@ -8,7 +8,7 @@
 #include "dsf.h"
 #include "limits.h"
 #include "make_files.h"
-#include "player.h"
+#include "sonivane.h"
 
 namespace
 {
@@ -67,7 +67,7 @@ void set_up(const form_case &form)
 
 void take_all()
 {
-    store_release(ring->read_offset, load_acquire(ring->write_offset));
+    store_release(ring->bytes_sent, load_acquire(ring->bytes_put));
 }
 
 void feed_dsd(benchmark::State &state, const container_case &container, const form_case &form)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -16,23 +17,14 @@ namespace
 constexpr const char *unit = "alsathread";
 
 constexpr int open_attempts = 5;
-constexpr unsigned open_retry_seconds = 2;
+constexpr uint32_t open_retry_microseconds = 2000000;
+constexpr uint32_t open_retry_slice = 50000; // between two looks at what ends the wait
 constexpr unsigned wanted_buffer_microseconds = 500000;
 constexpr int32_t dsd_rate_limit = 11289615; // Hz: DSD256 of the 44.1 kHz family and a little
-constexpr int32_t format_codes = SND_PCM_FORMAT_DSD_U32_BE + 1; // the scan's codes, from 0
-
-// DSD bits of one channel in a frame of each form.
-constexpr int32_t native_bits_per_frame = 32;
-constexpr int32_t dop_bits_per_frame = 16;
+constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // the scan's codes, from 0
 
 constexpr uint32_t silence_frames = 8192;
-constexpr uint8_t native_silence = 0x55; // 0101...: no tone, no offset
-constexpr uint8_t i2s_silence = 0x33;    // left and right bits in turn: 0101... in each channel
-constexpr uint8_t dop_silence = 0x55;
-// The marker of even and of odd frames (DoP open standard 1.1). The feeder starts with the first
-// again, and a receiver that meets the same marker twice falls back to PCM: full-scale noise. So
-// silence goes out in pairs only.
-constexpr std::array<uint8_t, 2> silence_marker = {0xFA, 0x05};
+constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no offset
 
 constexpr snd_pcm_sframes_t nearly_full_frames = 1025; // a device with less room is left alone
 
@@ -40,7 +32,6 @@ uint32_t alsa_buffer_frames; // as the device granted it; the thread that runs s
 ringbuffer *silence_ring;    // a plain array of silence; made by main, then read by output
 int32_t primed;              // 1: the pre-roll is complete; output thread
 int32_t silence_written;     // frames of the pre-roll that the device took; output thread
-int32_t first_pending_mark;  // all marks below it are spent; output thread
 
 // Ends the process with the given report when an ALSA call failed; format takes the system's text
 // for its code.
@@ -54,9 +45,23 @@ int32_t format_bytes(int32_t format)
     return snd_pcm_format_physical_width(static_cast<snd_pcm_format_t>(format)) / 8;
 }
 
-bool first_file_is_dsd()
+// Once the probe has settled the stream.
+bool stream_is_settled()
 {
-    return file_list[0].wave.wBitsPerSample == dsd_bits_per_sample;
+    return output_rate != 0;
+}
+
+// --- Formats ------------------------------------------------------------------------------------
+
+// The PCM formats whose samples the feeder makes as they should be: signed integers, lowest byte
+// first, and floats.
+bool player_fills(int32_t format)
+{
+    static constexpr std::array<int32_t, 9> filled = {
+        SND_PCM_FORMAT_S8,      SND_PCM_FORMAT_S16_LE,   SND_PCM_FORMAT_S24_LE,
+        SND_PCM_FORMAT_S32_LE,  SND_PCM_FORMAT_FLOAT_LE, SND_PCM_FORMAT_S20_LE,
+        SND_PCM_FORMAT_S24_3LE, SND_PCM_FORMAT_S20_3LE,  SND_PCM_FORMAT_S18_3LE};
+    return std::find(filled.begin(), filled.end(), format) != filled.end();
 }
 
 // --- The form of the stream ---------------------------------------------------------------------
@@ -71,29 +76,34 @@ int32_t card_takes_i2s(int32_t card)
     return found;
 }
 
-// What the stream would be, from the file alone: rate in frames per second, and whether DSD would
-// go as raw bits.
-struct stream_wish {
-    int32_t rate;
+// What the stream is, as wished or as the device agreed to it.
+struct stream_form {
+    int32_t format; // SND_PCM_FORMAT_*; -1: none
+    int32_t rate;   // frames per second
     int32_t i2s;
 };
 
-stream_wish wished_stream()
+// Whether raw DSD bits go out, from the device's name alone.
+int32_t wished_i2s()
 {
-    const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
-    if (!first_file_is_dsd()) return {oversample != 0 ? oversampled_rate : source_rate, flag_off};
-
-    int32_t i2s = load_acquire(i2s_mode);
     int card = 0;
     int device = 0;
-    if (controller != nullptr &&
-        std::sscanf(device_name.data(), "hw:%d,%d", &card, &device) == 2) { // NOLINT(cert-err34-c)
-        i2s = card_takes_i2s(card);
-    }
+    if (controller == nullptr ||
+        std::sscanf(device_name.data(), "hw:%d,%d", &card, &device) != 2) // NOLINT(cert-err34-c)
+        return i2s_mode;
+    return card_takes_i2s(card);
+}
+
+// What the stream would be, from the first file alone. The rate of DSD is the device's to decide.
+stream_form wished_stream()
+{
+    const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
+    if (dsd_stream == 0)
+        return {output_format, oversample != 0 ? oversampled_rate : source_rate, flag_off};
+    const int32_t i2s = wished_i2s();
     if (source_rate > dsd_rate_limit)
         fatal_report(unit, 456, "Delta Sigma frequency too high %dHz\n", source_rate);
-    const int32_t rate = source_rate / dop_bits_per_frame;
-    return {i2s != 0 ? rate / 2 : rate, i2s};
+    return {output_format, source_rate, i2s};
 }
 
 // --- Opening ------------------------------------------------------------------------------------
@@ -108,17 +118,30 @@ void print_retry(int attempt)
     std::fputs("snd_pcm_open() failed. retrying ...\r", stderr);
 }
 
-void open_device()
+// False when the output was stopped meanwhile.
+bool wait_for_retry()
+{
+    for (uint32_t waited = 0; waited < open_retry_microseconds; waited += open_retry_slice) {
+        exit_if_interrupted();
+        if (stream_is_settled()) poll_keyboard(); // on the output thread
+        if (load_acquire(stop_output) != 0) return false;
+        usleep(open_retry_slice);
+    }
+    return true;
+}
+
+// False when the output was stopped before the device could be had.
+bool open_device()
 {
     int code = 0;
     for (int attempt = 0; attempt < open_attempts; ++attempt) {
         code = snd_pcm_open(&pcm, device_name.data(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
         if (code >= 0) {
             require(snd_pcm_nonblock(pcm, -1), 509, "snd_pcm_hw_nonblock() failed. %s\n");
-            return;
+            return true;
         }
         print_retry(attempt);
-        sleep(open_retry_seconds);
+        if (!wait_for_retry()) return false;
     }
     std::fputc('\n', stderr);
     fatal_report(unit, 505, "snd_pcm_open() failed. %s\n\n", snd_strerror(code));
@@ -126,24 +149,18 @@ void open_device()
 
 // --- Hardware parameters ------------------------------------------------------------------------
 
-// What the device agreed to: an SND_PCM_FORMAT_* code (-1: none) and frames per second.
-struct stream_form {
-    int32_t format;
-    int32_t rate;
-    int32_t i2s;
-};
-
 int test_format(snd_pcm_hw_params_t *params, int32_t format)
 {
     return snd_pcm_hw_params_test_format(pcm, params, static_cast<snd_pcm_format_t>(format));
 }
 
-// The format with the most significant bits; of equally wide ones the lowest code.
+// The format with the most significant bits; of equally wide ones the lowest code. PCM in a DSD
+// format would be full-scale noise.
 int32_t widest_format(snd_pcm_hw_params_t *params)
 {
     int32_t best = -1;
     int best_width = 0;
-    for (int32_t format = 0; format < format_codes; ++format) {
+    for (int32_t format = 0; format < scanned_formats; ++format) {
         const int width = snd_pcm_format_width(static_cast<snd_pcm_format_t>(format));
         if (width > best_width && test_format(params, format) == 0) {
             best = format;
@@ -153,25 +170,31 @@ int32_t widest_format(snd_pcm_hw_params_t *params)
     return best;
 }
 
+// Frames per second of DSD in that form. In PCM words the rate is always an even one.
+int32_t dsd_rate(const dsd_form &form)
+{
+    const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
+    if (form.format == SND_PCM_FORMAT_DSD_U32_BE) return source_rate / form.bits_per_frame;
+    return source_rate / (2 * form.bits_per_frame) * 2;
+}
+
 // Settles the DSD form: native words where the device takes them, else DoP in the widest PCM word,
 // or the one word of I2S. Result: 0, or the code of the last refused test.
 int choose_dsd_form(snd_pcm_hw_params_t *params, stream_form *form)
 {
-    static constexpr std::array<int32_t, 3> pcm_words = {
-        SND_PCM_FORMAT_S32_LE, SND_PCM_FORMAT_S24_LE, SND_PCM_FORMAT_S24_3LE};
+    static constexpr std::array<int32_t, 4> formats = {SND_PCM_FORMAT_DSD_U32_BE,
+                                                       SND_PCM_FORMAT_S32_LE, SND_PCM_FORMAT_S24_LE,
+                                                       SND_PCM_FORMAT_S24_3LE};
+    constexpr size_t i2s_formats = 2;
 
-    if (test_format(params, SND_PCM_FORMAT_DSD_U32_BE) == 0) {
-        const int32_t rate = file_list[0].wave.nSamplesPerSec / native_bits_per_frame;
-        *form = {SND_PCM_FORMAT_DSD_U32_BE, rate, flag_off};
-        return 0;
-    }
-    // The rate was halved for native words and is doubled back for PCM words: always an even one.
-    form->rate = form->rate / 2 * 2;
     int code = 0;
-    for (const int32_t word : std::span(pcm_words).first(form->i2s != 0 ? 1 : pcm_words.size())) {
-        form->format = word;
-        code = test_format(params, word);
-        if (code == 0) return 0;
+    for (const int32_t format :
+         std::span(formats).first(form->i2s != 0 ? i2s_formats : formats.size())) {
+        code = test_format(params, format);
+        if (code != 0) continue;
+        const dsd_form &dsd = find_dsd_form(format, form->i2s);
+        *form = {format, dsd_rate(dsd), dsd.i2s};
+        return 0;
     }
     if (form->i2s == 0)
         report(unit, 167, "snd_pcm_hw_params_set_format(Delta Sigma stream) failed.\n");
@@ -240,7 +263,7 @@ int sound_hwparams(snd_pcm_hw_params_t *params, stream_form *form)
         fatal_report(unit, 133, "Channels count (%d) not available for playbacks: %s\n",
                      stream_channels, snd_strerror(code));
     }
-    if (load_acquire(dsd_stream) != 0) {
+    if (dsd_stream != 0) {
         const int refused = choose_dsd_form(params, form);
         if (refused != 0) return refused;
     } else {
@@ -271,76 +294,53 @@ int sound_swparams(snd_pcm_sw_params_t *params)
 
 // --- Silence ------------------------------------------------------------------------------------
 
-// One DoP sample of silence: the marker in the highest byte that the format carries, two payload
-// bytes below it, zeros elsewhere.
-void fill_dop_sample(uint8_t *sample, int32_t format, uint8_t marker)
+void fill_silence()
 {
-    static constexpr uint8_t p = dop_silence;
-    const std::array<uint8_t, 4> top_of_32 = {0, p, p, marker};
-    const std::array<uint8_t, 4> low_24_bits = {p, p, marker, 0};
-    const bool low = format == SND_PCM_FORMAT_S24_LE || format == SND_PCM_FORMAT_S24_3LE;
-    std::memcpy(sample, low ? low_24_bits.data() : top_of_32.data(),
-                static_cast<size_t>(format_bytes(format)));
+    const std::span<uint8_t> data(ring_data(silence_ring), silence_ring->ring_size);
+    std::fill(data.begin(), data.end(), uint8_t{0});
+    if (dsd_stream == 0) return;
+    // The frames of whole groups fill it, and an even number of them leaves the marker's phase at
+    // its start: the feeder's first frame follows the last one here.
+    const dsd_form &form = find_dsd_form(output_format, i2s_mode);
+    std::array<uint8_t, dsd_group_bytes> group;
+    group.fill(dsd_silence);
+    int32_t phase = 0;
+    for (size_t at = 0; at < data.size();) at += form.pack(group, &data[at], &phase);
 }
 
-void fill_silence(int32_t format)
-{
-    uint8_t *data = ring_data(silence_ring);
-    const bool dsd = first_file_is_dsd();
-    const bool native = format == SND_PCM_FORMAT_DSD_U32_LE || format == SND_PCM_FORMAT_DSD_U32_BE;
-    if (!dsd || native || load_acquire(i2s_mode) != 0) {
-        const uint8_t fill = !dsd ? 0 : native ? native_silence : i2s_silence;
-        std::memset(data, fill, silence_ring->ring_size);
-        return;
-    }
-    const auto sample_bytes = static_cast<size_t>(format_bytes(format));
-    for (size_t sample = 0; sample < size_t{silence_frames} * stream_channels; ++sample) {
-        const size_t frame = sample / stream_channels;
-        fill_dop_sample(data + sample * sample_bytes, format, silence_marker[frame % 2]);
-    }
-}
-
-void make_silence(int32_t format)
+void make_silence()
 {
     if (silence_ring != nullptr) return;
-    const auto frame_bytes = static_cast<uint32_t>(format_bytes(format) * stream_channels);
+    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
     silence_ring = ringbuffer_new(silence_frames * frame_bytes, frame_bytes, file_count);
     if (silence_ring == nullptr)
         report(unit, 535, "ringbuffer allocation failed.\n");
     else
-        fill_silence(format);
+        fill_silence();
 }
 
 // --- Opening as a whole -------------------------------------------------------------------------
 
-// The ring already holds frames of the form that the probe settled. A device that takes another
-// one now would play them as noise.
-bool agrees_with_probe(const stream_form &form)
+// Once the ring holds frames of the settled form, a device that takes another one would play them
+// as noise.
+bool agrees_with_settled(const stream_form &form)
 {
-    return ring == nullptr ||
-           (form.format == load_acquire(output_format) && form.rate == load_acquire(output_rate));
+    return !stream_is_settled() || (form.format == output_format && form.rate == output_rate);
 }
 
-// Opens, configures and prepares the device for the form of file_list[0]. Main thread for the
-// probe, output thread for good; the trial values of the second run are never seen by the first.
-void sound_open()
+// Opens, configures and prepares the device for file_list[0]: on the main thread for the probe, on
+// the output thread for good. *form: what it agreed to. False when the output was stopped before
+// the device could be had.
+bool sound_open(stream_form *form)
 {
-    const stream_wish wish = wished_stream();
-    store_release(dsd_stream, first_file_is_dsd() ? 1 : 0);
-    open_device();
+    *form = wished_stream();
+    if (!open_device()) return false;
 
     snd_pcm_hw_params_t *hw_params = nullptr;
     snd_pcm_hw_params_alloca(&hw_params);
-    stream_form form = {load_acquire(output_format), wish.rate, wish.i2s};
-    int code = sound_hwparams(hw_params, &form);
-    if (code == 0 && !agrees_with_probe(form)) code = -EINVAL;
+    int code = sound_hwparams(hw_params, form);
+    if (code == 0 && !agrees_with_settled(*form)) code = -EINVAL;
     if (code != 0) fatal_report(unit, 514, "sound_hwparams() failed. %s\n", snd_strerror(code));
-
-    store_release(output_format, form.format);
-    store_release(output_rate, form.rate);
-    store_release(i2s_mode, form.i2s);
-    store_release(file_list[0].out_sample_bytes, format_bytes(form.format));
-    store_release(file_list[0].out_frame_bytes, format_bytes(form.format) * stream_channels);
 
     snd_pcm_sw_params_t *sw_params = nullptr;
     snd_pcm_sw_params_alloca(&sw_params);
@@ -348,7 +348,7 @@ void sound_open()
     if (code != 0) fatal_report(unit, 521, "sound_swparams() failed. %s\n", snd_strerror(code));
     code = snd_pcm_prepare(pcm);
     if (code != 0) fatal_report(unit, 526, "snd_pcm_prepare() failed. %s\n", snd_strerror(code));
-    make_silence(form.format);
+    return true;
 }
 
 // --- The writer pump ----------------------------------------------------------------------------
@@ -366,14 +366,21 @@ void start_if_prepared()
     require(snd_pcm_start(pcm), 323, "snd_pcm_start() error. %s\n");
 }
 
+// What a step of the pump came to.
+enum class pump_step {
+    wrote,   // frames went out
+    full,    // the device is nearly full
+    waiting, // the device took nothing, or there is nothing to give
+};
+
 // Sends silence in pairs of an even and an odd frame, whatever count the device takes. avail is the
 // device's room in frames, above nearly_full_frames.
-void write_silence(snd_pcm_sframes_t avail, uint32_t frame_bytes)
+pump_step write_silence(snd_pcm_sframes_t avail)
 {
     const bool odd = silence_written % 2 != 0;
     const snd_pcm_sframes_t pairs = (avail - 1) & ~snd_pcm_sframes_t{1};
     const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, snd_pcm_sframes_t{silence_frames});
-    const uint8_t *frames = ring_data(silence_ring) + (odd ? frame_bytes : 0);
+    const uint8_t *frames = ring_data(silence_ring) + (odd ? silence_ring->gap : 0);
 
     const snd_pcm_sframes_t written =
         snd_pcm_writei(pcm, frames, static_cast<snd_pcm_uframes_t>(wanted));
@@ -381,111 +388,76 @@ void write_silence(snd_pcm_sframes_t avail, uint32_t frame_bytes)
         silence_written += static_cast<int32_t>(written);
     else if (written != -EAGAIN && written != -EPIPE) // those two show in the next state
         store_release(stop_output, flag_on);
-    if (silence_written % 2 == 0 && silence_written >= load_acquire(output_rate)) primed = 1;
+    if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
+    return written > 0 ? pump_step::wrote : pump_step::waiting;
 }
 
-// A mark that main has given its index but not yet its count. A spent count is never -1: counts
-// fall by whole frames, and a frame of two channels has an even number of bytes.
-bool mark_is_half_set(const track_mark &mark)
+// Moves playing_file to the last file whose first byte has been sent.
+void follow_marks()
 {
-    return load_acquire(mark.count) == mark_unset;
-}
-
-// Takes the bytes about to leave the ring from every live mark. Result: the index of the last file
-// whose first byte is among them, or mark_unset.
-int32_t count_marks_down(int32_t bytes)
-{
-    track_mark *mark = ring->track_marks + first_pending_mark;
-    while (load_acquire(mark->index) != mark_unset && load_acquire(mark->count) < 0) {
-        if (mark_is_half_set(*mark)) return mark_unset; // it is the newest one: none is live yet
-        ++mark;
-        ++first_pending_mark;
-    }
-    int32_t spent = mark_unset;
-    for (; load_acquire(mark->index) != mark_unset && load_acquire(mark->count) >= 0; ++mark) {
-        const int32_t left = load_acquire(mark->count) - bytes;
-        store_release(mark->count, left);
-        if (left < 0) spent = load_acquire(mark->index);
-    }
-    return spent;
-}
-
-void move_playing_file(int32_t index)
-{
+    const uint64_t sent = load_acquire(ring->bytes_sent);
     soundfile *file = load_acquire(playing_file);
-    if (index == mark_unset || file->index < 0) return;
-    while (file->index >= 0 && file->index < index) file = file->next;
+    while (load_acquire(ring->track_marks[file->index + 1]) < sent) file = file->next;
     store_release(playing_file, file);
 }
 
 // Whole units only: the count runs slow at rates that do not divide 352800, and stands above it.
 void add_to_position(int32_t frames)
 {
-    const int64_t units = position_units_per_second / load_acquire(output_rate);
+    const int64_t units = position_units_per_second / output_rate;
     std::atomic<int64_t> &position = load_acquire(playing_file)->position;
     store_release(position, load_acquire(position) + units * frames);
 }
 
 // Hands frames of the ring to the device, straight from the ring's memory. avail is the device's
-// room in frames, above nearly_full_frames. Result: 0 when the ring holds no whole frame, else -1.
-int32_t write_ring(snd_pcm_sframes_t avail, uint32_t frame_bytes)
+// room in frames, above nearly_full_frames.
+pump_step write_ring(snd_pcm_sframes_t avail)
 {
-    const uint32_t used = ring_used(ring) / frame_bytes;
-    if (used == 0) {
-        // Less than a frame is left for good when a DSD file followed PCM on a device of wider
-        // words.
-        if (load_acquire(ring->more_coming) == 0 && ring_used(ring) < frame_bytes)
-            store_release(stop_output, flag_on);
-        return 0;
-    }
     const uint32_t wanted =
-        std::min({static_cast<uint32_t>(avail - 1), ring_used_run(ring) / frame_bytes, used});
-    const uint8_t *frames = ring_data(ring) + load_acquire(ring->read_offset);
+        std::min(static_cast<uint32_t>(avail - 1), ring_used_run(ring) / ring->gap);
+    if (wanted == 0) return pump_step::waiting;
+    const uint8_t *frames = ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
     const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, frames, wanted));
     if (written < 0) fatal_report(unit, 368, "snd_pcm_writei() returned code %d\n", written);
 
-    const uint32_t bytes = static_cast<uint32_t>(written) * frame_bytes;
-    const int32_t reached = count_marks_down(static_cast<int32_t>(bytes));
-    ring_advance(ring, ring->read_offset, bytes);
-    move_playing_file(reached);
+    ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
+    follow_marks();
     add_to_position(written);
-    return -1;
+    return written > 0 ? pump_step::wrote : pump_step::waiting;
 }
 
-// One step of moving sound to the device. Result: -1 when it wrote, 0 when there was nothing to do.
-int32_t write_pump()
+// One step of moving sound to the device.
+pump_step write_pump()
 {
     if (state_stops(snd_pcm_state(pcm))) {
         store_release(stop_output, flag_on);
-        return 0;
+        return pump_step::waiting;
     }
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
         if (avail != -EPIPE) report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
         store_release(stop_output, flag_on);
-        return 0;
+        return pump_step::waiting;
     }
     if (avail <= nearly_full_frames) {
         start_if_prepared();
-        return 0;
+        return pump_step::full;
     }
-    const auto frame_bytes =
-        static_cast<uint32_t>(format_bytes(load_acquire(output_format)) * stream_channels);
-    if (primed != 0) return write_ring(avail, frame_bytes);
-    write_silence(avail, frame_bytes);
-    return -1;
+    return primed != 0 ? write_ring(avail) : write_silence(avail);
 }
 
 // --- The thread ---------------------------------------------------------------------------------
 
-// A late wake-up must leave the device and the ring enough sound, whichever holds less of it.
-void tell_buffered_time()
+// Fills the device with silence as far as it takes it. One that refuses silence for good must not
+// hold the thread: a stop counts here.
+void fill_device(uint32_t pause)
 {
-    const auto rate = static_cast<uint64_t>(load_acquire(output_rate));
-    const auto frame_bytes = static_cast<uint64_t>(format_bytes(load_acquire(output_format))) *
-                             static_cast<uint64_t>(stream_channels);
-    const uint64_t ring_frames = ring->usable_size / frame_bytes;
-    set_buffered_time(std::min(uint64_t{alsa_buffer_frames}, ring_frames) * 1000000 / rate);
+    while (primed == 0 && load_acquire(stop_output) == 0) {
+        const pump_step step = write_pump();
+        if (step == pump_step::full) return;
+        poll_keyboard();
+        if (step == pump_step::waiting) usleep(pause);
+    }
 }
 
 void start_device()
@@ -498,31 +470,63 @@ void start_device()
     }
 }
 
-bool all_is_played()
+// Nothing is left, and nothing will come: everything is fed, or a SIGINT ended the feeding. Less
+// than a frame stays for good when DSD followed PCM on a device of wider words.
+bool all_is_sent()
 {
-    return load_acquire(ring->more_coming) == 0 && ring_used(ring) == 0;
+    const bool no_more = load_acquire(ring->more_coming) == 0 || load_acquire(interrupted) != 0;
+    return no_more && ring_frames(ring) == 0;
+}
+
+// Waits until the device has played what it holds, or can have. Closing it would drop that. Some
+// devices never tell that they ran empty, and one that drains by itself may stay so: neither holds
+// the thread longer than its queue lasts, and a tenth more.
+void let_play_out(bool in_order, uint32_t pause)
+{
+    using clock = std::chrono::steady_clock;
+    const auto waits = [in_order] {
+        const snd_pcm_state_t state = snd_pcm_state(pcm);
+        const bool plays = state == SND_PCM_STATE_RUNNING && load_acquire(stop_output) == 0;
+        return state == SND_PCM_STATE_DRAINING || (in_order && plays);
+    };
+    const auto queued_microseconds = [] {
+        const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
+        const auto queued = static_cast<snd_pcm_sframes_t>(alsa_buffer_frames) - avail;
+        return avail < 0 || queued <= 0 ? int64_t{0} : int64_t{queued} * 1000000 / output_rate + 1;
+    };
+    int64_t left = queued_microseconds();
+    const auto latest = clock::now() + std::chrono::microseconds(left + left / 10);
+    while (left > 0 && waits() && clock::now() < latest && !poll_keyboard()) {
+        usleep(static_cast<uint32_t>(std::min(left, int64_t{pause})));
+        left = queued_microseconds();
+    }
 }
 
 void play()
 {
-    // A device that refuses silence for good, or takes none, must not hold the thread here.
-    while (write_pump() != 0 && primed == 0 && load_acquire(stop_output) == 0)
-        poll_sleep(0, wakeup::prompt);
+    const uint32_t pause = pause_of(alsa_buffer_frames, output_rate);
+    fill_device(pause);
     start_device();
-    while (!all_is_played() && load_acquire(stop_output) == 0) {
-        if (write_pump() != 0)
-            poll_sleep(0, wakeup::prompt);
-        else
-            poll_sleep(1, wakeup::late);
+    while (!all_is_sent() && load_acquire(stop_output) == 0) {
+        poll_keyboard();
+        if (write_pump() != pump_step::wrote) usleep(pause);
     }
-    while (snd_pcm_state(pcm) == SND_PCM_STATE_DRAINING) poll_sleep(1, wakeup::late);
+    let_play_out(load_acquire(stop_output) == 0, pause);
 }
 
 } // namespace
 
 int32_t sound_probe()
 {
-    sound_open();
+    stream_form form{};
+    dsd_stream = file_list[0].wave.wBitsPerSample == dsd_bits_per_sample ? 1 : 0;
+    sound_open(&form); // nothing can stop it before the output thread exists
+    output_format = form.format;
+    output_rate = form.rate;
+    i2s_mode = form.i2s;
+    file_list[0].out_sample_bytes = format_bytes(form.format);
+    file_list[0].out_frame_bytes = format_bytes(form.format) * stream_channels;
+    make_silence();
     snd_pcm_close(pcm);
     pcm = nullptr;
     return -1;
@@ -530,32 +534,20 @@ int32_t sound_probe()
 
 void stream_banner()
 {
-    const int32_t rate = load_acquire(output_rate);
-    if (!first_file_is_dsd()) {
-        std::fprintf(stderr, "Open %dHzfs PCM stream\n", rate);
+    if (dsd_stream == 0) {
+        std::fprintf(stderr, "Open %dHzfs PCM stream\n", output_rate);
+        if (!player_fills(output_format)) {
+            report(unit, 148,
+                   "the device's widest format, number %d, is one that this player cannot fill "
+                   "rightly. Try a hw device.\n",
+                   output_format);
+        }
         return;
     }
-    const char *label = "";
-    int32_t bits_per_frame = native_bits_per_frame;
-    switch (load_acquire(output_format)) {
-    case SND_PCM_FORMAT_S24_LE:
-    case SND_PCM_FORMAT_S24_BE:
-    case SND_PCM_FORMAT_S32_LE:
-    case SND_PCM_FORMAT_S32_BE:
-    case SND_PCM_FORMAT_S24_3LE:
-        label = load_acquire(i2s_mode) != 0 ? "I2S" : "DoP";
-        if (load_acquire(i2s_mode) == 0) bits_per_frame = dop_bits_per_frame;
-        break;
-    case SND_PCM_FORMAT_DSD_U32_LE:
-    case SND_PCM_FORMAT_DSD_U32_BE:
-        label = "native";
-        break;
-    default:
-        break;
-    }
-    const int32_t hertz = rate * bits_per_frame;
+    const dsd_form &form = find_dsd_form(output_format, i2s_mode);
+    const int32_t hertz = output_rate * form.bits_per_frame;
     std::fprintf(stderr, "Open %d.%dfMHzfs %s stream\n", hertz / 1000000, hertz / 100000 % 10,
-                 label);
+                 form.label);
 }
 
 int32_t find_last_card()
@@ -571,22 +563,25 @@ int32_t find_last_card()
 
 void *output_thread(void *)
 {
-    // stop_output is clear: main cleared it before this thread was made. Clearing it here again
-    // would lose a stop that came in between.
-    sound_open();
+    // stop_output is not cleared here: a stop that came since main looked would be lost.
+    stream_form form{};
+    const bool opened = sound_open(&form);
     primed = 0;
     silence_written = 0;
+    make_silence();
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
-    tell_buffered_time();
 
     // A device whose whole buffer counts as nearly full would never be written.
-    if (alsa_buffer_frames <= nearly_full_frames)
+    if (opened && alsa_buffer_frames <= nearly_full_frames) {
+        report(unit, 576, "a device buffer of %d frames is too small to play.\n",
+               static_cast<int32_t>(alsa_buffer_frames));
         store_release(stop_output, flag_on);
-    else
+    } else if (opened) {
         play();
-
-    std::puts(blank_line);
-    snd_pcm_close(pcm);
+    }
+    // The device comes first: a reader of standard output may have stopped reading.
+    if (opened) snd_pcm_close(pcm);
     pcm = nullptr;
+    std::puts(blank_line);
     return nullptr;
 }

@@ -8,15 +8,7 @@ namespace
 {
 
 constexpr int32_t report_out_of_memory = 16;
-constexpr uint32_t size_limit = 1U << 31; // offsets are compared as signed 32-bit numbers
-
-void clear_marks(track_mark *marks, size_t entries)
-{
-    for (size_t i = 0; i < entries; ++i) {
-        store_release(marks[i].index, mark_unset);
-        store_release(marks[i].count, mark_unset);
-    }
-}
+constexpr uint32_t size_limit = 1U << 31; // a size on the command line is below it
 
 } // namespace
 
@@ -33,7 +25,7 @@ ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files)
         delete[] marks;
         return nullptr;
     }
-    clear_marks(marks, entries);
+    for (size_t i = 0; i < entries; ++i) store_release(marks[i], mark_unset);
 
     auto *r = new (memory) ringbuffer{};
     r->ring_size = size;
@@ -47,7 +39,8 @@ ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files)
 void ringbuffer_free(ringbuffer **owner)
 {
     if (*owner == nullptr) return;
-    delete[](*owner)->track_marks;
+    track_mark *marks = (*owner)->track_marks;
+    delete[] marks;
     std::destroy_at(*owner);
     std::free(*owner);
     *owner = nullptr;

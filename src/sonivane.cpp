@@ -36,10 +36,10 @@ reader_slot read_samples;
 ringbuffer *ring;
 std::atomic<int32_t> interrupted;
 std::atomic<int32_t> stop_output;
-std::atomic<int32_t> output_format{SND_PCM_FORMAT_S32_LE};
-std::atomic<int32_t> output_rate;
-std::atomic<int32_t> dsd_stream;
-std::atomic<int32_t> i2s_mode;
+int32_t output_format = SND_PCM_FORMAT_S32_LE;
+int32_t output_rate;
+int32_t dsd_stream;
+int32_t i2s_mode;
 snd_pcm_t *pcm;
 std::array<char, 1024> device_name;
 int32_t oversample;
@@ -52,49 +52,12 @@ uint64_t buffer_bytes;
 const char *mode_label;
 controller_block *controller;
 
-int32_t open_soundfile(soundfile *file);
-int32_t pcm_feeder();
-int32_t dsd_feeder();
-void status_update(soundfile *file);
-
 namespace
 {
 
 constexpr const char *unit = "sonivane";
 
-constexpr const char *controller_key_file = "/tmp/sonivane.key";
-constexpr int controller_key_project = 255;
-
-constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
-constexpr uint64_t buffer_bytes_limit = uint64_t{1} << 31;
-constexpr int32_t primed_percent = 79; // priming ends above it
-
-// Sleeps of the main thread in microseconds.
-constexpr uint32_t yield_sleep = 0;
-constexpr uint32_t room_sleep = 1;
-constexpr uint32_t full_ring_sleep = 100;
-constexpr uint32_t drain_sleep = 500;
-
-soundfile *last_shown_file;
-int64_t last_shown_second = -1;
-
-// Set once a thread takes from the ring: before that a wait for room would never end.
-bool output_started;
-
 // --- Opening a file -----------------------------------------------------------------------------
-
-// The parsers in the order in which a file is offered to them.
-struct container_row {
-    int32_t (*open)(soundfile *file);
-    reader_slot read;
-    container_kind container;
-};
-constexpr std::array<container_row, 4> containers = {{
-    {wav_open, wav_read, container_wav},
-    {dsdiff_open, dsdiff_read, container_dsdiff},
-    {dsf_open, dsf_read, container_dsf},
-    {wsd_open, wsd_read, container_wsd},
-}};
 
 // Makes all DSD containers look alike. The parser left lengths in bits per channel.
 void describe_dsd(soundfile *file)
@@ -146,15 +109,46 @@ void describe_pcm(soundfile *file)
     file->sample_bytes = file->wave.nBlockAlign / file->wave.nChannels;
 }
 
-// --- The next file of the list ------------------------------------------------------------------
+// The parsers in the order in which a file is offered to them, and what a file that one takes is
+// described and fed by.
+struct container_row {
+    container_kind container;
+    int32_t (*open)(soundfile *file);
+    void (*describe)(soundfile *file);
+    reader_slot read;
+    feeder_slot feed;
+};
+constexpr std::array<container_row, 4> containers = {{
+    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder},
+    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder},
+    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder},
+    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
+}};
 
-// The mark of a file that is about to start: all that is in the ring goes out before it.
-void set_track_mark(const soundfile *file)
+} // namespace
+
+int32_t open_soundfile(soundfile *file)
 {
-    track_mark &mark = ring->track_marks[file->index];
-    store_release(mark.index, file->index);
-    store_release(mark.count, static_cast<int32_t>(ring_used(ring)));
+    file->fp = fopen64(file->path, "rb");
+    if (file->fp == nullptr) fatal_report(unit, 725, "file %s open error.\n", file->path);
+
+    for (const container_row &row : containers) {
+        std::rewind(file->fp);
+        if (row.open(file) != 0) continue;
+        file->container = row.container;
+        row.describe(file);
+        fill_buffer = row.feed;
+        read_samples = row.read;
+        return 0;
+    }
+    std::fprintf(stderr, "file format of %s unknown. Skip\n", file->path);
+    return -1;
 }
+
+namespace
+{
+
+// --- The next file of the list ------------------------------------------------------------------
 
 void close_file(soundfile *file)
 {
@@ -163,39 +157,25 @@ void close_file(soundfile *file)
     file->fp = nullptr;
 }
 
-// Closes the file that was fed to its end and opens the one after it. A file that was sound when it
+// Closes the file that was fed to its end and opens the one after it. A file that was taken when it
 // was probed and is no more gets its mark, as an empty one, and is passed over.
 void open_next_file()
 {
     close_file(feeding_file);
     feeding_file = feeding_file->next;
     while (feeding_file->index >= 0) {
-        set_track_mark(feeding_file);
+        store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
         if (open_soundfile(feeding_file) == 0) return;
         close_file(feeding_file);
         feeding_file = feeding_file->next;
     }
 }
 
-// Waits until more than short_of bytes of the ring are free. False when that cannot come: the
-// output was stopped, or nobody takes from the ring yet.
-bool wait_for_room(uint32_t short_of)
-{
-    while (ring_free(ring) <= short_of) {
-        if (!output_started || load_acquire(interrupted) != 0 || load_acquire(stop_output) != 0)
-            return false;
-        poll_keyboard(); // room can be half a second away, while the device plays the silence
-        poll_sleep(room_sleep, wakeup::late);
-    }
-    return true;
-}
-
 // --- DSD feeder ---------------------------------------------------------------------------------
 
 constexpr uint32_t dsd_call_frames = 3528; // most frames of one call
 constexpr uint32_t dsd_least_frames = 352; // with less room a call does nothing
-constexpr size_t dsd_frame_bytes = 8;
-constexpr size_t dsd_packed_frame_bytes = 6; // in 3-byte samples
+constexpr size_t dsd_frame_bytes = 8;      // of the largest frames
 constexpr uint8_t native_cut = 0xAA;
 constexpr uint8_t dop_cut = 0x55;
 constexpr uint8_t i2s_cut = 0;
@@ -205,70 +185,72 @@ constexpr uint8_t i2s_cut = 0;
 constexpr std::array<uint8_t, 2> dop_marker = {0xFA, 0x05};
 int32_t dop_marker_phase; // index into dop_marker; never reset
 
-// Eight bytes as a reader delivers them: L0 R0 L1 R1 L2 R2 L3 R3, oldest first.
-using dsd_chunk = std::array<uint8_t, dsd_group_bytes>;
-using dsd_frame = std::array<uint8_t, dsd_frame_bytes>;
-
-void overwrite_cut_channels(dsd_chunk &chunk, uint8_t fill)
+// Packs every step bytes of the groups (left and right in turn, oldest first) as lay_out does.
+// Result: bytes stored.
+template <size_t step, typename Layout>
+size_t pack_each(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
-    for (size_t i = 0; i < chunk.size(); i += 2) {
-        if (left_cut != 0) chunk[i] = fill;
-        if (right_cut != 0) chunk[i + 1] = fill;
+    size_t stored = 0;
+    for (size_t i = 0; i < groups.size(); i += step) {
+        const auto packed = lay_out(&groups[i]);
+        std::memcpy(out + stored, packed.data(), packed.size());
+        stored += packed.size();
     }
+    return stored;
 }
 
-// Each form packs a chunk into whole frames at out. Result: bytes stored.
-
-size_t store(uint8_t *out, const dsd_frame &frame, size_t frame_bytes = dsd_frame_bytes)
+template <typename... Bytes> std::array<uint8_t, sizeof...(Bytes)> bytes_of(Bytes... bytes)
 {
-    std::memcpy(out, frame.data(), frame_bytes);
-    return frame_bytes;
+    return {static_cast<uint8_t>(bytes)...};
 }
 
-size_t pack_native_le(const dsd_chunk &c, uint8_t *out)
+size_t pack_native_le(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
 {
-    return store(out, {c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]});
-}
-
-size_t pack_native_be(const dsd_chunk &c, uint8_t *out)
-{
-    return store(out, {c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]});
-}
-
-// Two DoP frames; lay_out gives the bytes of one from four bytes of the chunk and the marker.
-template <size_t frame_bytes, typename Layout>
-size_t pack_dop(const dsd_chunk &chunk, uint8_t *out, Layout lay_out)
-{
-    size_t bytes = 0;
-    int32_t phase = dop_marker_phase;
-    for (size_t i = 0; i < chunk.size(); i += 4) {
-        const uint8_t marker = dop_marker[static_cast<size_t>(phase)];
-        bytes += store(out + bytes, lay_out(&chunk[i], marker), frame_bytes);
-        phase ^= 1;
-    }
-    dop_marker_phase = phase;
-    return bytes;
-}
-
-size_t pack_dop_3_bytes(const dsd_chunk &chunk, uint8_t *out)
-{
-    return pack_dop<dsd_packed_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
-        return dsd_frame{c[2], c[0], marker, c[3], c[1], marker};
+    return pack_each<8>(groups, out, [](const uint8_t *c) {
+        return bytes_of(c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]);
     });
 }
 
-size_t pack_dop_4_bytes(const dsd_chunk &chunk, uint8_t *out)
+size_t pack_native_be(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
 {
-    return pack_dop<dsd_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
-        return dsd_frame{0, c[2], c[0], marker, 0, c[3], c[1], marker};
+    return pack_each<8>(groups, out, [](const uint8_t *c) {
+        return bytes_of(c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]);
+    });
+}
+
+// One DoP frame for every four bytes; lay_out gets them and the frame's marker.
+template <typename Layout>
+size_t pack_dop(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase, Layout lay_out)
+{
+    int32_t next = *phase;
+    const size_t stored = pack_each<4>(groups, out, [&next, lay_out](const uint8_t *c) {
+        const uint8_t marker = dop_marker[static_cast<size_t>(next)];
+        next ^= 1;
+        return lay_out(c, marker);
+    });
+    *phase = next;
+    return stored;
+}
+
+size_t pack_dop_3_bytes(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
+{
+    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
+        return bytes_of(c[2], c[0], marker, c[3], c[1], marker);
+    });
+}
+
+size_t pack_dop_4_bytes(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
+{
+    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
+        return bytes_of(0, c[2], c[0], marker, 0, c[3], c[1], marker);
     });
 }
 
 // S24_LE carries the low 24 bits of its word.
-size_t pack_dop_s24(const dsd_chunk &chunk, uint8_t *out)
+size_t pack_dop_s24(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
 {
-    return pack_dop<dsd_frame_bytes>(chunk, out, [](const uint8_t *c, uint8_t marker) {
-        return dsd_frame{c[2], c[0], marker, 0, c[3], c[1], marker, 0};
+    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
+        return bytes_of(c[2], c[0], marker, 0, c[3], c[1], marker, 0);
     });
 }
 
@@ -287,83 +269,93 @@ uint16_t interleave_bits(uint8_t left, uint8_t right)
     return static_cast<uint16_t>(spread_bits[left] << 1 | spread_bits[right]);
 }
 
-// Two words of bits, left and right in turn, the older half-word above, each word lowest byte
-// first.
-size_t pack_i2s(const dsd_chunk &chunk, uint8_t *out)
+// A word of bits, left and right in turn, for every four bytes: the older half-word above, lowest
+// byte first.
+size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
 {
-    dsd_frame frame{};
-    for (size_t i = 0; i < chunk.size(); i += 4) {
-        const uint16_t older = interleave_bits(chunk[i], chunk[i + 1]);
-        const uint16_t newer = interleave_bits(chunk[i + 2], chunk[i + 3]);
-        frame[i] = static_cast<uint8_t>(newer);
-        frame[i + 1] = static_cast<uint8_t>(newer >> 8);
-        frame[i + 2] = static_cast<uint8_t>(older);
-        frame[i + 3] = static_cast<uint8_t>(older >> 8);
-    }
-    return store(out, frame);
+    return pack_each<4>(groups, out, [](const uint8_t *c) {
+        const uint16_t older = interleave_bits(c[0], c[1]);
+        const uint16_t newer = interleave_bits(c[2], c[3]);
+        return bytes_of(newer, newer >> 8, older, older >> 8);
+    });
 }
 
-struct dsd_form {
-    size_t (*pack)(const dsd_chunk &chunk, uint8_t *out);
-    uint32_t charge; // frames of budget that a chunk costs
-    uint8_t cut;     // what a cut channel's bytes become
-};
+// The last row stands for every other PCM word, too.
+constexpr std::array<dsd_form, 6> dsd_forms = {{
+    {SND_PCM_FORMAT_DSD_U32_LE, flag_off, "native", 32, 8, 1, native_cut, pack_native_le},
+    {SND_PCM_FORMAT_DSD_U32_BE, flag_off, "native", 32, 8, 1, native_cut, pack_native_be},
+    {SND_PCM_FORMAT_S24_3LE, flag_off, "DoP", 16, 6, 2, dop_cut, pack_dop_3_bytes},
+    {SND_PCM_FORMAT_S32_LE, flag_on, "I2S", 32, 8, 2, i2s_cut, pack_i2s},
+    {SND_PCM_FORMAT_S24_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_s24},
+    {SND_PCM_FORMAT_S32_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_4_bytes},
+}};
 
-// The format decides before i2s_mode does; a PCM word of any other format gets DoP in 4 bytes.
-dsd_form current_dsd_form()
+// Groups of one call: a budget of frames, up to the end of the ring's data area, in whole groups. A
+// ring made for other frames may end in less than a group: ring_put splits it. 0: no room worth it.
+uint32_t groups_of_room(const dsd_form &form)
 {
-    switch (load_acquire(output_format)) {
-    case SND_PCM_FORMAT_DSD_U32_LE:
-        return {pack_native_le, 1, native_cut};
-    case SND_PCM_FORMAT_DSD_U32_BE:
-        return {pack_native_be, 1, native_cut};
-    case SND_PCM_FORMAT_S24_3LE:
-        return {pack_dop_3_bytes, 2, dop_cut};
-    default:
-        break;
-    }
-    if (load_acquire(i2s_mode) != 0) return {pack_i2s, 2, i2s_cut};
-    if (load_acquire(output_format) == SND_PCM_FORMAT_S24_LE) return {pack_dop_s24, 2, dop_cut};
-    return {pack_dop_4_bytes, 2, dop_cut};
+    const uint32_t frames = std::min(ring_free(ring) / form.frame_bytes, dsd_call_frames);
+    if (frames < dsd_least_frames) return 0;
+    const uint32_t budget = std::min(ring_free_run(ring) / form.frame_bytes, frames);
+    return std::max(budget / form.charge, 1U);
 }
 
-// The frames of one call, on their way into the ring; a chunk of two may end one above the budget.
-std::array<uint8_t, (dsd_call_frames + 1) * dsd_frame_bytes> packed_frames;
-static_assert(sizeof packed_frames < smallest_buffer_bytes / 100 * (100 - primed_percent - 1),
-              "priming leaves room for a whole call");
-
-// Packs chunks of the feeding file for as many frames as budget. *bytes: what packed_frames holds
-// then. False when the file ended.
-bool pack_chunks(uint32_t budget, size_t *bytes)
+void overwrite_cut_channels(std::span<uint8_t> groups, uint8_t fill)
 {
-    for (*bytes = 0; budget > 0;) {
-        dsd_chunk chunk;
-        if (read_samples(feeding_file, chunk.data(), dsd_group_bytes) < 1) return false;
-        const dsd_form form = current_dsd_form();
-        if ((left_cut | right_cut) != 0) overwrite_cut_channels(chunk, form.cut);
-        *bytes += form.pack(chunk, &packed_frames[*bytes]);
-        budget -= std::min(budget, form.charge);
+    if ((left_cut | right_cut) == 0) return;
+    for (size_t i = 0; i < groups.size(); i += 2) {
+        if (left_cut != 0) groups[i] = fill;
+        if (right_cut != 0) groups[i + 1] = fill;
     }
-    return true;
 }
 
-// Frames of room that one call may use; 0 for none worth a call. *budget: those up to the wrap. A
-// ring made for other frames may end in less than one: ring_put splits that frame.
-uint32_t dsd_room(uint32_t frame_bytes, uint32_t *budget)
+} // namespace
+
+const dsd_form &find_dsd_form(int32_t format, int32_t i2s)
 {
-    const uint32_t frames = std::min(ring_free(ring) / frame_bytes, dsd_call_frames);
-    *budget = std::min(std::max(ring_free_run(ring) / frame_bytes, 1U), frames);
-    return frames < dsd_least_frames ? 0 : frames;
+    for (const dsd_form &form : dsd_forms)
+        if (form.format == format && (form.i2s == flag_off || i2s != flag_off)) return form;
+    return dsd_forms.back();
+}
+
+int32_t dsd_feeder()
+{
+    static std::array<uint8_t, size_t{dsd_call_frames} * dsd_group_bytes> staged;
+    static std::array<uint8_t, dsd_call_frames * dsd_frame_bytes> packed;
+
+    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
+    const dsd_form &form = find_dsd_form(output_format, i2s_mode);
+    const uint32_t groups = groups_of_room(form);
+    if (groups == 0) return 0;
+
+    const auto wanted = static_cast<int32_t>(groups) * dsd_group_bytes;
+    const int32_t got = read_samples(feeding_file, staged.data(), wanted);
+    if (got < 1) {
+        open_next_file();
+        return -1;
+    }
+    const auto bytes = std::span(staged).first(static_cast<size_t>(got));
+    overwrite_cut_channels(bytes, form.cut);
+    const size_t stored = form.pack(bytes, packed.data(), &dop_marker_phase);
+    ring_put(ring, packed.data(), static_cast<uint32_t>(stored));
+    return -1;
 }
 
 // --- PCM feeder ---------------------------------------------------------------------------------
 
-constexpr int32_t staging_bytes = 3072;
-constexpr size_t staging_words = staging_bytes; // samples of one byte each
+namespace
+{
 
-std::array<uint8_t, staging_bytes> pcm_staging;
-int32_t staged_bytes;    // bytes of pcm_staging not yet decoded
-int32_t staged_position; // offset of the next byte to decode
+constexpr int32_t staging_bytes = 3072;         // of the file, read at a time
+constexpr size_t staging_words = staging_bytes; // samples of one byte each
+constexpr size_t word_bytes = 4;
+
+// What the last read gave, decoded, and the frames of it that are still to go on.
+std::array<uint32_t, staging_words> decoded_words;
+std::span<const uint32_t> decoded;
+
+// What the filter gave for the last frame and the ring had no room for yet.
+std::span<const float> filtered;
 
 struct pcm_format_row {
     int32_t alsa_format;  // SND_PCM_FORMAT_*
@@ -391,8 +383,17 @@ constexpr const pcm_format_row *end_row = &pcm_format_table.back();
 
 const pcm_format_row *format_row; // of the file being fed; null: not looked up yet
 
+const pcm_format_row *find_format_row(int32_t format)
+{
+    const auto *row = pcm_format_table.data();
+    while (row != end_row && row->alsa_format != format) ++row;
+    const bool is_float = format == SND_PCM_FORMAT_FLOAT_LE || format == SND_PCM_FORMAT_FLOAT_BE;
+    if (row == end_row && !is_float)
+        fatal_report(unit, 533, "Unsupported input format %d.\n", format);
+    return row;
+}
+
 // Samples as left-justified signed words, left and right in turn.
-using pcm_words = std::array<uint32_t, staging_words>;
 
 template <int32_t bytes, bool big_endian> uint32_t stored_word(const uint8_t *sample)
 {
@@ -423,16 +424,16 @@ uint32_t word_of_float(float value)
     return std::isnan(scaled) ? 0 : static_cast<uint32_t>(static_cast<int32_t>(scaled));
 }
 
-// Only a device of floats, without the filter, gets a float's bits as they are.
-bool floats_pass_unchanged()
+// A device of floats gets integers as floats too, and the filter's output as it is.
+bool device_takes_floats()
 {
-    return oversample == 0 && load_acquire(output_format) == SND_PCM_FORMAT_FLOAT_LE;
+    return output_format == SND_PCM_FORMAT_FLOAT_LE;
 }
 
 template <bool big_endian>
 void decode_floats(const uint8_t *samples, int32_t sample_bytes, std::span<uint32_t> words)
 {
-    const bool unchanged = floats_pass_unchanged();
+    const bool unchanged = oversample == 0 && device_takes_floats();
     for (uint32_t &word : words) {
         word = stored_word<4, big_endian>(samples);
         if (!unchanged) word = word_of_float(std::bit_cast<float>(word));
@@ -440,18 +441,16 @@ void decode_floats(const uint8_t *samples, int32_t sample_bytes, std::span<uint3
     }
 }
 
-const pcm_format_row *find_format_row(int32_t format)
+constexpr float word_to_float = 4.656613e-10F; // 2^-31
+static_assert(std::bit_cast<uint32_t>(word_to_float) == 0x30000000);
+
+float float_of_word(uint32_t word)
 {
-    const auto *row = pcm_format_table.data();
-    while (row != end_row && row->alsa_format != format) ++row;
-    const bool is_float = format == SND_PCM_FORMAT_FLOAT_LE || format == SND_PCM_FORMAT_FLOAT_BE;
-    if (row == end_row && !is_float)
-        fatal_report(unit, 533, "Unsupported input format %d.\n", format);
-    return row;
+    return static_cast<float>(static_cast<int32_t>(word)) * word_to_float;
 }
 
 // Decodes words.size() samples of the feeding file.
-void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
+void decode_integers(const uint8_t *samples, std::span<uint32_t> words)
 {
     const uint32_t bias = format_row->bias;
     const bool big = format_row->big_endian != 0;
@@ -465,15 +464,25 @@ void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
     case 4:
         return (big ? decode_words<4, true> : decode_words<4, false>)(samples, bias, words);
     default:
-        break;
-    }
-    if (format_row != end_row)
         fatal_report(unit, 464, "Illegal byte count %d\n", format_row->stream_bytes);
-    const bool big_float = feeding_file->sample_format == SND_PCM_FORMAT_FLOAT_BE;
-    (big_float ? decode_floats<true> : decode_floats<false>)(samples, feeding_file->sample_bytes,
-                                                             words);
+    }
 }
 
+// As the next step takes them: words for the filter, else words or floats for the device.
+void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
+{
+    if (format_row == end_row) {
+        const bool big = feeding_file->sample_format == SND_PCM_FORMAT_FLOAT_BE;
+        (big ? decode_floats<true> : decode_floats<false>)(samples, feeding_file->sample_bytes,
+                                                           words);
+        return;
+    }
+    decode_integers(samples, words);
+    if (oversample != 0 || !device_takes_floats()) return;
+    for (uint32_t &word : words) word = std::bit_cast<uint32_t>(float_of_word(word));
+}
+
+// What a cut channel gives is 0 in every form, through the filter too.
 void silence_cut_channels(std::span<uint32_t> words)
 {
     for (size_t i = 0; i < words.size(); i += 2) {
@@ -482,10 +491,41 @@ void silence_cut_channels(std::span<uint32_t> words)
     }
 }
 
+// Reads whole frames and decodes them. False at the end of the file.
+bool stage_samples()
+{
+    static std::array<uint8_t, staging_bytes> pcm_staging;
+    if (feeding_file->bytes_left < 1) return false;
+    const int32_t frame_bytes = feeding_file->wave.nBlockAlign;
+    const int32_t count = staging_bytes / frame_bytes * frame_bytes;
+    const int32_t got = read_samples(feeding_file, pcm_staging.data(), count);
+    if (got < frame_bytes) return false;
+
+    if (format_row == nullptr) format_row = find_format_row(feeding_file->sample_format);
+    const auto frames = static_cast<size_t>(got / frame_bytes);
+    const auto words = std::span(decoded_words).first(frames * stream_channels);
+    decode_samples(pcm_staging.data(), words);
+    silence_cut_channels(words);
+    decoded = words;
+    return true;
+}
+
+// Runs the next decoded frame through the filter.
+void filter_frame()
+{
+    const std::array<float, stream_channels> input = {float_of_word(decoded[0]),
+                                                      float_of_word(decoded[1])};
+    int32_t count = 0;
+    const float *output = coeff_filter_run(input.data(), &count);
+    filtered = output == nullptr ? std::span<const float>{}
+                                 : std::span(output, static_cast<size_t>(count));
+    decoded = decoded.subspan(stream_channels);
+}
+
 // Bits below the sample of a device format whose words are wider than its samples, such as S24_LE.
 int32_t device_padding_bits()
 {
-    const auto format = static_cast<snd_pcm_format_t>(load_acquire(output_format));
+    const auto format = static_cast<snd_pcm_format_t>(output_format);
     return snd_pcm_format_physical_width(format) - snd_pcm_format_width(format);
 }
 
@@ -499,135 +539,81 @@ template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shi
     }
 }
 
-// Result: bytes stored at out, which holds 4 for each word; 0 for a sample width that has no
-// packing.
-size_t pack_samples(std::span<const uint32_t> words, uint8_t *out)
+// Words whose whole frames fit in the ring while each still leaves more than its own size free.
+size_t words_of_room()
 {
-    const int32_t sample_bytes = load_acquire(file_list[0].out_sample_bytes);
-    const int32_t padding = device_padding_bits();
-    const int shift = padding > 0 && padding < 32 ? padding : 0;
-    switch (sample_bytes) {
-    case 1:
-        pack_words<1>(words, shift, out);
-        break;
-    case 2:
-        pack_words<2>(words, shift, out);
-        break;
-    case 3:
-        pack_words<3>(words, shift, out);
-        break;
-    case 4:
-        pack_words<4>(words, shift, out);
-        break;
-    default:
-        return 0;
-    }
-    return words.size() * static_cast<size_t>(sample_bytes);
-}
-
-// Frames that fit in the ring now while each still leaves more than its own size free.
-size_t frames_of_room()
-{
-    const auto frame_bytes = static_cast<uint32_t>(load_acquire(file_list[0].out_frame_bytes));
+    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
     const uint32_t room = ring_free(ring);
-    return room == 0 ? 0 : (room - 1) / frame_bytes;
+    return room == 0 ? 0 : size_t{(room - 1) / frame_bytes} * stream_channels;
 }
 
-// Stores the words of whole frames, as many at a time as there is room for. Result: the words
-// stored, fewer than given only when room will not come.
-size_t put_words(std::span<const uint32_t> words)
+// Stores words that there is room for, at most staging_words of them. A sample width that has no
+// packing gets nothing.
+void put_words(std::span<const uint32_t> words)
 {
-    const auto frame_bytes = static_cast<uint32_t>(load_acquire(file_list[0].out_frame_bytes));
-    std::array<uint8_t, staging_words * 4> packed;
-    size_t stored = 0;
-    while (stored < words.size() && wait_for_room(frame_bytes)) {
-        const size_t fitting = std::min(frames_of_room() * stream_channels, packed.size() / 4);
-        const auto run = words.subspan(stored, std::min(fitting, words.size() - stored));
-        ring_put(ring, packed.data(), static_cast<uint32_t>(pack_samples(run, packed.data())));
-        stored += run.size();
-    }
-    return stored;
+    static std::array<uint8_t, staging_words * word_bytes> packed;
+    static constexpr std::array<void (*)(std::span<const uint32_t>, int, uint8_t *), 5> packings = {
+        nullptr, pack_words<1>, pack_words<2>, pack_words<3>, pack_words<4>};
+    const auto sample_bytes = static_cast<size_t>(file_list[0].out_sample_bytes);
+    if (sample_bytes >= packings.size() || packings[sample_bytes] == nullptr) return;
+    packings[sample_bytes](words, device_padding_bits(), packed.data());
+    ring_put(ring, packed.data(), static_cast<uint32_t>(words.size() * sample_bytes));
 }
 
-// --- The filter road ----------------------------------------------------------------------------
+// Stores decoded words. False when nothing was done for want of room.
+bool put_decoded()
+{
+    const auto run = decoded.first(std::min(decoded.size(), words_of_room()));
+    put_words(run);
+    decoded = decoded.subspan(run.size());
+    return !run.empty();
+}
 
-constexpr float word_to_float = 4.656613e-10F; // 2^-31
-static_assert(std::bit_cast<uint32_t>(word_to_float) == 0x30000000);
-
-// What the filter gave for the last frame and the ring had no room for yet.
-std::span<const float> filtered;
-
-// Stores the filter's pending floats. False when room will not come; they stay pending.
+// Stores some of the filter's pending floats. False when nothing was done for want of room.
 bool put_filtered()
 {
-    std::array<uint32_t, 512> words;
-    while (!filtered.empty()) {
-        const auto run = std::span(words).first(std::min(words.size(), filtered.size()));
-        for (size_t i = 0; i < run.size(); ++i) run[i] = word_of_float(filtered[i]);
-        silence_cut_channels(run);
-        const size_t stored = put_words(run);
-        filtered = filtered.subspan(stored);
-        if (stored < run.size()) return false;
+    static std::array<uint32_t, staging_words> words;
+    const auto run = filtered.first(std::min({filtered.size(), words_of_room(), words.size()}));
+    for (size_t i = 0; i < run.size(); ++i) {
+        words[i] = device_takes_floats() ? std::bit_cast<uint32_t>(run[i]) : word_of_float(run[i]);
     }
-    return true;
+    put_words(std::span(words).first(run.size()));
+    filtered = filtered.subspan(run.size());
+    return !run.empty();
 }
 
-// Runs one frame of words through the filter.
-void filter_frame(const uint32_t *words)
+// Sends all that is decoded through the filter, as far as there is room. False when nothing was
+// done.
+bool filter_decoded()
 {
-    const std::array<float, stream_channels> input = {
-        static_cast<float>(static_cast<int32_t>(words[0])) * word_to_float,
-        static_cast<float>(static_cast<int32_t>(words[1])) * word_to_float};
-    int32_t count = 0;
-    const float *output = coeff_filter_run(input.data(), &count);
-    filtered = output == nullptr ? std::span<const float>{}
-                                 : std::span(output, static_cast<size_t>(count));
-}
-
-// --- One call of the PCM feeder -----------------------------------------------------------------
-
-// Reads whole frames into the empty staging buffer. False at the end of the file.
-bool stage_samples()
-{
-    staged_bytes = 0;
-    staged_position = 0;
-    if (feeding_file->bytes_left < 1) return false;
-    const int32_t frame_bytes = feeding_file->wave.nBlockAlign;
-    const int32_t count = staging_bytes / frame_bytes * frame_bytes;
-    const int32_t got = read_samples(feeding_file, pcm_staging.data(), count);
-    if (got < frame_bytes) return false;
-    staged_bytes = got / frame_bytes * frame_bytes;
-    poll_sleep(yield_sleep, wakeup::prompt);
-    return true;
-}
-
-void consume_staged(size_t frames)
-{
-    const auto bytes = static_cast<int32_t>(frames) * stream_channels * feeding_file->sample_bytes;
-    staged_bytes -= bytes;
-    staged_position += bytes;
-}
-
-// Feeds all that is staged, or less when room will not come.
-void feed_staged()
-{
-    if (format_row == nullptr) format_row = find_format_row(feeding_file->sample_format);
-    static pcm_words buffer;
-    const auto samples = static_cast<size_t>(staged_bytes / feeding_file->sample_bytes);
-    const auto words = std::span(buffer).first(samples / stream_channels * stream_channels);
-    decode_samples(&pcm_staging[static_cast<size_t>(staged_position)], words);
-
-    if (oversample == 0) {
-        silence_cut_channels(words);
-        consume_staged(put_words(words) / stream_channels);
-        return;
+    bool done = false;
+    while (!filtered.empty() || !decoded.empty()) {
+        if (filtered.empty())
+            filter_frame();
+        else if (!put_filtered())
+            return done;
+        done = true;
     }
-    for (size_t i = 0; i < words.size(); i += stream_channels) {
-        filter_frame(&words[i]);
-        consume_staged(1);
-        if (!put_filtered()) return;
-    }
+    return done;
 }
+
+} // namespace
+
+int32_t pcm_feeder()
+{
+    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
+    if (decoded.empty() && filtered.empty() && !stage_samples()) {
+        format_row = nullptr;
+        open_next_file();
+        if (feeding_file->index < 0) store_release(ring->more_coming, 0);
+        return -1;
+    }
+    const bool done = oversample != 0 ? filter_decoded() : put_decoded();
+    return done ? -1 : 0;
+}
+
+namespace
+{
 
 // --- Signals ------------------------------------------------------------------------------------
 
@@ -660,7 +646,22 @@ void install_sigint_handler()
     std::signal(SIGINT, sigint_handler);
 }
 
+} // namespace
+
+void exit_if_interrupted()
+{
+    // A fatal report of the other thread sets both words, stop_output first.
+    if (load_acquire(interrupted) != 0 && load_acquire(stop_output) == 0)
+        fatal_report(unit, 1045, "exit by interrupt\n");
+}
+
+namespace
+{
+
 // --- Controller ---------------------------------------------------------------------------------
+
+constexpr const char *controller_key_file = "/tmp/sonivane.key";
+constexpr int controller_key_project = 255;
 
 void attach_controller()
 {
@@ -677,7 +678,7 @@ void attach_controller()
 void announce_stream()
 {
     if (controller == nullptr) return;
-    const int32_t state = load_acquire(i2s_mode) != 0 ? flag_on : flag_off;
+    const int32_t state = i2s_mode != 0 ? flag_on : flag_off;
     if ((load_acquire(controller->controller_state) != 0) == (state != 0)) return;
     store_release(controller->controller_state, state);
     const int32_t process = load_acquire(controller->controller_pid);
@@ -738,6 +739,7 @@ void probe_files()
         file->path = std::exchange(file_list[name].path, nullptr);
         file->index = kept;
         file->next = file + 1;
+        exit_if_interrupted();
         const bool taken = open_soundfile(file) == 0;
         close_file(file);
         if (taken) {
@@ -769,6 +771,11 @@ void set_up_stream()
         fatal_report(unit, 1019, "coeff filter initialize failed.\n");
 }
 
+constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
+constexpr uint64_t buffer_bytes_limit = uint64_t{1} << 31;
+
+uint32_t ring_pause; // microseconds that main may sleep while the ring is full
+
 void make_ring()
 {
     if (buffer_bytes != 0 && buffer_bytes < smallest_buffer_bytes) {
@@ -776,31 +783,29 @@ void make_ring()
                static_cast<int32_t>(buffer_bytes), static_cast<int32_t>(smallest_buffer_bytes));
     }
     buffer_bytes = std::max(buffer_bytes, smallest_buffer_bytes);
-    const auto format = static_cast<snd_pcm_format_t>(load_acquire(output_format));
-    const auto frame_bytes =
-        static_cast<uint32_t>(stream_channels * (snd_pcm_format_physical_width(format) / 8));
+    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
     if (buffer_bytes < buffer_bytes_limit)
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
-    set_track_mark(file_list);
+    ring_pause = pause_of(ring->usable_size / frame_bytes, output_rate);
 }
+
+constexpr int32_t primed_percent = 79; // priming ends above it
 
 // Fills the ring before anything takes from it.
 void prime_ring()
 {
     while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= primed_percent) {
-        if (load_acquire(interrupted) != 0) fatal_report(unit, 1045, "exit by interrupt\n");
-        if (fill_buffer() == 0) return;
+        exit_if_interrupted();
+        poll_keyboard();
+        if (load_acquire(stop_output) != 0 || fill_buffer() == 0) return;
         show_status(0, ring_percent(ring), "filling buffer");
-        poll_sleep(yield_sleep, wakeup::prompt);
     }
 }
 
 pthread_t start_output()
 {
     pthread_t thread{};
-    store_release(stop_output, flag_off);
-    output_started = true;
     if (pthread_create(&thread, nullptr, output_thread, nullptr) != 0)
         fatal_report(unit, 1062, "pthread_create() failed.\n");
     return thread;
@@ -809,34 +814,50 @@ pthread_t start_output()
 // Keeps the ring full until everything is fed or something stops the output.
 void feed_list()
 {
-    while (load_acquire(stop_output) == 0) {
+    while (load_acquire(stop_output) == 0 && load_acquire(ring->more_coming) != 0) {
         if (load_acquire(interrupted) != 0) {
             feeding_file = file_list + file_count;
             return;
         }
-        if (load_acquire(ring->more_coming) == 0) return;
         status_update(load_acquire(playing_file));
-        poll_keyboard();
-        if (fill_buffer() != 0) {
-            poll_sleep(yield_sleep, wakeup::prompt);
-        } else if (feeding_file->index >= 0) {
-            poll_sleep(full_ring_sleep, wakeup::late);
-        } else {
+        if (fill_buffer() != 0) continue;
+        if (feeding_file->index >= 0)
+            usleep(ring_pause);
+        else
             store_release(ring->more_coming, 0);
-            return;
-        }
     }
 }
 
+constexpr uint32_t shortest_drain_pause = 500; // microseconds
+
+// Shows how the rest of the ring is played. Its end can be near: the pauses begin short.
 void drain_ring()
 {
-    while (ring_used(ring) > 0 && load_acquire(stop_output) == 0 &&
+    uint32_t pause = shortest_drain_pause;
+    while (ring_frames(ring) > 0 && load_acquire(stop_output) == 0 &&
            load_acquire(interrupted) == 0) {
         soundfile *file = load_acquire(playing_file);
         if (file->index >= 0) status_update(file);
-        poll_keyboard();
-        poll_sleep(drain_sleep, wakeup::late);
+        usleep(pause);
+        pause = std::min(pause * 2, ring_pause);
     }
+}
+
+// The output thread looks at the keyboard while it runs, and main does before. A key that came
+// while the ring was primed leaves nothing to start.
+void play_list()
+{
+    if (load_acquire(stop_output) != 0) {
+        std::puts(blank_line);
+        return;
+    }
+    const pthread_t output = start_output();
+    announce_stream();
+    feed_list();
+    drain_ring();
+
+    std::puts(blank_line);
+    if (pthread_join(output, nullptr) != 0) fatal_report(unit, 1068, "pthread_join() failed.\n");
 }
 
 void clean_up()
@@ -848,82 +869,28 @@ void clean_up()
     terminal_restore();
 }
 
+soundfile *last_shown_file;
+int64_t last_shown_second = -1;
+
 // Total time in whole seconds; a header with a field of 0 gives 0.
 int64_t total_seconds(const soundfile *file)
 {
     const wave_format &wave = file->wave;
     if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
-    const uint64_t factor = wave.wBitsPerSample == dsd_bits_per_sample ? 16 : 1;
+    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
+    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
+    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
     const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
 }
 
 bool everything_is_out()
 {
-    return load_acquire(ring->more_coming) == 0 && ring_used(ring) == 0;
+    return load_acquire(ring->more_coming) == 0 && ring_frames(ring) == 0;
 }
 
 } // namespace
 
-// Opens path and offers the stream to each parser. 0: a parser took it, the record describes it,
-// the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
-// the caller to close. A path that cannot be opened is report 725. Main thread.
-int32_t open_soundfile(soundfile *file)
-{
-    file->fp = fopen64(file->path, "rb");
-    if (file->fp == nullptr) fatal_report(unit, 725, "file %s open error.\n", file->path);
-
-    for (const container_row &row : containers) {
-        std::rewind(file->fp);
-        if (row.open(file) != 0) continue;
-        file->container = row.container;
-        if (row.container == container_wav)
-            describe_pcm(file);
-        else
-            describe_dsd(file);
-        fill_buffer = row.container == container_wav ? pcm_feeder : dsd_feeder;
-        read_samples = row.read;
-        return 0;
-    }
-    std::fprintf(stderr, "file format of %s unknown. Skip\n", file->path);
-    return -1;
-}
-
-// Feeds DSD: up to 3528 frames to the end of the ring's data area. 0: nothing done, for want of
-// room, of files, or after a SIGINT; else -1. Main thread, through fill_buffer.
-int32_t dsd_feeder()
-{
-    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
-    const bool packed = load_acquire(output_format) == SND_PCM_FORMAT_S24_3LE;
-    const size_t frame_bytes = packed ? dsd_packed_frame_bytes : dsd_frame_bytes;
-    uint32_t budget = 0;
-    if (dsd_room(static_cast<uint32_t>(frame_bytes), &budget) == 0) return 0;
-
-    size_t bytes = 0;
-    const bool more = pack_chunks(budget, &bytes);
-    if (bytes > 0 && wait_for_room(static_cast<uint32_t>(bytes) - 1))
-        ring_put(ring, packed_frames.data(), static_cast<uint32_t>(bytes));
-    if (!more) open_next_file();
-    return -1;
-}
-
-// Feeds PCM: one staging buffer, whole, or the end of a file. 0: nothing done, after a SIGINT or
-// the last file; else -1. Main thread, through fill_buffer.
-int32_t pcm_feeder()
-{
-    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
-    if (!put_filtered()) return -1;
-    if (staged_bytes < 1 && !stage_samples()) {
-        format_row = nullptr;
-        open_next_file();
-        if (feeding_file->index < 0) store_release(ring->more_coming, 0);
-        return -1;
-    }
-    feed_staged();
-    return -1;
-}
-
-// Shows the banner of a file that newly plays, and one status line a shown second. Main thread.
 void status_update(soundfile *file)
 {
     if (file != last_shown_file) {
@@ -961,14 +928,7 @@ int main(int argc, char **argv)
     feeding_file = file_list;
     store_release(playing_file, file_list);
     prime_ring();
-
-    const pthread_t output = start_output();
-    announce_stream();
-    feed_list();
-    drain_ring();
-
-    std::puts(blank_line);
-    if (pthread_join(output, nullptr) != 0) fatal_report(unit, 1068, "pthread_join() failed.\n");
+    play_list();
     std::putchar('\n');
     clean_up();
     return 0;

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <span>
 
 #include "ringbuffer.h"
 
@@ -68,19 +69,18 @@ static_assert(offsetof(wave_format, SubFormat) == 24);
 
 // One entry of the play list. Fresh: all zero but path. Main thread, where no other is named.
 struct soundfile {
-    std::FILE *fp;         // the open stream; stale after a close, until the next open
-    int32_t sample_format; // SND_PCM_FORMAT_* of the stored samples; 0 for DSD
-    int32_t sample_bytes;  // bytes of one stored sample; 1 for DSD
-    // Bytes of a sample and of a frame on the device. Valid in file_list[0] only.
-    std::atomic<int32_t> out_sample_bytes; // written by sound_open on either thread, read by main
-    std::atomic<int32_t> out_frame_bytes;  // as above
-    int32_t channels;                      // channels stored in the file
-    int32_t block_bytes;                   // DSF: bytes of one per-channel block
+    std::FILE *fp;                      // the open stream; null while there is none
+    int32_t sample_format;              // SND_PCM_FORMAT_* of the stored samples; 0 for DSD
+    int32_t sample_bytes;               // bytes of one stored sample; 1 for DSD
+    int32_t out_sample_bytes;           // bytes of a sample on the device; in file_list[0] only
+    int32_t out_frame_bytes;            // bytes of a frame on the device; in file_list[0] only
+    int32_t channels;                   // channels stored in the file
+    int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
     int32_t container;                  // container_kind
     std::atomic<int64_t> position;      // played, 1/352800 s; written by the output thread
-    int64_t
-        bytes_left; // PCM: bytes of the two played channels still to feed; DSD: bytes per channel
+    // PCM: bytes of the two played channels still to feed; DSD: bytes of one channel, constant.
+    int64_t bytes_left;
     int64_t data_bytes; // as bytes_left, constant once open; gives the banner its total time
     char *path;         // owned, from malloc; null in the end sentinel
     wave_format wave;
@@ -119,15 +119,15 @@ extern feeder_slot fill_buffer;
 extern reader_slot read_samples;
 extern ringbuffer *ring;
 
-extern std::atomic<int32_t> interrupted; // set by SIGINT and fatal reports; read by main
+extern std::atomic<int32_t> interrupted; // set by SIGINT and fatal reports; read by both
 extern std::atomic<int32_t> stop_output; // set by either thread; read by both
 
-// The stream, as sound_open settles it; the output thread repeats main's values.
-extern std::atomic<int32_t> output_format; // SND_PCM_FORMAT_*
-extern std::atomic<int32_t> output_rate;   // frames per second
-extern std::atomic<int32_t> dsd_stream;    // 1: the device gets DSD in any form
-extern std::atomic<int32_t> i2s_mode;      // DSD goes as raw bit pairs in a PCM word
-extern snd_pcm_t *pcm;                     // main while probing, then the output thread
+// The stream, settled by sound_probe; constant once the output thread exists.
+extern int32_t output_format; // SND_PCM_FORMAT_*
+extern int32_t output_rate;   // frames per second; 0: not settled yet
+extern int32_t dsd_stream;    // 1: the device gets DSD in any form
+extern int32_t i2s_mode;      // DSD goes as raw bit pairs in a PCM word
+extern snd_pcm_t *pcm;        // main while probing, then the output thread
 
 // Options of the command line.
 extern std::array<char, 1024> device_name; // always terminated
@@ -141,3 +141,41 @@ extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
 extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none
+
+// One form of DSD on the device: how the bits of both channels lie in its frames.
+struct dsd_form {
+    int32_t format;         // SND_PCM_FORMAT_* of the device
+    int32_t i2s;            // the form is for i2s_mode
+    const char *label;      // in the stream's banner
+    int32_t bits_per_frame; // of a channel
+    uint32_t frame_bytes;
+    uint32_t charge; // frames of a feeder call's budget that a group of 8 bytes costs
+    uint8_t cut;     // what the bytes of a cut channel become
+    // Packs groups as the readers deliver them into whole frames at out. phase: the next DoP
+    // marker, 0 or 1, moved on by each frame. Result: bytes stored.
+    size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase);
+};
+
+// The form that a device format gives, in i2s_mode or not. Any PCM word that has no form of its own
+// gets DoP in 4 bytes. Any thread.
+const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
+
+// Opens path and offers the stream to each parser. 0: a parser took it, the record describes it,
+// the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
+// the caller to close. A path that cannot be opened is report 725. Main thread.
+int32_t open_soundfile(soundfile *file);
+
+// Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of
+// room, of files, or after a SIGINT; else -1. Main thread, through fill_buffer.
+int32_t dsd_feeder();
+
+// Feeds PCM: what one read gave, as far as there is room. 0: nothing done, for want of room, of
+// files, or after a SIGINT; else -1. Main thread, through fill_buffer.
+int32_t pcm_feeder();
+
+// Shows the banner of a file that newly plays, and one status line a shown second. Main thread.
+void status_update(soundfile *file);
+
+// Ends the process with report 1045 if a SIGINT came and nothing else ends it already. The thread
+// that sets the output up.
+void exit_if_interrupted();

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -103,31 +102,6 @@ clock_time split_seconds(int64_t seconds)
             seconds % seconds_per_minute};
 }
 
-// --- Sleeps -------------------------------------------------------------------------------------
-
-// Timer slack in nanoseconds. The kernel takes 0 for "back to the default", which is 50000.
-constexpr uint64_t prompt_slack = 1;
-constexpr uint64_t latest_slack = 10000000;
-constexpr uint64_t quarter_of_microsecond = 250; // in nanoseconds
-
-std::atomic<uint64_t> buffered_microseconds; // any thread writes; poll_sleep reads; 0: not known
-
-// A wake-up that is late by less than a quarter of what is buffered leaves time to catch up.
-uint64_t late_slack()
-{
-    const uint64_t quarter =
-        std::min(load_acquire(buffered_microseconds), latest_slack) * quarter_of_microsecond;
-    return quarter <= prompt_slack ? prompt_slack : std::min(quarter - 1, latest_slack);
-}
-
-void set_timer_slack(uint64_t nanoseconds)
-{
-    thread_local uint64_t current; // 0: the thread has the default still
-    if (current == nanoseconds) return;
-    prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(nanoseconds), 0, 0, 0);
-    current = nanoseconds;
-}
-
 constexpr char stop_key = 3;
 constexpr int raised_priority = -10; // added to the nice value
 
@@ -223,17 +197,19 @@ void show_status(int64_t seconds, int32_t percent, const char *label)
     std::fflush(stdout);
 }
 
-void poll_keyboard()
+bool poll_keyboard()
 {
     fd_set input;
     FD_ZERO(&input);
     FD_SET(STDIN_FILENO, &input);
     struct timeval no_wait = {0, 0};
-    if (select(STDIN_FILENO + 1, &input, nullptr, nullptr, &no_wait) != 1) return;
+    if (select(STDIN_FILENO + 1, &input, nullptr, nullptr, &no_wait) != 1) return false;
     // Past stdin: its buffer would swallow what came together with this byte, out of select's
     // sight.
     char byte = 0;
-    if (read(STDIN_FILENO, &byte, 1) == 1 && byte == stop_key) store_release(stop_output, flag_on);
+    if (read(STDIN_FILENO, &byte, 1) != 1 || byte != stop_key) return false;
+    store_release(stop_output, flag_on);
+    return true;
 }
 
 void raise_priority()
@@ -246,13 +222,11 @@ void raise_priority()
     fatal_report(unit, 145, "nice() failed.\n");
 }
 
-void poll_sleep(uint32_t microseconds, wakeup when)
+uint32_t pause_of(uint32_t buffer_frames, int32_t rate)
 {
-    set_timer_slack(when == wakeup::late ? late_slack() : prompt_slack);
-    usleep(microseconds);
-}
-
-void set_buffered_time(uint64_t microseconds)
-{
-    store_release(buffered_microseconds, microseconds);
+    constexpr uint32_t refilled_short_of = 1026; // frames that a refill may leave free
+    constexpr int64_t longest = 40000;
+    constexpr int64_t shortest = 100;
+    const int64_t spare = int64_t{buffer_frames} - refilled_short_of;
+    return static_cast<uint32_t>(std::clamp(spare * 1000000 / rate / 4, shortest, longest));
 }

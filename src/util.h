@@ -57,21 +57,15 @@ void show_status(int64_t seconds, int32_t percent, const char *label);
 // A carriage return and the 72 blanks that wipe a status line; no line end.
 extern const char blank_line[];
 
-// Takes one waiting byte from standard input, if any; byte 3 sets stop_output. Never waits. Main
-// thread, the only reader of standard input.
-void poll_keyboard();
+// Takes one waiting byte from standard input, if any; byte 3 sets stop_output and makes the result
+// true. Never waits. The output thread while it runs, main before that: one reader at a time.
+bool poll_keyboard();
 
 // Run by root: asks for nice -10; a refusal is report 145. Otherwise nothing. Main thread.
 void raise_priority();
 
-// The sleeps of the polling loops. The kernel may wake a sleeper later than asked, by the thread's
-// timer slack, to save wake-ups. A late wake-up is welcome where nothing can be done before the
-// other side has moved, and harmful where the sleep only yields while there is work.
-enum class wakeup { prompt, late };
-
-// Sleeps for the given microseconds, with a late wake-up allowed or not. Any thread.
-void poll_sleep(uint32_t microseconds, wakeup when);
-
-// Tells how much sound, in microseconds, the smaller of the device's buffer and the ring holds: a
-// late wake-up stays well below it. Before the first call every wake-up is prompt. Any thread.
-void set_buffered_time(uint64_t microseconds);
+// How long a thread that polls may sleep, in microseconds, when nothing can be done before the
+// other side of a buffer has moved. buffer_frames: the buffer's size; rate: frames per second
+// through it. A refill may leave 1026 frames free, and of the time that the rest lasts a quarter is
+// slept, at most 50 ms. Any thread.
+uint32_t pause_of(uint32_t buffer_frames, int32_t rate);

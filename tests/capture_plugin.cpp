@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -56,8 +57,7 @@ constexpr std::array<fault_row, 10> faults = {{
     {"avail", SND_PCM_STATE_RUNNING, 0, 0, -EIO},
 }};
 
-constexpr double at_once = 0; // speeds
-constexpr double held = -1;
+constexpr double at_once = 0; // a speed
 
 struct capture_device {
     snd_pcm_ioplug_t io;
@@ -68,17 +68,18 @@ struct capture_device {
     std::mt19937 random;
     size_t transfers;
     bool cut_short;   // the last transfer was: the call that goes on with it gives EAGAIN
-    double speed;     // times real time, or at_once, or held
+    double speed;     // times real time, or at_once
     const char *gate; // file that tells how many frames may be played; null: any number
     int64_t dry_ms; // milliseconds without a transfer after which a dry queue is an xrun; -1: none
     uint64_t written;
-    double played; // frames; at most written - 1: never dry while it waits
+    double played; // frames that have sounded
     int64_t clock; // of the last look at played, in nanoseconds
     int64_t last_transfer;
     const fault_row *fault;
     uint64_t fault_at; // frames
 };
 capture_device device;
+bool busy_now; // the last open found the device busy
 
 const char *setting(const char *name, const char *otherwise)
 {
@@ -140,21 +141,17 @@ double limit_of_gate()
     return frames;
 }
 
-// Moves played on. The device stops one frame short of what was written, so that a queue which ran
-// dry is no xrun of itself; false when it is to be one.
+// Moves played on, as far as frames were written. False when a queue that ran dry is to be an xrun.
 bool play_on()
 {
     const int64_t time = now();
     const double passed = static_cast<double>(time - device.clock) * 1e-9;
     device.clock = time;
-    if (device.speed == held || device.written == 0) return true;
-    const auto last = static_cast<double>(device.written - 1);
-    if (device.speed == at_once)
-        device.played = last;
-    else
-        device.played += passed * device.io.rate * device.speed;
-    device.played = std::min({device.played, last, std::max(limit_of_gate(), 0.0)});
-    if (device.played < last) return true;
+    const auto all = static_cast<double>(device.written);
+    device.played =
+        device.speed == at_once ? all : device.played + passed * device.io.rate * device.speed;
+    device.played = std::min({device.played, all, std::max(limit_of_gate(), 0.0)});
+    if (device.played < all) return true;
     return device.dry_ms < 0 || time - device.last_transfer <= device.dry_ms * 1000000;
 }
 
@@ -278,7 +275,8 @@ int on_prepare(snd_pcm_ioplug_t *)
 
 int on_close(snd_pcm_ioplug_t *)
 {
-    log_line("close %lu\n", static_cast<unsigned long>(device.written));
+    log_line("close %lu sounded %lu\n", static_cast<unsigned long>(device.written),
+             static_cast<unsigned long>(device.played));
     close(device.capture_fd);
     close(device.io.poll_fd);
     return 0;
@@ -372,7 +370,7 @@ void read_fault(const char *text)
 void read_pace()
 {
     const std::string speed = setting("CAPTURE_SPEED", "once");
-    device.speed = speed == "once" ? at_once : speed == "hold" ? held : std::stod(speed);
+    device.speed = speed == "once" ? at_once : std::stod(speed);
     device.gate = setting("CAPTURE_GATE", nullptr);
     device.dry_ms = std::stol(setting("CAPTURE_DRY_MS", "-1"));
 }
@@ -383,6 +381,7 @@ int open_device(snd_pcm_t **pcm, const char *name, snd_pcm_stream_t stream, int 
     device.ordinal = opens_in_log() + 1;
     const std::string ordinal = std::to_string(device.ordinal);
     const bool busy = setting_has("CAPTURE_BUSY", ordinal) || setting_has("CAPTURE_BUSY", "all");
+    busy_now = busy;
     log_line("open %s%s\n", ordinal.c_str(), busy ? " busy" : "");
     if (busy) return -EBUSY;
 
@@ -466,12 +465,14 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
     return fails ? device.fault->avail_code : real(pcm);
 }
 
-// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B.
+// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. CAPTURE_INTERRUPT "A": a SIGINT
+// comes while A is opened.
 FILE *fopen64(const char *path, const char *mode)
 {
     static auto *real =
         reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
+    if (setting_has("CAPTURE_INTERRUPT", path)) raise(SIGINT);
     const auto swap = words_of(setting("CAPTURE_SWAP", ""));
     if (swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1])
         path = swap[2].c_str();
@@ -492,9 +493,12 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("CAPTURE_KEY", "-1"));
 }
 
-unsigned sleep(unsigned seconds)
+// Waiting for a busy device, which the player does in slices of this length, takes no time.
+int usleep(useconds_t microseconds)
 {
-    log_line("sleep %u\n", seconds);
+    static auto *real = reinterpret_cast<decltype(&usleep)>(dlsym(RTLD_NEXT, "usleep"));
+    if (!busy_now || microseconds != 50000) return real(microseconds);
+    log_line("pause %u\n", microseconds);
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -58,6 +59,7 @@ const std::vector<fault_row> fault_rows = {
     {"xrun", lost_early(4), in_order},
     {"pointer", lost_early(4), in_order},
     {"avail", no_room, no_room},
+    {"draining", lost_early(5), in_order}, // for good
     {"suspended", lost_early(7), in_order},
     {"disconnected", lost_early(8), in_order},
     {"transfer", in_order, write_failed(-5)},
@@ -102,7 +104,8 @@ TEST_P(play_fault, ends_as_told)
     EXPECT_LT(result.ms_to_end, soon_ms);
     EXPECT_TRUE(same_mode(result.before, result.after));
     // An end in order closes the device.
-    EXPECT_EQ(log_has(result, "close " + std::to_string(phase.strikes_after)), told.status == 0);
+    EXPECT_EQ(log_has(result, "close " + std::to_string(phase.strikes_after) + " "),
+              told.status == 0);
 }
 std::string name_of(const testing::TestParamInfo<play_fault::ParamType> &info)
 {
@@ -114,22 +117,43 @@ INSTANTIATE_TEST_SUITE_P(all, play_fault,
                                           testing::Bool()),
                          name_of);
 
-// A key that comes while the device is still busy waits for the sound, and ends it at once.
-TEST(play_faults, a_key_at_a_busy_device_ends_the_run_that_follows)
+// Waiting for a device that another program has ends with a SIGINT, by a report; a key ends it in
+// order at the second opening, and right behind the first one.
+TEST(play_faults, a_busy_device_does_not_hold_the_player)
 {
     const auto sound = random_pcm({2, false}, 2, 44100, 250000, 1);
-    const auto result = run_player({.arguments = {scratch_file("a.wav", wave_file(sound))},
-                                    .capture = {{"BUSY", "1 2"}, {"SPEED", "1"}},
-                                    .events = {{.type = key_3}},
-                                    .input = wire::pipe,
-                                    .stand_ins = true});
-    EXPECT_EQ(result.trouble, "");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_LT(result.ms_to_end, soon_ms);
+    const std::string file = scratch_file("a.wav", wave_file(sound));
+    struct row {
+        const char *busy; // openings
+        bool by_key;
+        int status;
+    };
+    for (const auto &[busy, by_key, status] : std::initializer_list<row>{
+             {"all", false, 1045 & 255},
+             {"2 3 4 5 6", false, 1045 & 255},
+             {"2 3 4 5 6", true, 0},
+             {"1", true, 0},
+         }) {
+        play_event end = {.err_has = "retrying"};
+        if (by_key)
+            end.type = key_3;
+        else
+            end.signal = SIGINT;
+        const auto result = run_player({.arguments = {file},
+                                        .capture = {{"BUSY", busy}},
+                                        .events = {end},
+                                        .input = wire::pipe,
+                                        .timeout_seconds = 8});
+        EXPECT_EQ(result.trouble, "") << busy;
+        EXPECT_EQ(result.status, status) << busy;
+        EXPECT_TRUE(result.capture.empty());
+        EXPECT_EQ(result.err.ends_with(report_text("sonivane", 1045, "exit by interrupt\n")),
+                  !by_key);
+    }
 }
 
-// A device that plays nothing: the ring is full, and the feeder waits for room that never comes.
-TEST(play_faults, a_key_ends_a_run_whose_feeder_waits_for_room)
+// A device that plays nothing: the ring is full, and there is more to read.
+TEST(play_faults, a_key_ends_a_run_whose_ring_is_full)
 {
     const auto sound = random_pcm({2, false}, 2, 44100, 250000, 1);
     const auto result =
@@ -140,7 +164,38 @@ TEST(play_faults, a_key_ends_a_run_whose_feeder_waits_for_room)
                     .timeout_seconds = 20});
     EXPECT_EQ(result.trouble, "");
     EXPECT_EQ(result.status, 0);
-    EXPECT_LT(result.ms_to_end, soon_ms);
+}
+
+// A device that stands still with the end of the list in its queue: the player does not wait for it
+// longer than that could last.
+TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
+{
+    const auto sound = random_pcm({2, false}, 2, 8000, 1000, 1);
+    const auto result = run_player({.arguments = {scratch_file("a.wav", wave_file(sound))},
+                                    .events = {{.allow = 9500}},
+                                    .gated = true,
+                                    .timeout_seconds = 20});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.capture.size(), (3 * 3998 + 1000) * 8U);
+    EXPECT_FALSE(all_sounded(result));
+}
+
+// Main stands in a write to a pipe that nobody reads: the key still closes the device.
+TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
+{
+    const auto sound = random_pcm({2, false}, 2, 8000, 200000, 1);
+    const auto result =
+        run_player({.arguments = {"--silent", scratch_file("a.wav", wave_file(sound))},
+                    .capture = {{"SPEED", "4"}},
+                    .events = {{.out_has = "0 1\n", .clogs = true},
+                               {.after_ms = 1000, .type = key_3, .clogs = true},
+                               {.log_has = "stop\nclose "}},
+                    .input = wire::pipe,
+                    .timeout_seconds = 30});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_FALSE(all_sounded(result));
 }
 
 // --- Buffers that are too small -----------------------------------------------------------------
@@ -153,6 +208,9 @@ TEST(play_faults, a_buffer_must_hold_more_than_1025_frames)
         {.arguments = {file}, .capture = {{"BUFFER_BYTES", "8200-8200"}}, .timeout_seconds = 20});
     EXPECT_EQ(small.trouble, "");
     EXPECT_EQ(small.status, 0);
+    EXPECT_EQ(small.err, "Open 8000Hzfs PCM stream\n" +
+                             thread_report(576, "a device buffer of 1025 frames is too small to "
+                                                "play.\n"));
     EXPECT_EQ(small.capture.size(), 0U);
     const auto enough =
         run_player({.arguments = {file}, .capture = {{"BUFFER_BYTES", "8216-8216"}}});

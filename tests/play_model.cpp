@@ -100,16 +100,26 @@ int32_t word_of_float(float value)
     return static_cast<int32_t>(std::fmin(std::fmax(word, -2147483648.0), 2147483647.0));
 }
 
-// The sample, left-justified and signed.
-int32_t word_of_sample(const pcm_sound &sound, const uint8_t *sample)
+// The stored sample, left-justified: a signed integer, or a float's bits.
+uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
 {
     uint32_t word = 0;
     for (size_t i = 0; i < sound.sample_bytes; ++i)
         word |= static_cast<uint32_t>(sample[i]) << 8 * (4 - sound.sample_bytes + i);
-    if (sound.sample_bytes == 1) word ^= 0x80000000; // unsigned in the file
+    return sound.sample_bytes == 1 ? word ^ 0x80000000 : word; // unsigned in the file
+}
+
+// What goes out for it: its top bytes, or on a device of floats the word times 2^-31.
+uint32_t device_word(uint32_t word, bool is_float, const device_form &device)
+{
     float value = 0;
     std::memcpy(&value, &word, sizeof value);
-    return sound.floats ? word_of_float(value) : static_cast<int32_t>(word);
+    if (device.floats && is_float) return word;
+    const int32_t number = is_float ? word_of_float(value) : static_cast<int32_t>(word);
+    if (!device.floats) return static_cast<uint32_t>(number >> device.padding);
+    value = static_cast<float>(number) * 0x1p-31F;
+    std::memcpy(&word, &value, sizeof word);
+    return word;
 }
 
 } // namespace
@@ -121,9 +131,9 @@ bytes device_bytes(const pcm_sound &sound, const device_form &device, cuts cut)
     for (size_t at = 0; at + frame <= sound.data.size(); at += frame) {
         for (const bool right : {false, true}) {
             const size_t place = right && sound.channels > 1 ? sound.sample_bytes : 0;
-            int32_t word = word_of_sample(sound, &sound.data[at + place]);
+            uint32_t word =
+                device_word(stored_word(sound, &sound.data[at + place]), sound.floats, device);
             if (right ? cut.right : cut.left) word = 0;
-            word >>= device.padding;
             for (size_t i = 4 - device.bytes; i < 4; ++i)
                 out.push_back(static_cast<uint8_t>(word >> 8 * i));
         }
@@ -285,6 +295,8 @@ std::string stream_trouble(const play_result &result, const stream_form &form, i
         std::string("params ") + form.device.name + " rate " + std::to_string(rate) + " ";
     if (told == extent::whole && result.status != 0)
         trouble << "status " << result.status << "\n" << result.err;
+    // A device that took a frame has not played it yet.
+    if (told == extent::whole && !all_sounded(result)) trouble << "not all frames sounded\n";
     if (!result.capture.empty() && !log_has(result, params)) trouble << "not " << params << "\n";
     if (result.capture != whole) {
         const auto [at, other] =

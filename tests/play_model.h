@@ -15,12 +15,13 @@ struct device_form {
     const char *name; // of the ALSA format
     size_t bytes;     // of a sample
     int padding;      // bits above the sample's in its word
+    bool floats = false;
 };
 inline constexpr device_form s16_le = {"S16_LE", 2, 0};
 inline constexpr device_form s24_3le = {"S24_3LE", 3, 0};
 inline constexpr device_form s24_le = {"S24_LE", 4, 8};
 inline constexpr device_form s32_le = {"S32_LE", 4, 0};
-inline constexpr device_form float_le = {"FLOAT_LE", 4, 0};
+inline constexpr device_form float_le = {"FLOAT_LE", 4, 0, true};
 inline constexpr device_form dsd_u32_be = {"DSD_U32_BE", 4, 0};
 
 // What the first file and the device make of the stream.
@@ -29,10 +30,11 @@ struct stream_form {
     device_form device;
     packing kind;
 };
-inline constexpr std::array<stream_form, 4> pcm_forms = {{{s16_le, packing::pcm},
+inline constexpr std::array<stream_form, 5> pcm_forms = {{{s16_le, packing::pcm},
                                                           {s24_3le, packing::pcm},
                                                           {s24_le, packing::pcm},
-                                                          {s32_le, packing::pcm}}};
+                                                          {s32_le, packing::pcm},
+                                                          {float_le, packing::pcm}}};
 inline constexpr std::array<stream_form, 5> dsd_forms = {{{dsd_u32_be, packing::native},
                                                           {s32_le, packing::dop},
                                                           {s24_le, packing::dop},

@@ -41,6 +41,7 @@ struct run_state {
     std::array<int, 3> far;  // the player's ends
     int terminal;            // our end of the terminal; -1: none
     int terminal_far;
+    bool clogged; // nobody reads standard output, and it is full
 };
 
 // --- Setting up ---------------------------------------------------------------------------------
@@ -170,7 +171,7 @@ void read_streams(run_state &state, play_result &result, int wait_ms)
         {{state.near[1], POLLIN, 0}, {state.near[2], POLLIN, 0}}}; // below 0: passed over
     poll(polled.data(), polled.size(), wait_ms);
     for (size_t stream = 1; stream < 3; ++stream) {
-        if (polled[stream - 1].revents == 0) continue;
+        if (polled[stream - 1].revents == 0 || (stream == 1 && state.clogged)) continue;
         if (read_some(state.near[stream], *texts[stream])) continue;
         close(std::exchange(state.near[stream], -1));
     }
@@ -205,7 +206,17 @@ void open_gate(const std::string &path, int64_t frames)
     std::filesystem::rename(path + ".new", path);
 }
 
-void let_happen(const play_event &event, const run_state &state, play_result &result)
+// Fills the pipe of standard output to its last byte.
+void clog(const run_state &state)
+{
+    const int fd = open(("/proc/self/fd/" + std::to_string(state.near[1])).c_str(),
+                        O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    while (write(fd, ".", 1) == 1) {
+    }
+    close(fd);
+}
+
+void let_happen(const play_event &event, run_state &state, play_result &result)
 {
     termios mode{};
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
@@ -217,6 +228,8 @@ void let_happen(const play_event &event, const run_state &state, play_result &re
         result.trouble += "keys were not taken\n";
     if (event.signal != 0) kill(state.process, event.signal);
     if (event.call) event.call();
+    state.clogged = event.clogs;
+    if (event.clogs) clog(state);
     if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
 }
 
@@ -347,6 +360,19 @@ bool log_has(const play_result &result, const std::string &text)
     for (const std::string &line : result.log)
         if (line.find(text) != std::string::npos) return true;
     return false;
+}
+
+bool all_sounded(const play_result &result)
+{
+    unsigned long taken = 0;
+    unsigned long sounded = 0;
+    bool all = false;
+    for (const std::string &line : result.log) {
+        if (line.starts_with("open ")) all = false; // the probe's close counts for nothing
+        if (std::sscanf(line.c_str(), "close %lu sounded %lu", &taken, &sounded) == 2)
+            all = taken == sounded;
+    }
+    return all;
 }
 
 std::string report_text(const char *unit, int number, const std::string &message)

@@ -29,7 +29,8 @@ struct play_event {
     int signal = 0;                                    // signal to send
     int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
-    bool may_miss = false;           // the player may end before it comes
+    bool clogs = false;    // standard output, a pipe, is full and unread until the next event
+    bool may_miss = false; // the player may end before it comes
 };
 
 struct play_settings {
@@ -84,6 +85,8 @@ std::string scratch_file(const std::string &name, const bytes &content);
 // The terminal's mode is the same in all that a program can set.
 bool same_mode(const termios &a, const termios &b);
 bool log_has(const play_result &result, const std::string &text);
+// The device was closed, and all frames that it took had sounded by then.
+bool all_sounded(const play_result &result);
 
 // The text that a fatal report or one that goes on leaves on standard error.
 std::string report_text(const char *unit, int number, const std::string &message);

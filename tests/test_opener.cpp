@@ -10,7 +10,7 @@
 
 #include "dsf.h"
 #include "open_bytes.h"
-#include "player.h"
+#include "sonivane.h"
 
 namespace
 {

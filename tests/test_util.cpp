@@ -4,12 +4,10 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -208,26 +206,17 @@ TEST_F(TerminalDeathTest, AShellStopsContinuesAndEndsIt)
     EXPECT_EXIT(run_shell(before), testing::ExitedWithCode(0), "");
 }
 
-// --- Sleeps -------------------------------------------------------------------------------------
+// --- Pauses -------------------------------------------------------------------------------------
 
-TEST(Sleep, ALateWakeUpStaysBelowAQuarterOfWhatIsBuffered)
+TEST(Pause, IsAQuarterOfWhatARefillLeavesAtMost)
 {
-    const auto slack_after = [](wakeup when) {
-        const auto start = std::chrono::steady_clock::now();
-        poll_sleep(1000, when);
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1));
-        return prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-    };
-    const std::pair<uint64_t, int> cases[] = {
-        {0, 1},           {1, 249},          {20000, 4999999},  {39999, 9999749},
-        {40000, 9999999}, {~0ULL, 10000000}, {500000, 10000000}};
-    for (const auto &[buffered_microseconds, slack] : cases) {
-        set_buffered_time(buffered_microseconds);
-        EXPECT_EQ(slack_after(wakeup::prompt), 1);
-        EXPECT_EQ(slack_after(wakeup::late), slack) << buffered_microseconds;
-    }
-    std::thread([&] { EXPECT_EQ(slack_after(wakeup::prompt), 1); }).join();
-    EXPECT_EQ(slack_after(wakeup::prompt), 1) << "each thread has a slack of its own";
+    const struct {
+        uint32_t frames;
+        int32_t rate;
+        uint32_t microseconds;
+    } cases[] = {{22050, 44100, 40000}, {2048, 44100, 5793}, {2048, 768000, 332},
+                 {1026, 44100, 100},    {1, 44100, 100},     {4294967295, 1, 40000}};
+    for (const auto &c : cases) EXPECT_EQ(pause_of(c.frames, c.rate), c.microseconds) << c.frames;
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 
 #include "dsf.h"
 #include "fuzz_file.h"
-#include "player.h"
+#include "sonivane.h"
 
 namespace
 {
