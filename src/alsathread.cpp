@@ -299,13 +299,10 @@ void fill_silence()
     const std::span<uint8_t> data(ring_data(silence_ring), silence_ring->ring_size);
     std::fill(data.begin(), data.end(), uint8_t{0});
     if (dsd_stream == 0) return;
-    // The frames of whole groups fill it, and an even number of them leaves the marker's phase at
-    // its start: the feeder's first frame follows the last one here.
     const dsd_form &form = find_dsd_form(output_format, i2s_mode);
     std::array<uint8_t, dsd_group_bytes> group;
     group.fill(dsd_silence);
-    int32_t phase = 0;
-    for (size_t at = 0; at < data.size();) at += form.pack(group, &data[at], &phase);
+    for (size_t at = 0; at < data.size();) at += form.pack(group, &data[at]);
 }
 
 void make_silence()

@@ -181,76 +181,70 @@ constexpr uint8_t dop_cut = 0x55;
 constexpr uint8_t i2s_cut = 0;
 
 // DoP open standard 1.1: the markers alternate from frame to frame for as long as the stream lasts,
-// over all files. A receiver that misses one plays the frames as PCM, which is full-scale noise.
+// over all files. A receiver that misses one plays the frames as PCM, which is full-scale noise. A
+// group of bytes is two frames, and nothing but whole groups is ever packed: the first frame of
+// each has the first marker, and no phase is to be kept.
 constexpr std::array<uint8_t, 2> dop_marker = {0xFA, 0x05};
-int32_t dop_marker_phase; // index into dop_marker; never reset
 
-// Packs every step bytes of the groups (left and right in turn, oldest first) as lay_out does.
-// Result: bytes stored.
-template <size_t step, typename Layout>
+// Packs every step bytes of the groups (left and right in turn, oldest first) as lay_out does,
+// which stores size bytes. Result: bytes stored.
+template <size_t step, size_t size, typename Layout>
 size_t pack_each(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
-    size_t stored = 0;
-    for (size_t i = 0; i < groups.size(); i += step) {
-        const auto packed = lay_out(&groups[i]);
-        std::memcpy(out + stored, packed.data(), packed.size());
-        stored += packed.size();
-    }
-    return stored;
+    const uint8_t *const end = groups.data() + groups.size();
+    for (const uint8_t *c = groups.data(); c != end; c += step, out += size) lay_out(c, out);
+    return groups.size() / step * size;
 }
 
-template <typename... Bytes> std::array<uint8_t, sizeof...(Bytes)> bytes_of(Bytes... bytes)
+// Stores bytes one by one: in an array of their own first they would cost twice as much.
+template <typename... Bytes> void store(uint8_t *out, Bytes... bytes)
 {
-    return {static_cast<uint8_t>(bytes)...};
+    ((*out++ = static_cast<uint8_t>(bytes)), ...);
 }
 
-size_t pack_native_le(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
+size_t pack_native_le(std::span<const uint8_t> groups, uint8_t *out)
 {
-    return pack_each<8>(groups, out, [](const uint8_t *c) {
-        return bytes_of(c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]);
+    return pack_each<8, 8>(groups, out, [](const uint8_t *c, uint8_t *frame) {
+        store(frame, c[6], c[4], c[2], c[0], c[7], c[5], c[3], c[1]);
     });
 }
 
-size_t pack_native_be(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
+size_t pack_native_be(std::span<const uint8_t> groups, uint8_t *out)
 {
-    return pack_each<8>(groups, out, [](const uint8_t *c) {
-        return bytes_of(c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]);
+    return pack_each<8, 8>(groups, out, [](const uint8_t *c, uint8_t *frame) {
+        store(frame, c[0], c[2], c[4], c[6], c[1], c[3], c[5], c[7]);
     });
 }
 
-// One DoP frame for every four bytes; lay_out gets them and the frame's marker.
-template <typename Layout>
-size_t pack_dop(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase, Layout lay_out)
+// Two DoP frames for every group; lay_out gets the four bytes of one, its place and its marker.
+template <size_t size, typename Layout>
+size_t pack_dop(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
-    int32_t next = *phase;
-    const size_t stored = pack_each<4>(groups, out, [&next, lay_out](const uint8_t *c) {
-        const uint8_t marker = dop_marker[static_cast<size_t>(next)];
-        next ^= 1;
-        return lay_out(c, marker);
-    });
-    *phase = next;
-    return stored;
-}
-
-size_t pack_dop_3_bytes(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
-{
-    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
-        return bytes_of(c[2], c[0], marker, c[3], c[1], marker);
+    return pack_each<8, 2 * size>(groups, out, [lay_out](const uint8_t *c, uint8_t *frames) {
+        lay_out(c, frames, dop_marker[0]);
+        lay_out(c + 4, frames + size, dop_marker[1]);
     });
 }
 
-size_t pack_dop_4_bytes(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
+size_t pack_dop_3_bytes(std::span<const uint8_t> groups, uint8_t *out)
 {
-    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
-        return bytes_of(0, c[2], c[0], marker, 0, c[3], c[1], marker);
+    return pack_dop<6>(groups, out, [](const uint8_t *c, uint8_t *frame, uint8_t marker) {
+        store(frame, c[2], c[0], marker, c[3], c[1], marker);
+    });
+}
+
+size_t pack_dop_4_bytes(std::span<const uint8_t> groups, uint8_t *out)
+{
+    return pack_dop<8>(groups, out, [](const uint8_t *c, uint8_t *frame, uint8_t marker) {
+        store(frame, 0, c[2], c[0], marker, 0, c[3], c[1], marker);
     });
 }
 
 // S24_LE carries the low 24 bits of its word.
-size_t pack_dop_s24(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase)
+size_t pack_dop_s24(std::span<const uint8_t> groups, uint8_t *out)
 {
-    return pack_dop(groups, out, phase, [](const uint8_t *c, uint8_t marker) {
-        return bytes_of(c[2], c[0], marker, 0, c[3], c[1], marker, 0);
+    return pack_dop<8>(groups, out, [](const uint8_t *c, uint8_t *frame, uint8_t marker) {
+        store(frame, c[2], c[0], marker, 0, c[3], c[1], marker, 0);
     });
 }
 
@@ -271,12 +265,12 @@ uint16_t interleave_bits(uint8_t left, uint8_t right)
 
 // A word of bits, left and right in turn, for every four bytes: the older half-word above, lowest
 // byte first.
-size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out, int32_t *)
+size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
 {
-    return pack_each<4>(groups, out, [](const uint8_t *c) {
+    return pack_each<4, 4>(groups, out, [](const uint8_t *c, uint8_t *word) {
         const uint16_t older = interleave_bits(c[0], c[1]);
         const uint16_t newer = interleave_bits(c[2], c[3]);
-        return bytes_of(newer, newer >> 8, older, older >> 8);
+        store(word, newer, newer >> 8, older, older >> 8);
     });
 }
 
@@ -297,7 +291,7 @@ uint32_t groups_of_room(const dsd_form &form)
     const uint32_t frames = std::min(ring_free(ring) / form.frame_bytes, dsd_call_frames);
     if (frames < dsd_least_frames) return 0;
     const uint32_t budget = std::min(ring_free_run(ring) / form.frame_bytes, frames);
-    return std::max(budget / form.charge, 1U);
+    return std::max(budget / form.budget_frames, 1U);
 }
 
 void overwrite_cut_channels(std::span<uint8_t> groups, uint8_t fill)
@@ -336,7 +330,7 @@ int32_t dsd_feeder()
     }
     const auto bytes = std::span(staged).first(static_cast<size_t>(got));
     overwrite_cut_channels(bytes, form.cut);
-    const size_t stored = form.pack(bytes, packed.data(), &dop_marker_phase);
+    const size_t stored = form.pack(bytes, packed.data());
     ring_put(ring, packed.data(), static_cast<uint32_t>(stored));
     return -1;
 }

@@ -149,11 +149,10 @@ struct dsd_form {
     const char *label;      // in the stream's banner
     int32_t bits_per_frame; // of a channel
     uint32_t frame_bytes;
-    uint32_t charge; // frames of a feeder call's budget that a group of 8 bytes costs
-    uint8_t cut;     // what the bytes of a cut channel become
-    // Packs groups as the readers deliver them into whole frames at out. phase: the next DoP
-    // marker, 0 or 1, moved on by each frame. Result: bytes stored.
-    size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out, int32_t *phase);
+    uint32_t budget_frames; // frames of a feeder call's budget that a group of 8 bytes costs
+    uint8_t cut;            // what the bytes of a cut channel become
+    // Packs whole groups as the readers deliver them into frames at out. Result: bytes stored.
+    size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out);
 };
 
 // The form that a device format gives, in i2s_mode or not. Any PCM word that has no form of its own
