@@ -13,7 +13,8 @@ namespace
 struct list_row {
     const char *caps; // frames of successive transfers
     const char *ring;
-    const char *speed; // at 300 times real time the ring stays full
+    const char *speed;  // at 300 times real time the ring stays full
+    const char *buffer; // of the device, in bytes; the player looks at it every 40 ms at least
     size_t files;
     size_t most_frames;
 };
@@ -21,12 +22,12 @@ struct list_row {
 TEST(play_lists, every_form_gets_every_kind)
 {
     for (const list_row &row : std::initializer_list<list_row>{
-             {"1", "1536K", "once", 5, 2000},
-             {"7", "1", "once", 5, 5000},
-             {"1 13 2000", "64M", "once", 40, 1000},
-             {"random 300 1", "2M", "once", 40, 3000},
-             {"", "1572865", "once", 5, 300000},
-             {"", "1600003", "300", 5, 300000},
+             {"1", "1536K", "once", "", 5, 2000},
+             {"7", "1", "once", "", 5, 5000},
+             {"1 13 2000", "64M", "once", "", 40, 1000},
+             {"random 300 1", "2M", "once", "", 40, 3000},
+             {"", "1572865", "once", "", 5, 300000},
+             {"", "1600003", "300", "480000-480000", 5, 300000},
          }) {
         std::vector<stream_form> forms(pcm_forms.begin(), pcm_forms.end());
         forms.insert(forms.end(), dsd_forms.begin(), dsd_forms.end());
@@ -35,6 +36,7 @@ TEST(play_lists, every_form_gets_every_kind)
             auto settings = settings_for(form, {"-B", row.ring, list.directory});
             settings.capture["CAPS"] = row.caps;
             settings.capture["SPEED"] = row.speed;
+            settings.capture["BUFFER_BYTES"] = row.buffer;
             EXPECT_EQ(stream_trouble(run_player(settings), form, list.rate, list.sound), "")
                 << form.device.name << " in transfers of " << row.caps << ", ring " << row.ring;
         }

@@ -41,6 +41,7 @@ bool play_list(const stream_form &form, size_t files, size_t frames, const std::
     auto settings = settings_for(form, {"-B", "1536K", list.directory});
     settings.capture["SPEED"] = speed;
     settings.capture["CAPS"] = "random 1000 " + std::to_string(seed);
+    settings.capture["BUFFER_BYTES"] = "480000-480000"; // the player looks every 40 ms
     settings.timeout_seconds = 3600;
     const auto result = run_player(settings);
     std::filesystem::remove_all(list.directory);
