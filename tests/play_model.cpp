@@ -168,8 +168,8 @@ uint32_t i2s_word(uint8_t left, uint8_t right)
     return word;
 }
 
-// stream: left and right bytes in turn.
-bytes packed(const bytes &stream, const stream_form &form, uint64_t dop_frame)
+// stream: left and right bytes in turn, in whole groups of 8: the first marker comes first in each.
+bytes packed(const bytes &stream, const stream_form &form)
 {
     // Where 16 bits are all that the device has, a DoP frame takes two of its frames.
     const device_form &device = form.device.bytes == 2 ? s32_le : form.device;
@@ -182,7 +182,7 @@ bytes packed(const bytes &stream, const stream_form &form, uint64_t dop_frame)
             if (at % 8 == 0) put_be(out, native_word(b), 4);
             if (at % 8 == 0) put_be(out, native_word(b + 1), 4);
         } else {
-            const uint32_t marker = (dop_frame++ % 2 == 0 ? 0xFAU : 0x05U) << 16;
+            const uint32_t marker = (at % 8 == 0 ? 0xFAU : 0x05U) << 16;
             for (const int side : {0, 1})
                 put_dop_sample(out, device,
                                marker | static_cast<uint32_t>(b[side] << 8) | b[side + 2]);
@@ -200,7 +200,7 @@ bytes silence_of(const stream_form &form)
     case packing::i2s:
         return bytes(16, 0x33);
     case packing::dop:
-        return packed(bytes(8, 0x55), form, 0);
+        return packed(bytes(8, 0x55), form);
     default:
         return bytes(form.device.bytes * 4, 0);
     }
@@ -208,18 +208,13 @@ bytes silence_of(const stream_form &form)
 
 } // namespace
 
-bytes device_bytes(const dsd_sound &sound, const stream_form &form, uint64_t dop_frame, cuts cut)
+bytes device_bytes(const dsd_sound &sound, const stream_form &form, cuts cut)
 {
     const uint8_t fill = form.kind == packing::native ? 0xAA : form.kind == packing::i2s ? 0 : 0x55;
     bytes stream = dsd_stream_of(sound.left, sound.right);
     for (size_t i = 0; i < stream.size(); ++i)
         if (i % 2 == 0 ? cut.left : cut.right) stream[i] = fill;
-    return packed(stream, form, dop_frame);
-}
-
-uint64_t dop_frames(const dsd_sound &sound)
-{
-    return (sound.left.size() + 3) / 4 * 2;
+    return packed(stream, form);
 }
 
 int device_rate(const stream_form &form, int64_t file_rate)
@@ -309,7 +304,8 @@ std::string stream_trouble(const play_result &result, const stream_form &form, i
 
 // --- Mixed lists --------------------------------------------------------------------------------
 
-mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, uint32_t seed)
+mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, uint32_t seed,
+                           cuts cut)
 {
     static int lists;
     const std::string name = "list" + std::to_string(++lists);
@@ -317,7 +313,6 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
         scratch_directory() + "/" + name, form.kind == packing::pcm ? 8000 : 256000, {}};
     std::filesystem::create_directory(list.directory);
     std::mt19937 random(seed);
-    uint64_t dop_frame = 0;
     for (size_t i = 0; i < files; ++i) {
         std::array<char, 32> path;
         std::snprintf(path.data(), path.size(), "%s/%05zu", name.c_str(), i);
@@ -325,17 +320,17 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
         const auto rate = i == 0 ? list.rate : list.rate + static_cast<int64_t>(random() % 1000);
         const size_t frames = random() % (most_frames + 1);
         if (dsd) {
-            const auto sound = random_dsd(frames * 2, seed + static_cast<uint32_t>(i),
-                                          static_cast<uint32_t>(rate));
+            const auto sound =
+                random_dsd(frames * 2 + random() % 2, seed + static_cast<uint32_t>(i),
+                           static_cast<uint32_t>(rate));
             scratch_file(path.data(), containers[random() % containers.size()].make(sound));
-            put_bytes(list.sound, device_bytes(sound, form, dop_frame));
-            dop_frame += dop_frames(sound);
+            put_bytes(list.sound, device_bytes(sound, form, cut));
         } else {
             const auto sound =
                 random_pcm(samples[random() % samples.size()], 1 + random() % 6,
                            static_cast<int>(rate), frames, seed + static_cast<uint32_t>(i));
             scratch_file(path.data(), wave_file(sound, wave_kind(random() % 3)));
-            put_bytes(list.sound, device_bytes(sound, form.device));
+            put_bytes(list.sound, device_bytes(sound, form.device, cut));
         }
     }
     return list;

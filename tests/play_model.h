@@ -92,10 +92,7 @@ extern const std::array<container_row, 3> containers;
 // --- What the device gets -----------------------------------------------------------------------
 
 bytes device_bytes(const pcm_sound &sound, const device_form &device, cuts cut = {});
-// dop_frame: number of the sound's first DoP frame in the whole run, the silence aside.
-bytes device_bytes(const dsd_sound &sound, const stream_form &form, uint64_t dop_frame = 0,
-                   cuts cut = {});
-uint64_t dop_frames(const dsd_sound &sound);
+bytes device_bytes(const dsd_sound &sound, const stream_form &form, cuts cut = {});
 
 // The rate of the device for a stream whose first file has the given rate, in Hz.
 int device_rate(const stream_form &form, int64_t file_rate);
@@ -120,5 +117,5 @@ struct mixed_list {
 };
 // The first file makes the stream what form says; the others are of every kind, of up to
 // most_frames frames of the device each.
-mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames,
-                           uint32_t seed);
+mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, uint32_t seed,
+                           cuts cut = {});
