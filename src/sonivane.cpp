@@ -824,14 +824,15 @@ void feed_list()
 
 constexpr uint32_t shortest_drain_pause = 500; // microseconds
 
-// Shows how the rest of the ring is played. Its end can be near: the pauses begin short.
+// Shows how the rest of the ring is played. Its end can be near: the pauses begin short. The last
+// look comes when the ring is empty, for a file that went out as a whole since the one before.
 void drain_ring()
 {
     uint32_t pause = shortest_drain_pause;
-    while (ring_frames(ring) > 0 && load_acquire(stop_output) == 0 &&
-           load_acquire(interrupted) == 0) {
-        soundfile *file = load_acquire(playing_file);
-        if (file->index >= 0) status_update(file);
+    while (load_acquire(stop_output) == 0 && load_acquire(interrupted) == 0) {
+        const bool empty = ring_frames(ring) == 0;
+        status_update(load_acquire(playing_file));
+        if (empty) return;
         usleep(pause);
         pause = std::min(pause * 2, ring_pause);
     }

@@ -122,7 +122,7 @@ TEST(play_console, banner_and_one_status_line_a_second)
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.err, stream_line);
         const auto items = read_shown(result.out);
-        expect_shape(items, "F+BS[Sw]*WWN");
+        expect_shape(items, "F+BS[SwW]*WN");
         EXPECT_TRUE(rises(numbers_of(items, 'F', 0), 0));
         EXPECT_TRUE(rises(numbers_of(items, 'S', 0), 1));
         EXPECT_TRUE(starts_at_0(numbers_of(items, 'S', 0)));
@@ -161,7 +161,7 @@ TEST(play_console, each_file_has_its_banner_when_its_first_frame_goes_out)
                                     .gated = true});
     EXPECT_EQ(result.status, 0);
     const auto items = read_shown(result.out);
-    expect_shape(items, "F+BS+B[Sw]*B[Sw]*WWN");
+    expect_shape(items, "F+BS+B[Sw]*B[SwW]*WN");
     EXPECT_EQ(numbers_of(items, 'B', 0), (std::vector{1, 2, 3}));
 }
 
