@@ -99,8 +99,8 @@ TEST(Dsdiff, HeaderRules)
         opened_file f(dsdiff_open, c.content);
         EXPECT_EQ(f.verdict, c.verdict);
         if (c.verdict != 0) continue;
-        EXPECT_EQ(f.file.bytes_left, 4000);
-        EXPECT_EQ(f.file.data_bytes, 4000);
+        EXPECT_EQ(f.file.bytes_left, 500);
+        EXPECT_EQ(f.file.data_bytes, 500);
         EXPECT_EQ(f.file.wave.nSamplesPerSec, 2822400);
         EXPECT_EQ(std::ftell(f.file.fp), static_cast<long>(c.content.size() - 1000));
     }
@@ -145,7 +145,7 @@ TEST(Dsdiff, ChannelLists)
         EXPECT_EQ(f.file.channels, static_cast<int32_t>(count));
         EXPECT_EQ(f.file.channel_map[0], c.left);
         EXPECT_EQ(f.file.channel_map[1], c.right);
-        EXPECT_EQ(f.file.bytes_left, 9 * 8);
+        EXPECT_EQ(f.file.bytes_left, 9);
         EXPECT_EQ(read_all(f.file, dsdiff_read), dsd_stream_of(left, right));
     }
     const names two = {"SLFT", "SRGT"};
@@ -158,7 +158,7 @@ TEST(Dsdiff, ChannelLists)
     opened_file f(dsdiff_open, repeated);
     EXPECT_EQ(f.file.channel_map[0], 1);
     EXPECT_EQ(f.file.channel_map[1], 0);
-    EXPECT_EQ(f.file.bytes_left, 4000);
+    EXPECT_EQ(f.file.bytes_left, 500);
 }
 
 // The sound ends with the file: a part of a frame is dropped, what stands behind is read as sound.

@@ -68,8 +68,8 @@ TEST(Dsf, FieldsOfTheRecord)
     EXPECT_EQ(f.file.channels, 6);
     EXPECT_EQ(f.file.block_bytes, 16);
     EXPECT_EQ(f.file.dsf_bytes_left, 100);
-    EXPECT_EQ(f.file.bytes_left, 800);
-    EXPECT_EQ(f.file.data_bytes, 800);
+    EXPECT_EQ(f.file.bytes_left, 100);
+    EXPECT_EQ(f.file.data_bytes, 100);
     EXPECT_EQ(f.file.wave.nSamplesPerSec, 5644800);
     EXPECT_EQ(std::ftell(f.file.fp), 40 + 61 + 12);
     dsf_release();

@@ -50,16 +50,16 @@ TEST(Wsd, HeaderRules)
         const char *what;
         bytes content;
         int32_t verdict;
-        int64_t bits; // of one channel
+        int64_t length; // bytes of one channel
     } cases[] = {
         {"another tag", patched(good, 0, {'2'}), -1, 0},
         {"2^32 bytes", make_wsd({.data_offset = 0x80, .file_size = int64_t{1} << 32}), 0,
-         ((int64_t{1} << 32) - 0x80) * 4},
-        {"offset behind the end", make_wsd({.data_offset = 2048, .file_size = 1024}), 0, -4096},
+         ((int64_t{1} << 32) - 0x80) / 2},
+        {"offset behind the end", make_wsd({.data_offset = 2048, .file_size = 1024}), 0, -512},
         {"negative offset", patched(good, 24, {0x80}), -1, 0},
         {"bytes that nothing is known of", patched(patched(good, 4, noise(3, 8)), 28, noise(4, 8)),
-         0, 32 * 8},
-        {"8 channels", make_wsd({.channels = 8, .frames = frames}), 0, 64},
+         0, 32},
+        {"8 channels", make_wsd({.channels = 8, .frames = frames}), 0, 8},
         {"9 channels", make_wsd({.channels = 9, .frames = frames}), -1, 0},
         {"no channels", none, 0, 0},
         {"right beyond the frame", make_wsd({.channels = 2, .assignment = 0x54000000}), -1, 0},
@@ -70,8 +70,8 @@ TEST(Wsd, HeaderRules)
         opened_file f(wsd_open, c.content);
         EXPECT_EQ(f.verdict, c.verdict);
         if (f.verdict != 0) continue;
-        EXPECT_EQ(f.file.bytes_left, c.bits);
-        EXPECT_EQ(f.file.data_bytes, c.bits);
+        EXPECT_EQ(f.file.bytes_left, c.length);
+        EXPECT_EQ(f.file.data_bytes, c.length);
         EXPECT_EQ(f.file.wave.nSamplesPerSec, 2822400);
     }
 }
