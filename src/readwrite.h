@@ -35,12 +35,12 @@ bool name_is(const chunk_name &name, const char *text);
 // empty chunks costs no call of the system for each.
 bool skip_bytes(std::FILE *fp, uint64_t n);
 
-// Little-endian numbers at bytes.
-constexpr uint16_t le16(const uint8_t *bytes)
+// Little-endian numbers that begin at a byte in memory.
+constexpr uint16_t le16(const uint8_t *first)
 {
-    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+    return static_cast<uint16_t>(first[0] | first[1] << 8);
 }
-constexpr uint32_t le32(const uint8_t *bytes)
+constexpr uint32_t le32(const uint8_t *first)
 {
-    return le16(bytes) | static_cast<uint32_t>(le16(bytes + 2)) << 16;
+    return le16(first) | static_cast<uint32_t>(le16(first + 2)) << 16;
 }
