@@ -545,6 +545,7 @@ TEST(readers, all_dsd_containers_look_alike)
     for (const auto &[content, container] : cases) {
         const played p(content, 8);
         EXPECT_EQ(p.file.container, container);
+        EXPECT_EQ(p.file.bytes_left, 36);
         EXPECT_EQ(std::memcmp(&p.file.wave, &expected, sizeof expected), 0);
     }
 }
