@@ -81,13 +81,13 @@ void check(const file_row &row)
         ASSERT_EQ(p.verdict, row.delivered ? 0 : -1);
         if (!row.delivered) continue;
         EXPECT_EQ(p.delivered, *row.delivered);
-        const int32_t unit = p.file.container == container_wav ? p.file.wave.nBlockAlign : 8;
-        const auto whole = static_cast<size_t>(count / unit * unit);
-        EXPECT_EQ(p.calls,
-                  (p.delivered.size() + whole - 1) / whole); // none gives less but the last
         EXPECT_EQ(p.at_end, row.at_end);
-        const int64_t sides = p.file.container == container_wav ? 1 : 2;
-        const int64_t side = static_cast<int64_t>(p.delivered.size()) / sides;
+        const bool is_pcm = p.file.container == container_wav;
+        const size_t unit = is_pcm ? static_cast<size_t>(p.file.wave.nBlockAlign) : 8;
+        const size_t whole = static_cast<size_t>(count) / unit * unit;
+        const size_t all = p.delivered.size();
+        EXPECT_EQ(p.calls, (all + whole - 1) / whole); // only the last one gives less
+        const auto side = static_cast<int64_t>(is_pcm ? all : all / 2);
         EXPECT_EQ(p.file.data_bytes, row.length.value_or(side));
     }
     EXPECT_LT(reserved_bytes() - reserved, 16 << 20);
