@@ -23,22 +23,21 @@ struct chunk {
 // What the parser knows of the file while it walks.
 struct walk {
     soundfile *file;
-    uint64_t left; // bytes of the walked chunk still ahead; past 0 it runs on as a large number
     uint32_t rate; // of "FS  ", in Hz
     bool has_rate;
     bool has_channels;
 };
 
-uint64_t padded(uint64_t size)
+bool read_chunk(std::FILE *fp, chunk *c)
 {
-    return size + (size & 1);
+    return read_name(fp, &c->name) && read_be64(fp, &c->size) != 0;
 }
 
-bool read_chunk(walk *w, chunk *c)
+// Bytes that a chunk takes of the one around it. Sizes that do not add up carry a walk past 0: it
+// goes on, as with a very large number, to the end of the file.
+uint64_t whole_bytes(const chunk &c)
 {
-    if (!read_name(w->file->fp, &c->name) || read_be64(w->file->fp, &c->size) == 0) return false;
-    w->left -= chunk_header_bytes;
-    return true;
+    return chunk_header_bytes + c.size + (c.size & 1);
 }
 
 // Passes over the body of a chunk, and its pad byte. A size that would carry the stream past
@@ -161,15 +160,12 @@ bool parse_properties(walk *w, uint64_t size)
 {
     chunk_name type;
     if (!read_name(w->file->fp, &type) || !name_is(type, "SND ")) return false;
-    walk inner = *w;
-    inner.left = size - name_bytes;
-    while (inner.left != 0) {
+    uint64_t ahead = size - name_bytes;
+    while (ahead != 0) {
         chunk c;
-        if (!read_chunk(&inner, &c) || !parse_property(&inner, c)) return false;
-        inner.left -= padded(c.size);
+        if (!read_chunk(w->file->fp, &c) || !parse_property(w, c)) return false;
+        ahead -= whole_bytes(c);
     }
-    inner.left = w->left;
-    *w = inner;
     return size % 2 == 0 || skip_bytes(w->file->fp, 1);
 }
 
@@ -186,8 +182,7 @@ bool describe_sound(walk *w, uint64_t size)
 {
     if (!w->has_rate || !w->has_channels) return false;
     soundfile *file = w->file;
-    file->bytes_left = static_cast<int64_t>(size * 8 / static_cast<uint64_t>(file->channels));
-    file->data_bytes = file->bytes_left;
+    set_dsd_length(file, static_cast<int64_t>(size * 8 / static_cast<uint64_t>(file->channels)));
     file->wave.nSamplesPerSec = static_cast<int32_t>(w->rate);
     return true;
 }
@@ -204,27 +199,27 @@ bool parse_top_level(walk *w, const chunk &c)
 
 int32_t dsdiff_open(soundfile *file)
 {
-    walk w = {file, 0, 0, false, false};
-    if (check_tag(file->fp, "FRM8", 4) == 0 || read_be64(file->fp, &w.left) == 0 ||
+    walk w = {file, 0, false, false};
+    uint64_t form_bytes = 0;
+    if (check_tag(file->fp, "FRM8", 4) == 0 || read_be64(file->fp, &form_bytes) == 0 ||
         check_tag(file->fp, "DSD ", 4) == 0)
         return -1;
-    w.left -= name_bytes;
-    while (w.left != 0) {
+    uint64_t ahead = form_bytes - name_bytes;
+    while (ahead != 0) {
         chunk c;
-        if (!read_chunk(&w, &c)) return -1;
+        if (!read_chunk(file->fp, &c)) return -1;
         if (name_is(c.name, "DSD ")) return describe_sound(&w, c.size) ? 0 : -1;
         if (!parse_top_level(&w, c)) return -1;
-        w.left -= padded(c.size);
+        ahead -= whole_bytes(c);
     }
     return -1;
 }
 
 int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
-    constexpr size_t batch = dsd_group_bytes / stream_channels; // frames of one group
-    constexpr size_t frame_limit = 8;                           // channels of a WSD file
-    // Called for every 8 bytes of output, on the one thread that reads files: a stream's lock would
-    // cost as much as all the rest.
+    constexpr size_t batch = 512;     // frames of one read
+    constexpr size_t frame_limit = 8; // channels of a WSD file
+    // One thread reads files: a stream's lock would cost as much as all the rest of a small call.
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0) return -1;
 
     std::array<uint8_t, batch * frame_limit> frame_buffer;
@@ -234,12 +229,13 @@ int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
     const int32_t wanted = count / dsd_group_bytes * dsd_group_bytes;
     int32_t done = 0;
     while (done < wanted) {
-        const size_t frames = fread_unlocked(frame_buffer.data(), frame_bytes, batch, file->fp);
+        const size_t asked = std::min(static_cast<size_t>(wanted - done) / stream_channels, batch);
+        const size_t frames = fread_unlocked(frame_buffer.data(), frame_bytes, asked, file->fp);
         for (size_t i = 0; i < frames; ++i) {
             bytes[done++] = left[i * frame_bytes];
             bytes[done++] = right[i * frame_bytes];
         }
-        if (frames < batch) break;
+        if (frames < asked) break;
     }
     while (done % dsd_group_bytes != 0) bytes[done++] = dsd_fill_byte;
     return done;

@@ -15,21 +15,20 @@ constexpr uint32_t usual_block_bytes = 4096;
 constexpr int32_t played_channels = 2;
 constexpr uint64_t largest_offset = INT64_MAX;
 
-std::array<uint8_t, 256> bit_reverse; // bit i of the index at bit 7 - i
+// Bit i of the index at bit 7 - i.
+constexpr std::array<uint8_t, 256> bit_reverse = [] {
+    std::array<uint8_t, 256> table{};
+    for (unsigned v = 0; v < table.size(); ++v) {
+        for (unsigned bit = 0; bit < 8; ++bit)
+            table[v] = static_cast<uint8_t>(table[v] | (v >> bit & 1) << (7 - bit));
+    }
+    return table;
+}();
 
 // One left block at 0, one right block at block_bytes; of the file that is being read.
 uint8_t *dsf_buffer;
 uint32_t dsf_buffer_size; // bytes allocated
 int32_t dsf_position;     // in both blocks, of the next byte to hand out
-
-void fill_bit_reverse()
-{
-    for (uint32_t v = 0; v < bit_reverse.size(); ++v) {
-        uint32_t reversed = 0;
-        for (uint32_t bit = 0; bit < 8; ++bit) reversed |= (v >> bit & 1) << (7 - bit);
-        bit_reverse[v] = static_cast<uint8_t>(reversed);
-    }
-}
 
 // --- Header -------------------------------------------------------------------------------------
 
@@ -121,8 +120,9 @@ bool read_block_pair(const soundfile *file)
 {
     const auto pair = static_cast<size_t>(pair_bytes(file));
     if (pair <= dsf_buffer_size) return std::fread(dsf_buffer, 1, pair, file->fp) == pair;
-    while (std::fgetc(file->fp) != EOF) {
-    } // no memory was had: less than one pair is there
+    // No memory was taken: less than one pair is there. A read at the end is what marks it as met.
+    fseeko64(file->fp, 0, SEEK_END);
+    std::fgetc(file->fp);
     return false;
 }
 
@@ -142,7 +142,6 @@ bool load_block_pair(const soundfile *file)
 
 int32_t dsf_open(soundfile *file)
 {
-    fill_bit_reverse();
     clear_dsf_fields(file);
     uint64_t data_offset = 0;
     if (!read_header(file, &data_offset)) return -1;
@@ -156,8 +155,7 @@ int32_t dsf_open(soundfile *file)
     if (!read_data_header(file->fp, data_offset)) return -1;
     file->dsf_bytes_left = bytes_per_channel(file);
     if (!provide_buffer(file)) return -1;
-    file->bytes_left = static_cast<int64_t>(static_cast<uint64_t>(file->dsf_bytes_left) * 8);
-    file->data_bytes = file->bytes_left;
+    set_dsd_length(file, static_cast<int64_t>(static_cast<uint64_t>(file->dsf_bytes_left) * 8));
     file->wave.nSamplesPerSec = static_cast<int32_t>(file->dsf_sampling_frequency);
     return 0;
 }

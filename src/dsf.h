@@ -7,9 +7,8 @@
 #include "sonivane.h"
 
 // Parses the header of the stream file->fp, which stands at its start. 0 when the file is taken:
-// the dsf_ fields, channels, block_bytes, bytes_left and data_bytes (bits per channel) and
-// nSamplesPerSec are set and the stream stands on the first block. -1 when it is refused. Main
-// thread.
+// the dsf_ fields, channels, block_bytes, the length (set_dsd_length) and nSamplesPerSec are set
+// and the stream stands on the first block. -1 when it is refused. Main thread.
 int32_t dsf_open(soundfile *file);
 
 // Delivers left and right bytes in turn, oldest bit highest, in groups of 8 bytes; the last group

@@ -31,19 +31,16 @@ bool read_name(std::FILE *fp, chunk_name *name);
 bool name_is(const chunk_name &name, const char *text);
 
 // Moves the stream n bytes on; behind the end of the file, too. False when the new position would
-// lie above 2^63 - 1, or the stream cannot seek.
+// lie above 2^63 - 1, or the stream cannot seek. Of 0 bytes it asks nothing: a header of a million
+// empty chunks costs no call of the system for each.
 bool skip_bytes(std::FILE *fp, uint64_t n);
 
-// Little-endian numbers at bytes.
-constexpr uint16_t le16(const uint8_t *bytes)
+// Little-endian numbers that begin at a byte in memory.
+constexpr uint16_t le16(const uint8_t *first)
 {
-    return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+    return static_cast<uint16_t>(first[0] | first[1] << 8);
 }
-constexpr uint32_t le32(const uint8_t *bytes)
+constexpr uint32_t le32(const uint8_t *first)
 {
-    return le16(bytes) | static_cast<uint32_t>(le16(bytes + 2)) << 16;
-}
-constexpr uint64_t le64(const uint8_t *bytes)
-{
-    return le32(bytes) | static_cast<uint64_t>(le32(bytes + 4)) << 32;
+    return le16(first) | static_cast<uint32_t>(le16(first + 2)) << 16;
 }

@@ -59,20 +59,20 @@ constexpr const char *unit = "sonivane";
 
 // --- Opening a file -----------------------------------------------------------------------------
 
-// Makes all DSD containers look alike. The parser left lengths in bits per channel.
+// Makes all DSD containers look alike: of the block, the parser gave the rate alone.
 void describe_dsd(soundfile *file)
 {
+    constexpr int16_t extension_bytes = 22; // valid bits, channel mask and sub-format
+    const int32_t rate = file->wave.nSamplesPerSec;
     file->sample_bytes = 1;
-    file->bytes_left = file->bytes_left / 8;
-    file->data_bytes = file->data_bytes / 8 + (file->data_bytes % 8 > 0 ? 1 : 0);
-    wave_format &wave = file->wave;
+    wave_format &wave = file->wave = {};
     wave.nChannels = stream_channels;
-    wave.nAvgBytesPerSec = wave.nSamplesPerSec / 8 * stream_channels;
+    wave.nSamplesPerSec = rate;
+    wave.nAvgBytesPerSec = rate / 8 * stream_channels;
     wave.nBlockAlign = stream_channels;
     wave.wBitsPerSample = dsd_bits_per_sample;
-    wave.cbSize = 22;
-    wave.dwChannelMask = (wave.dwChannelMask & 0xFFFF0000U) | 1;
-    std::fill_n(wave.SubFormat.begin(), 4, uint8_t{0});
+    wave.cbSize = extension_bytes;
+    wave.dwChannelMask = 1;
 }
 
 constexpr int16_t wave_tag_float = 3;

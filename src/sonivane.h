@@ -97,6 +97,14 @@ struct soundfile {
     soundfile *next;           // the following element of file_list; null in the end sentinel
 };
 
+// Sets the length of a DSD file from its header's bits of one channel: the bytes to feed are whole
+// ones, a begun one counts in the time that the banner tells. Main thread.
+inline void set_dsd_length(soundfile *file, int64_t bits)
+{
+    file->bytes_left = bits / 8;
+    file->data_bytes = bits / 8 + (bits % 8 > 0 ? 1 : 0);
+}
+
 // The block that an external controller shares with the player.
 struct controller_block {
     std::atomic<int32_t> controller_pid;   // process to signal; written by the controller

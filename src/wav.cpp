@@ -13,6 +13,7 @@ constexpr size_t format_bytes_limit = sizeof(wave_format);
 constexpr uint32_t rf64_size_word = 0xFFFFFFFF;
 constexpr uint32_t ds64_fixed_bytes = 24; // form size, data size, sample count
 constexpr int32_t delivered_channels = 2;
+constexpr int32_t widest_sample = INT16_MAX / 8; // bytes; wBitsPerSample holds no more bits
 
 // --- Chunks -------------------------------------------------------------------------------------
 
@@ -75,18 +76,10 @@ bool read_format(std::FILE *fp, wave_format *wave)
 
 // --- The two-channel description ----------------------------------------------------------------
 
-int32_t quotient(int32_t value, int32_t divisor)
+// Bytes of one stored sample; 0 for a file of no channels.
+int32_t sample_width(const wave_format &wave)
 {
-    return divisor == 0 ? 0 : value / divisor;
-}
-
-// A frame must hold its channels, in samples whose width in bits fits the format block. A file of
-// no channels passes: the opener names its width of 0.
-bool frame_is_sound(const wave_format &wave)
-{
-    if (wave.nChannels < 0) return false;
-    const int32_t width = quotient(wave.nBlockAlign, wave.nChannels);
-    return wave.nChannels == 0 || (width > 0 && width <= INT16_MAX / 8);
+    return wave.nChannels == 0 ? 0 : wave.nBlockAlign / wave.nChannels;
 }
 
 // The part of size bytes of sound that belongs to the two channels that are played.
@@ -96,18 +89,22 @@ uint64_t played_bytes(const wave_format &wave, uint64_t size)
                                : size * delivered_channels / static_cast<uint64_t>(wave.nChannels);
 }
 
-// Makes the record describe the two channels that are played.
-void rewrite_to_stereo(soundfile *file, uint64_t size)
+// Makes the record describe the two channels that are played. False when it cannot.
+bool rewrite_to_stereo(soundfile *file, uint64_t size)
 {
     wave_format &wave = file->wave;
-    const int32_t channels = wave.nChannels;
-    const int32_t width = quotient(wave.nBlockAlign, channels);
-    file->bytes_left = static_cast<int64_t>(played_bytes(wave, size));
+    const int32_t width = sample_width(wave);
+    if (wave.nChannels < 0 || width < 0 || width > widest_sample) return false;
+    const uint64_t played = played_bytes(wave, size);
+    if (played > INT64_MAX) return false; // no file is that long
+
+    file->bytes_left = static_cast<int64_t>(played);
     file->data_bytes = file->bytes_left;
-    file->channels = channels;
+    file->channels = wave.nChannels;
     wave.nChannels = delivered_channels;
     wave.nBlockAlign = static_cast<int16_t>(delivered_channels * width);
     wave.wBitsPerSample = static_cast<int16_t>(8 * width);
+    return true;
 }
 
 // --- Delivery -----------------------------------------------------------------------------------
@@ -149,19 +146,14 @@ int32_t wav_open(soundfile *file)
     if (!walk_to(fp, "fmt ") || !read_format(fp, &file->wave)) return -1;
     if (!walk_to(fp, "data") || read_le32(fp, &data_size) == 0) return -1;
 
-    const wave_format &wave = file->wave;
-    if (!frame_is_sound(wave)) return -1;
-    const auto frame_bytes = static_cast<uint64_t>(int64_t{wave.nBlockAlign});
+    const auto frame_bytes = static_cast<uint64_t>(int64_t{file->wave.nBlockAlign});
     if (rf64 && frame_bytes * sizes.frames != sizes.data_bytes) return -1;
-    const uint64_t size = rf64 ? sizes.data_bytes : data_size;
-    if (played_bytes(wave, size) > INT64_MAX) return -1; // no file is that long
-    rewrite_to_stereo(file, size);
-    return 0;
+    return rewrite_to_stereo(file, rf64 ? sizes.data_bytes : data_size) ? 0 : -1;
 }
 
 int32_t wav_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
-    const int32_t width = file->wave.nBlockAlign / file->wave.nChannels;
+    const int32_t width = sample_width(file->wave);
     const int32_t frame = delivered_channels * width;
     const auto limit = static_cast<int32_t>(std::min<int64_t>(file->bytes_left, count));
     if (frame < 1 || limit < frame) return -1;

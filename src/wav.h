@@ -9,7 +9,9 @@
 
 // Parses the header of the stream file->fp, which stands at its start. 0 when the file is taken:
 // wave (rewritten to two channels), channels, bytes_left and data_bytes are set and the stream
-// stands on the first sample. -1 when it is refused. Main thread.
+// stands on the first sample. -1 when it is refused: among others for a "ds64" body below 24 bytes
+// and for samples of 4096 bytes and more, whose bits wave cannot hold. Samples of no bytes pass,
+// with a width of 0 that the opener names. Main thread.
 int32_t wav_open(soundfile *file);
 
 // Delivers whole two-channel frames, at most count bytes, in the stored sample width. A single

@@ -96,8 +96,7 @@ int32_t wsd_open(soundfile *file)
     wsd_header h{};
     if (!read_layout(file->fp, &h)) return -1;
     file->channels = h.channels;
-    file->bytes_left = bits_per_channel(h);
-    file->data_bytes = file->bytes_left;
+    set_dsd_length(file, bits_per_channel(h));
     pass_over(file->fp, 3);
     if (!read_plain(file->fp, &h.assignment) || !set_channel_map(file, h.assignment)) return -1;
     const auto offset = static_cast<int32_t>(h.data_offset);

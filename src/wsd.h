@@ -7,8 +7,8 @@
 #include "sonivane.h"
 
 // Parses the header of the stream file->fp, which stands at its start. 0 when the file is taken:
-// channels, channel_map, bytes_left and data_bytes (bits per channel) and nSamplesPerSec are set
-// and the stream stands on the first sound byte. -1 when it is refused. Main thread.
+// channels, channel_map, the length (set_dsd_length) and nSamplesPerSec are set and the stream
+// stands on the first sound byte. -1 when it is refused. Main thread.
 int32_t wsd_open(soundfile *file);
 
 // As dsdiff_read: the sound data has the same form.

@@ -1,8 +1,9 @@
-// Writes the demo list, and holds what a device got against it.
+// Writes the demo list, holds what a device got against it, and writes silence to measure with.
 //
 //   make_demo write DIRECTORY           writes the files
 //   make_demo compare CAPTURE FILE...   the capture is the files, played in that order, bit for bit
 //   make_demo count-os CAPTURE FILE...  the capture of -os has the right number of frames
+//   make_demo silence FILE RATE BITS SECONDS   writes a silent file, DSF where BITS is 1, else WAV
 //
 // A capture is raw and holds frames of two 32-bit words: S32_LE, or DSD_U32_BE for DSD.
 #include <algorithm>
@@ -154,6 +155,17 @@ int write_demo(const std::string &directory)
     return EXIT_SUCCESS;
 }
 
+int write_silence(const std::string &path, uint32_t rate, uint32_t bits, uint32_t seconds)
+{
+    constexpr uint8_t dsd_silence = 0x96;
+    const bytes channel(size_t{rate} * bits / 8 * seconds, bits == 1 ? dsd_silence : uint8_t{0});
+    write_file(path, bits == 1 ? make_dsf({.rate = rate, .left = channel, .right = channel})
+                               : make_wav({.rate = static_cast<int>(rate),
+                                           .bits = static_cast<int>(bits),
+                                           .data = joined({channel, channel})}));
+    return EXIT_SUCCESS;
+}
+
 // --- Comparing ----------------------------------------------------------------------------------
 
 bytes read_file(const char *path)
@@ -266,9 +278,16 @@ int main(int argc, char **argv)
     if (command == "write" && argc == 3) return write_demo(argv[2]);
     if (command == "compare" && argc > 3) return compare_capture(argv[2], arguments.subspan(3));
     if (command == "count-os" && argc > 3) return count_oversampled(argv[2], arguments.subspan(3));
+    if (command == "silence" && argc == 6) {
+        const auto number = [argv](int i) {
+            return static_cast<uint32_t>(std::strtoul(argv[i], nullptr, 10));
+        };
+        return write_silence(argv[2], number(3), number(4), number(5));
+    }
     std::fputs("usage: make_demo write DIRECTORY\n"
                "       make_demo compare CAPTURE FILE...\n"
-               "       make_demo count-os CAPTURE FILE...\n",
+               "       make_demo count-os CAPTURE FILE...\n"
+               "       make_demo silence FILE RATE BITS SECONDS\n",
                stderr);
     return EXIT_FAILURE;
 }

@@ -1,18 +1,37 @@
-// Builds sound files of every kind in memory, valid ones and broken ones, for unit tests,
-// end-to-end tests and fuzz seeds.
+// Builds sound files of every kind in memory, valid ones and broken ones: the demo's, those of the
+// tests and benchmarks, and fuzz seeds.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 using bytes = std::vector<uint8_t>;
 
-// Appends numbers and text.
-void put_le(bytes &to, uint64_t value, int count);
-void put_be(bytes &to, uint64_t value, int count);
-void put_text(bytes &to, const std::string &text);
+// Appends numbers of width bytes, and bytes.
+void put_le(bytes &to, uint64_t value, int width);
+void put_be(bytes &to, uint64_t value, int width);
 void put_bytes(bytes &to, const bytes &more);
+
+// The bytes of a number, lowest or highest first, and of words; parts behind each other; and
+// content with other bytes at a place.
+template <std::integral T> bytes le(T value, int width)
+{
+    bytes result;
+    put_le(result, static_cast<uint64_t>(value), width);
+    return result;
+}
+template <std::integral T> bytes be(T value, int width)
+{
+    bytes result;
+    put_be(result, static_cast<uint64_t>(value), width);
+    return result;
+}
+bytes text(const std::string &words);
+bytes joined(std::initializer_list<bytes> parts);
+bytes patched(bytes content, size_t at, const bytes &with);
 
 // n bytes that look random; the same for the same seed.
 bytes noise(uint32_t seed, size_t n);
@@ -44,8 +63,6 @@ struct dsf_settings {
     uint32_t channels = 2;
     uint32_t rate = 2822400; // Hz
     uint32_t block_bytes = 4096;
-    uint32_t bits_per_sample = 1;
-    uint32_t format_id = 0;
     int64_t sample_count = -1; // bits per channel; -1: all of left
     bytes left;                // oldest bit highest; the file gets it turned
     bytes right;               // as long as left; further channels get noise
@@ -57,11 +74,9 @@ bytes make_dsf(const dsf_settings &s);
 struct dsdiff_settings {
     std::vector<std::string> channels = {"SLFT", "SRGT"};
     uint32_t rate = 2822400;
-    std::string compression = "DSD ";
-    bytes more_properties; // whole chunks behind "CMPR"
+    bytes more_properties; // whole chunks behind the channels
     bytes before_sound;    // whole chunks
-    bytes after_sound;
-    bytes frames; // stored frames, one byte a channel
+    bytes frames;          // stored frames, one byte a channel
 };
 bytes make_dsdiff(const dsdiff_settings &s);
 
@@ -84,6 +99,9 @@ bytes dsd_frames(const bytes &left, const bytes &right, size_t channels = 2, siz
 bytes dsd_stream_of(const bytes &left, const bytes &right);
 
 void write_file(const std::string &path, const bytes &content);
+
+// A path that opens the input as a regular file without a disk, until the next call.
+const char *memory_file(const uint8_t *data, size_t size);
 
 // A fresh directory below the system's temporary one, removed at the end of the process.
 std::string make_directory();

@@ -1,0 +1,620 @@
+// The readers behind the opener: what they take of a file, what they deliver, and files that have
+// hurt readers of these formats: cut ones, lying ones, huge ones.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <optional>
+
+#include "dsdiff.h"
+#include "dsf.h"
+#include "make_files.h"
+#include "sonivane.h"
+#include "readwrite.h"
+
+namespace
+{
+
+// A file, and what the player must make of it.
+struct file_row {
+    std::string what;
+    bytes content;
+    std::optional<bytes> delivered = {}; // nothing: the file is refused
+    std::string printed = {};            // by the readers, on standard error
+    std::optional<int64_t> length = {};  // data_bytes; nothing: of what is delivered
+    int32_t at_end = -1;                 // result of a call behind the last one
+    off64_t longer = 0;                  // bytes of the whole file, where content is its begin
+};
+
+// What the opener, and the reader that it chose in requests of count bytes, make of a file.
+struct played {
+    soundfile file{};
+    int32_t verdict;
+    std::string printed;
+    bytes delivered;
+    size_t calls = 0; // that delivered
+    int32_t at_end = 0;
+
+    played(const bytes &content, int32_t count, off64_t longer = 0)
+    {
+        file.path = const_cast<char *>(memory_file(content.data(), content.size()));
+        EXPECT_TRUE(longer == 0 || truncate64(file.path, longer) == 0);
+        testing::internal::CaptureStderr();
+        verdict = open_soundfile(&file);
+        printed = testing::internal::GetCapturedStderr();
+        if (verdict == 0) read_all(count);
+        std::fclose(file.fp);
+    }
+
+    void read_all(int32_t count)
+    {
+        bytes part(static_cast<size_t>(count));
+        for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(&file, nullptr, few), 1);
+        const auto read = [&] { return read_samples(&file, part.data(), count); };
+        for (int32_t got = read(); got > 0; got = read(), ++calls)
+            delivered.insert(delivered.end(), part.begin(), part.begin() + got);
+        at_end = read();
+    }
+};
+
+// Bytes that the process has reserved, touched or not.
+int64_t reserved_bytes()
+{
+    int64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * getpagesize();
+}
+
+// Whatever the size of the requests, and each time anew. No size that a file tells may cost memory
+// or time that its bytes do not bear out.
+void check(const file_row &row)
+{
+    SCOPED_TRACE(row.what);
+    const int64_t reserved = reserved_bytes();
+    const std::clock_t begin = std::clock(); // processor time
+    for (const int32_t count : {8, 15, 24, 3072, 65536}) {
+        const played p(row.content, count, row.longer);
+        const std::string skip = std::string("file format of ") + p.file.path + " unknown. Skip\n";
+        EXPECT_EQ(p.printed, row.printed + (row.delivered ? "" : skip));
+        ASSERT_EQ(p.verdict, row.delivered ? 0 : -1);
+        if (!row.delivered) continue;
+        EXPECT_EQ(p.delivered, *row.delivered);
+        EXPECT_EQ(p.at_end, row.at_end);
+        const bool is_pcm = p.file.container == container_wav;
+        const size_t unit = is_pcm ? static_cast<size_t>(p.file.wave.nBlockAlign) : 8;
+        const size_t whole = static_cast<size_t>(count) / unit * unit;
+        const size_t all = p.delivered.size();
+        EXPECT_EQ(p.calls, (all + whole - 1) / whole); // only the last one gives less
+        const auto side = static_cast<int64_t>(is_pcm ? all : all / 2);
+        EXPECT_EQ(p.file.data_bytes, row.length.value_or(side));
+    }
+    EXPECT_LT(reserved_bytes() - reserved, 16 << 20);
+    EXPECT_LT(std::clock() - begin, 5 * CLOCKS_PER_SEC);
+}
+
+void check_all(std::initializer_list<file_row> rows)
+{
+    for (const file_row &row : rows) check(row);
+}
+
+bytes first_of(const bytes &content, size_t n)
+{
+    return {content.begin(), content.begin() + static_cast<std::ptrdiff_t>(n)};
+}
+
+bytes without(bytes content, long from, long n)
+{
+    content.erase(content.begin() + from, content.begin() + from + n);
+    return content;
+}
+
+bytes repeated(const bytes &part, int times)
+{
+    bytes result;
+    for (int i = 0; i < times; ++i) put_bytes(result, part);
+    return result;
+}
+
+// Two channels whose bytes in turn are the sound of every file: DSD, or PCM of 8 or 16 bits.
+const bytes left = noise(2, 36);
+const bytes right = noise(3, 36);
+const bytes heard = dsd_frames(left, right);
+
+constexpr uint64_t top = uint64_t{1} << 63;
+constexpr int64_t huge = int64_t{1} << 32;
+const std::string short_number = "fread() failed.\n";
+const std::string short_tag = "\nERROR readwrite 223 read() 4 bytes failed.\n";
+
+// --- WAV and RF64 -------------------------------------------------------------------------------
+
+bytes wav(wav_settings s, const bytes &data = heard)
+{
+    s.data = data;
+    return make_wav(s);
+}
+
+// The head of a chunk, with a size of its own.
+bytes list_of(uint32_t size)
+{
+    return joined({text("LIST"), le(size, 4)});
+}
+
+TEST(readers, wav_headers)
+{
+    const bytes good = wav({});
+    const bytes odd = wav_chunk("LIST", noise(2, 5));
+    const bytes odd_format = wav({.format_bytes = 17});
+    const bytes three = wav({.channels = 3, .bits = 8}, dsd_frames(left, right, 3));
+    const bytes other = wav_chunk("fmt ", joined({le(1, 2), le(1, 2), bytes(8), le(0x80001, 4)}));
+    const auto before_data = [](const bytes &chunks) { return wav({.before_data = chunks}); };
+    check_all({
+        {"good", good, heard},
+        {"one channel", wav({.channels = 1, .bits = 8}, left), dsd_frames(left, left)},
+        {"3 channels", three, heard},
+        {"3 channels, cut in a frame", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "",
+         72},
+        {"cut in a frame", first_of(good, 44 + 23), first_of(heard, 20), "", 72},
+        {"data inside a frame", wav({.data_size = 13}), first_of(heard, 12), "", 13},
+        {"3 GiB told", wav({.data_size = huge / 4 * 3}), heard, "", huge / 4 * 3},
+        {"odd chunks", wav({.before_format = odd, .before_data = odd, .after_data = odd}), heard},
+        {"\"fmt \" of 44", wav({.tag = 0xFFFE, .format_bytes = 44}), heard},
+        {"\"fmt \" of 45", wav({.tag = 0xFFFE, .format_bytes = 45})},
+        {"odd \"fmt \" with a pad byte", odd_format},
+        {"odd \"fmt \" without", without(odd_format, 37, 1), heard},
+        {"two \"fmt \"", before_data(other), heard},
+        {"no \"fmt \"", patched(good, 15, {'X'})},
+        {"data before it", wav({.before_format = wav_chunk("data", heard)}, {}), bytes{}},
+        {"form size of 0", patched(good, 4, bytes(4)), heard},
+        {"another start", patched(good, 3, {'X'})},
+        {"another form", patched(good, 11, {'X'})},
+        {"-2 channels, frame of -4", wav({.channels = 0xFFFE, .block_align = 0xFFFC})},
+        {"0xFFFF channels of 4", wav({.channels = 0xFFFF, .bits = 32})},
+        {"frame of -4", wav({.block_align = 0xFFFC})},
+        {"samples of 4096 bytes", wav({.channels = 1, .block_align = 4096})},
+        {"0 bits in a frame of 4", wav({.bits = 0, .block_align = 4}), heard},
+        // A size taken as a negative number seeks backward for ever; its sum with a header wraps.
+        {"chunk of 0xFFFFFFF7", before_data(list_of(0xFFFFFFF7))},
+        {"chunk of 2^32 - 8", before_data(list_of(0xFFFFFFF8))},
+        {"chunk of 2^32 - 1 counts as empty", before_data(list_of(0xFFFFFFFF)), heard},
+        {"lists in lists", before_data(repeated(list_of(0), 200)), heard},
+        {"10000 chunks", before_data(repeated(odd, 10000)), heard},
+        {"cut in a size", first_of(good, 18), {}, short_number},
+        {"RIFF", text("RIFF"), {}, short_tag},
+        {"RIF", text("RIF"), {}, short_tag + short_tag + short_tag}, // all but the first reader
+        {"words", text("As they may lie beside the sound.\n")},
+    });
+}
+
+TEST(readers, rf64_headers)
+{
+    const bytes good = make_rf64({.data = heard});
+    const auto told = [](int64_t size) { return make_rf64({.channels = 1, .data_size = size}); };
+    const bytes wrapping = joined({le(UINT64_MAX - 3, 8), le(top / 2 - 1, 8)});
+    bytes long_sizes = patched(good, 16, le(41, 4));
+    long_sizes.insert(long_sizes.begin() + 48, 13, 0xEE);
+    check_all({
+        {"good", good, heard},
+        {"size word", patched(good, 4, {0xFE})},
+        {"form", patched(good, 8, {'w'})},
+        {"first chunk", patched(good, 12, {'x'})},
+        {"no \"ds64\"", without(good, 12, 36)},
+        {"\"ds64\" of 23", without(patched(good, 16, {23}), 43, 5)},
+        {"\"ds64\" of 24", without(patched(good, 16, {24}), 44, 4), heard},
+        {"\"ds64\" of 41", long_sizes, heard},
+        {"\"ds64\" of 2^32 - 1", patched(good, 16, bytes(4, 0xFF))},
+        {"data size", patched(good, 28, {73})},
+        {"frame count", patched(good, 36, {19})},
+        {"size word of the data", patched(good, 76, {1, 2, 3, 4}), heard},
+        {"data of 2^64 - 4", patched(good, 28, wrapping), heard, "", INT64_MAX - 3},
+        {"largest share", told(0x3FFFFFFFFFFFFFFE), bytes{}, "", INT64_MAX - 3},
+        // Twice this is below 0 in 64 bits, and a large positive number in the low 32.
+        {"share of 2^64 - 2^32 - 2^31 - 32", told(0x7FFFFFFF3FFFFFF0)},
+        {"cut in a size", first_of(good, 30), {}, short_number},
+    });
+}
+
+// --- DSF ----------------------------------------------------------------------------------------
+
+std::string block_report(uint32_t size)
+{
+    return size == 4096 ? ""
+                        : "\nERROR dsf 142 DSF block size if " +
+                              std::to_string(static_cast<int32_t>(size)) + "\n";
+}
+
+TEST(readers, dsf_headers)
+{
+    const bytes good = make_dsf({.left = left, .right = right});
+    const bytes long_chunks =
+        make_dsf({.left = left, .right = right, .dsd_chunk_bytes = 40, .format_chunk_bytes = 61});
+    const auto with = [&](size_t at, const bytes &bytes) { return patched(good, at, bytes); };
+    const auto blocks = [&](uint32_t size) { return patched(good, 72, le(size, 4)); };
+    const bytes filler(4060, 0x77); // of the blocks, turned
+    const bytes pair = dsd_stream_of(joined({left, filler}), joined({right, filler}));
+    check_all({
+        {"longer chunks", long_chunks, heard},
+        {"first tag", with(3, {'X'})},
+        {"second tag", with(28, {'F'})},
+        {"third tag", with(80, {'D'})},
+        {"rest of the first chunk", with(12, noise(3, 16)), heard},
+        {"first chunk beyond the end", with(4, le(huge, 8)), {}, short_tag},
+        {"first chunk of 2^63", with(4, le(top, 8))},
+        {"format chunk of 2^63", with(32, le(top, 8))},
+        {"sizes that wrap to the data", with(32, le(UINT64_MAX - 27, 8))},
+        {"version", with(40, {2, 0xFF}), heard},
+        {"format id", with(44, {1})},
+        {"channel type", with(48, bytes(4, 0xFF)), heard},
+        {"one channel", with(52, {1})},
+        {"2^31 channels", with(52, le(0x80000000, 4)), heard},
+        {"0 bits a sample", with(60, {0}), heard},
+        {"8 bits a sample", with(60, {8})},
+        {"count of 0", with(64, bytes(8)), bytes{}},
+        {"count of 2^63", with(64, le(top, 8)), pair, "", INT64_MIN / 8},
+        {"count of 2^64 - 1", with(64, bytes(8, 0xFF)), bytes{}},
+        {"data of 0", with(84, bytes(8)), heard},
+        {"cut in a size", first_of(good, 87), {}, short_number},
+        {"no block", first_of(good, 92), bytes{}, "", 36},
+        {"a byte short of a pair", first_of(good, 92 + 8191), bytes{}, "", 36},
+        {"blocks of 0", blocks(0), bytes{}, block_report(0), 36, 0},
+        {"blocks of 2^30 - 1", blocks(0x3FFFFFFF), bytes{}, block_report(0x3FFFFFFF), 36},
+        {"blocks of 2^31 - 1 in a large file", first_of(blocks(INT32_MAX), 92), bytes{},
+         block_report(INT32_MAX), 36, -1, huge / 4 * 3},
+        {"blocks of 2^31", blocks(0x80000000), {}, block_report(0x80000000)},
+    });
+    dsf_release();
+}
+
+// Ends inside a byte, a group of 8, a block. The buffer keeps its largest size: what an earlier
+// file left in it is never heard.
+TEST(readers, dsf_blocks)
+{
+    const struct {
+        uint32_t channels;
+        uint32_t block_bytes;
+        int64_t samples;
+    } cases[] = {
+        {2, 64, 1},          {2, 64, 797},         {2, 64, 64 * 8},
+        {2, 8192, 9000 * 8}, {6, 16, 100 * 8 - 3}, {3, 1, 23 * 8},
+        {2, 4096, 8192 * 8}, {6, 4096, 4099 * 8},  {2, 3, 13 * 8},
+    };
+    for (const auto &[channels, block_bytes, samples] : cases) {
+        const int64_t length = (samples + 7) / 8;
+        const bytes one = noise(6, static_cast<size_t>(length));
+        const bytes two = noise(7, static_cast<size_t>(length));
+        const bytes file = make_dsf({.channels = channels,
+                                     .block_bytes = block_bytes,
+                                     .sample_count = samples,
+                                     .left = one,
+                                     .right = two});
+        check({std::to_string(samples) + " samples", file, dsd_stream_of(one, two),
+               block_report(block_bytes), length});
+    }
+    dsf_release();
+}
+
+// --- DSDIFF -------------------------------------------------------------------------------------
+
+constexpr auto chunk = dsdiff_chunk;
+const bytes version = chunk("FVER", be(0x01050000, 4));
+const bytes rate = chunk("FS  ", be(2822400, 4));
+const bytes sound = chunk("DSD ", heard);
+
+bytes channels(const std::string &names, size_t count)
+{
+    return chunk("CHNL", joined({be(count, 2), text(names)}));
+}
+const bytes stereo = channels("SLFTSRGT", 2);
+
+bytes properties(std::initializer_list<bytes> parts)
+{
+    return chunk("PROP", joined({text("SND "), joined(parts)}));
+}
+
+bytes form(std::initializer_list<bytes> parts)
+{
+    return chunk("FRM8", joined({text("DSD "), joined(parts)}));
+}
+
+// A file with more among its properties; with more before its sound.
+bytes dff_property(const bytes &chunks)
+{
+    return form({version, properties({rate, stereo, chunks}), sound});
+}
+bytes dff_before(const bytes &chunks)
+{
+    return form({version, properties({rate, stereo}), chunks, sound});
+}
+
+// The head of a chunk, with a size of its own.
+bytes head_of(const char *name, uint64_t size)
+{
+    return joined({text(name), be(size, 8)});
+}
+
+TEST(readers, dsdiff_headers)
+{
+    const bytes good = dff_before({});
+    const bytes least = form({properties({rate, stereo}), sound});
+    const bytes other = channels("SRGTSLFT", 2);
+    const bytes swapped = dsd_frames(right, left);
+    const bytes three = channels("C   LS  RS  ", 3);
+    // A property of another size than its fields take, which the size of "PROP" bears out.
+    const auto told = [](const char *name, uint64_t size, size_t taken) {
+        const bytes file = dff_property(joined({head_of(name, size), bytes(taken)}));
+        return patched(file, 43, {static_cast<uint8_t>(file[43] + size - taken)});
+    };
+    const bytes all_from_the_first = joined({bytes(2), text("DSD "), be(72, 8), heard, {150, 150}});
+    check_all({
+        {"no version", least, heard},
+        {"any version", patched(good, 28, bytes(4, 0xFF)), heard},
+        {"version of 8 bytes", dff_before(joined({head_of("FVER", 8), bytes(4)}))},
+        {"another tag", patched(good, 3, {'9'})},
+        {"another form", patched(good, 15, {'X'})},
+        {"another property type", patched(least, 28, text("snd "))},
+        {"rate of 0 bytes", dff_property(chunk("FS  ", {}))},
+        {"rate of 8 bytes", told("FS  ", 8, 4)},
+        {"no rate", form({properties({stereo}), sound})},
+        {"no channels", form({properties({rate}), sound})},
+        {"sound before the properties", form({sound, properties({rate, stereo})})},
+        {"properties apart", form({properties({rate}), properties({stereo}), sound}), heard},
+        {"no properties", form({properties({}), properties({rate, stereo}), sound}), heard},
+        {"no sound", form({version, properties({rate, stereo})})},
+        {"time", dff_property(chunk("ABSS", bytes(8))), heard},
+        {"time of 6 bytes", told("ABSS", 6, 8)},
+        {"layout", dff_property(chunk("LSCO", bytes(2))), heard},
+        {"layout of 4 bytes", told("LSCO", 4, 2)},
+        {"unknown ones", dff_property(joined({chunk("ODD ", {1}), chunk("EVEN", {2, 2}), rate})),
+         heard},
+        {"text of 0", dff_property(chunk("CMPR", joined({text("DSD "), {0, 0}}))), heard},
+        {"DST as a property", dff_property(chunk("CMPR", text("DST \3DST"))), heard},
+        {"another compression", dff_property(chunk("CMPR", text("MP3 \3raw")))},
+        {"DST sound", dff_before(chunk("DST ", {}))},
+        {"DST index", dff_before(chunk("DSTI", {}))},
+        {"one byte told for two", patched(patched(least, 27, {40}), 59, {8})},
+        {"one name told more", dff_property(channels("SLFTSRGT", 3))},
+        {"bytes behind the names", dff_property(channels("SLFTSRGT\n\n", 2))},
+        {"another list", dff_property(other), swapped},
+        {"another list, of 1", dff_property(channels("", 1))},
+        {"another list, of 7", dff_property(channels("", 7))},
+        {"three channels, then two", form({properties({rate, three, other}), sound}), swapped},
+        {"two \"PROP\"", dff_before(properties({other})), swapped},
+        {"comment of 2^32 + 4", dff_before(joined({head_of("COMT", huge + 4), bytes(4)}))},
+        {"odd comment", dff_before(chunk("COMT", bytes(7, 0xEE))), heard},
+        {"comment of 400 kB", dff_before(chunk("COMT", bytes(400000, 'D'))), heard},
+        {"form of 3 bytes", patched(good, 4, be(3, 8)), heard},
+        {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8))},
+        {"properties of 0 bytes", patched(least, 20, bytes(8))},
+        {"properties that go on", patched(least, 20, be(1000, 8))},
+        {"properties in properties", dff_property(repeated(head_of("PROP", 0), 200)), heard},
+        {"chunk of 2^64 - 12", dff_before(head_of("COMT", UINT64_MAX - 11))},
+        {"property of 2^64 - 12", dff_property(head_of("ODD ", UINT64_MAX - 11))},
+        {"sound of 2^64 - 1", patched(good, good.size() - 80, bytes(8, 0xFF)), heard, "",
+         int64_t{1} << 60},
+        {"two sounds", dff_before(chunk("DSD ", bytes(2))), all_from_the_first, "", 1},
+        {"words behind the sound", joined({good, text("MANFMANF")}),
+         joined({heard, text("MANFMANF")}), "", 36},
+        {"cut in 64 bits", first_of(good, 10), {}, short_number},
+        {"cut in 32 bits", first_of(good, 62), {}, short_number},
+        {"cut in 16 bits", first_of(good, 77), {}, short_number},
+    });
+}
+
+// The last one of a name counts; a right channel found before place 1 stays.
+TEST(readers, dsdiff_channel_lists)
+{
+    const struct {
+        std::string names;
+        int left; // place in a frame; -1: refused
+        size_t right;
+    } cases[] = {
+        {"SLFTSRGT", 0, 1},
+        {"SRGTSLFT", 1, 0},
+        {"MLFTMRGTC   LFE LS  RS  ", 0, 1},
+        {"C   SLFTSRGT", 1, 2},
+        {"C   LFE MRGTMLFT", 3, 2},
+        {"LS  RS  ", 0, 1},
+        {"SRGTLFE SLFT", 2, 0},
+        {"SLFTSRGTSRGTSLFT", 3, 2},
+        {"SRGTLS  ", 1, 0},
+        {"LS  SLFT", 1, 0},
+        {"SLFTSLFT", 1, 0},
+        {"SRGTSRGT", 0, 1},
+        {"SLFTslft", -1, 1},
+        {"SLFT", -1, 0},
+        {"", -1, 0},
+        {"SLFTSRGTC   LFE LS  RS  C   ", -1, 1},
+    };
+    for (const auto &[names, left_at, right_at] : cases) {
+        const size_t count = names.size() / 4;
+        file_row row = {names, form({properties({rate, channels(names, count)}), sound})};
+        if (left_at >= 0) {
+            const auto place = static_cast<size_t>(left_at);
+            row.content.resize(row.content.size() - heard.size());
+            put_bytes(row.content, dsd_frames(left, right, count, place, right_at));
+            row.delivered = heard;
+            row.length = 36 * 2 / static_cast<int64_t>(count); // as the chunk tells
+        }
+        check(row);
+    }
+}
+
+// The sound ends with the file, inside a group or a frame.
+TEST(readers, dsdiff_tails)
+{
+    for (const size_t frames : {0U, 1U, 3U, 4U, 7U, 12U, 1500U, 4096U}) {
+        for (const size_t count : {2U, 3U, 6U}) {
+            const bytes one = noise(8, frames);
+            const bytes two = noise(9, frames);
+            const auto names = std::string("SLFTSRGTC   LFE LS  RS  ").substr(0, 4 * count);
+            const bytes head = form({properties({rate, channels(names, count)})});
+            const bytes file = joined({head, head_of("DSD ", frames * count),
+                                       dsd_frames(one, two, count), bytes(count - 1, 0xEE)});
+            check({std::to_string(frames) + " frames", patched(file, 4, bytes(8, 0xFE)),
+                   dsd_stream_of(one, two), "", static_cast<int64_t>(frames)});
+        }
+    }
+}
+
+// --- WSD ----------------------------------------------------------------------------------------
+
+TEST(readers, wsd_headers)
+{
+    const bytes good = make_wsd({.data_offset = 64, .frames = heard});
+    const auto told = [](int64_t size) { return make_wsd({.file_size = size, .frames = heard}); };
+    const auto wsd = [](int count, uint32_t assignment, const bytes &frames) {
+        return make_wsd({.channels = count, .assignment = assignment, .frames = frames});
+    };
+    const bytes both = dsd_frames(left, left);
+    check_all({
+        {"another tag", patched(good, 0, {'2'})},
+        {"unknown bytes", patched(patched(good, 4, noise(3, 8)), 28, noise(4, 8)), heard},
+        {"2^32 bytes", told(huge), heard, "", huge / 2 - 1024},
+        {"2^63 - 1 bytes", told(INT64_MAX), heard, "", -1024},
+        {"offset behind the told end", told(1024), heard, "", -512},
+        {"offset behind the end", patched(good, 24, {0x7F}), bytes{}, "", (136 - 0x7F000040) / 2},
+        {"negative offset", patched(good, 24, {0x80})},
+        {"8 channels", wsd(8, 0, dsd_frames(left, right, 8)), heard},
+        {"9 channels", wsd(9, 0, dsd_frames(left, right, 9))},
+        {"no channels", wsd(0, 0x7C000000, heard), bytes{}, "", 0, 0},
+        {"one channel", wsd(1, 0, left), both},
+        {"one channel, right last", wsd(1, 0x7C000000, left), both},
+        {"one channel, left last", wsd(1, 0x68000000, left), both},
+        {"right beyond the frame", wsd(2, 0x54000000, heard)},
+        {"right last in the frame", wsd(3, 0x54000000, dsd_frames(left, right, 3, 0, 2)), heard},
+        {"cut in a number", first_of(good, 26), {}, short_number},
+    });
+}
+
+TEST(readers, wsd_channel_assignments)
+{
+    const struct {
+        uint32_t assignment;
+        int left; // -1: refused
+        size_t right;
+    } cases[] = {
+        {0x00000000, 0, 1},  {0x00000001, -1, 0}, {0x00000100, -1, 0}, {0x00010000, -1, 0},
+        {0x44000000, 0, 1},  {0x44FFFFFF, 0, 1},  {0x4C000000, 0, 2},  {0x54000000, 0, 2},
+        {0x64000000, 0, 2},  {0x74000000, 0, 3},  {0x7C000000, 0, 4},  {0xC7000000, 0, 1},
+        {0x28000000, 0, 1},  {0x38000000, 0, 2},  {0x2C000000, 0, 1},  {0x68000000, 1, 0},
+        {0x78000000, 1, 0},  {0x45000000, 0, 1},  {0x04000000, -1, 0}, {0x40000000, -1, 0},
+        {0x20000000, -1, 0}, {0x08000000, -1, 0}, {0x80000000, -1, 0}, {0x03000000, -1, 0},
+        {0x14000000, -1, 0},
+    };
+    for (const auto &[assignment, left_at, right_at] : cases) {
+        const auto place = static_cast<size_t>(std::max(left_at, 0));
+        const bytes frames = dsd_frames(left, right, 6, place, right_at);
+        file_row row = {std::to_string(assignment),
+                        make_wsd({.channels = 6, .assignment = assignment, .frames = frames})};
+        if (left_at >= 0) row.delivered = heard;
+        check(row);
+    }
+}
+
+// --- The opener ---------------------------------------------------------------------------------
+
+TEST(readers, the_stored_width_decides_of_the_format)
+{
+    const std::pair<wav_settings, int32_t> cases[] = {
+        {{.bits = 24, .block_align = 8}, SND_PCM_FORMAT_S32_LE},
+        {{.tag = 0xFFFE, .bits = 32, .valid_bits = 24}, SND_PCM_FORMAT_S32_LE},
+        {{.tag = 0xFFFE, .bits = 32, .sub_format = 3}, SND_PCM_FORMAT_FLOAT_LE},
+    };
+    for (const auto &[settings, format] : cases)
+        EXPECT_EQ(played(wav(settings), 8).file.sample_format, format);
+}
+
+TEST(readers_death, samples_that_have_no_format)
+{
+    const std::pair<wav_settings, int> cases[] = {
+        {{.tag = 3, .bits = 64}, 64},
+        {{.channels = 0}, 0},
+        {{.channels = 4, .block_align = 3}, 0},
+        {{.format_bytes = 4}, 0},
+        {{.channels = 1, .block_align = 4095}, 32760},
+    };
+    for (const auto &[settings, width] : cases) {
+        const bytes content = wav(settings);
+        soundfile file{};
+        file.path = const_cast<char *>(memory_file(content.data(), content.size()));
+        EXPECT_EXIT(open_soundfile(&file), testing::ExitedWithCode(714 & 0xFF),
+                    "sample bit length " + std::to_string(width) + " is not supported.\n");
+    }
+}
+
+TEST(readers, all_dsd_containers_look_alike)
+{
+    const wave_format expected = {0, 2, 2822400, 705600, 2, 1, 22, 0, 1, {}, {}};
+    const std::pair<bytes, int32_t> cases[] = {
+        {make_dsf({.left = left, .right = right}), container_dsf},
+        {make_dsdiff({.frames = heard}), container_dsdiff},
+        {make_wsd({.frames = heard}), container_wsd},
+    };
+    for (const auto &[content, container] : cases) {
+        const played p(content, 8);
+        EXPECT_EQ(p.file.container, container);
+        EXPECT_EQ(p.file.bytes_left, 36);
+        EXPECT_EQ(std::memcmp(&p.file.wave, &expected, sizeof expected), 0);
+    }
+}
+
+TEST(readers, nothing_open_gives_nothing)
+{
+    soundfile closed{};
+    for (soundfile *file : {static_cast<soundfile *>(nullptr), &closed}) {
+        EXPECT_EQ(dsf_read(file, nullptr, 8), -1);
+        EXPECT_EQ(dsdiff_read(file, nullptr, 8), -1);
+    }
+}
+
+// --- Cut files and skipping ---------------------------------------------------------------------
+
+// Every beginning of a file is refused while its header is not whole. Behind that the sound that is
+// there is played.
+TEST(readers, files_cut_at_every_byte)
+{
+    const bytes odd = wav_chunk("LIST", noise(3, 5));
+    const wav_settings settings = {
+        .tag = 0xFFFE, .before_format = odd, .before_data = odd, .data = heard};
+    const bytes more = joined({chunk("ABSS", bytes(8)), chunk("LSCO", bytes(2))});
+    const struct {
+        bytes content;
+        size_t header; // bytes that must be there
+        size_t unit;   // bytes that are played whole or not at all
+    } cases[] = {
+        {make_wav(settings), 96, 4},
+        {make_rf64(settings), 132, 4},
+        {make_dsf({.block_bytes = 9, .left = left, .right = right}), 92, 18},
+        {make_dsdiff({.more_properties = more, .frames = heard}), 164, 2},
+        {make_wsd({.data_offset = 52, .frames = heard}), 52, 2},
+    };
+    for (const auto &[content, header, unit] : cases) {
+        ASSERT_EQ(content.size(), header + heard.size());
+        for (size_t length = 0; length <= content.size(); ++length) {
+            SCOPED_TRACE(testing::Message() << length << " bytes, sound at " << header);
+            const played p(first_of(content, length), 24);
+            EXPECT_EQ(p.verdict, length < header ? -1 : 0);
+            if (length < header) continue;
+            const size_t there = (length - header) / unit * unit / 2;
+            bytes expected = dsd_stream_of(first_of(left, there), first_of(right, there));
+            if (p.file.container == container_wav) expected.resize(2 * there);
+            EXPECT_EQ(p.delivered, expected);
+        }
+    }
+    dsf_release();
+}
+
+// Nothing to skip, nothing to call: a stream that cannot tell its place takes it all the same.
+TEST(readers, skipping_nothing_asks_nothing)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::FILE *stream = fdopen(ends[0], "rb");
+    EXPECT_TRUE(skip_bytes(stream, 0));
+    EXPECT_FALSE(skip_bytes(stream, 1));
+    std::fclose(stream);
+    close(ends[1]);
+}
+
+} // namespace
