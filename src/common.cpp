@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <type_traits>
 
 #include "coeff_sets.h"
 #include "sonivane.h"
@@ -23,6 +24,8 @@ constexpr float filter_gain = std::bit_cast<float>(0x3F666666U);
 
 constexpr int32_t family44_rate = 44100;
 constexpr int32_t family48_rate = 48000;
+// Output frames of an input frame at 44100 Hz.
+constexpr ptrdiff_t block_entries = 8;
 
 constexpr std::array<coeff_row, 4> normal_rows{{
     {family44_rate, 352800, &set_44k_normal},
@@ -36,72 +39,47 @@ constexpr std::array<coeff_row, 3> short_rows{{
     {-1, -1, nullptr},
 }};
 
-// --- Vectors ------------------------------------------------------------------------------------
-
-// Of each side of a tile: what fills the registers.
-constexpr int32_t tile_vectors = 6;
-
-// A frame of input, each value once for each lane of the narrowest vectors.
-struct alignas(16) kept_input {
-    std::array<float, 4> left;
-    std::array<float, 4> right;
-};
-
-using adder = void (*)(float *tile, const kept_input *input, const kept_input *end,
-                       const float *taps, ptrdiff_t input_step, ptrdiff_t vector_step);
-
-#define VECTOR_KERNEL "filter_kernel.inc"
-#include "vector_widths.inc"
-
-// One way to run the loops. All give the same bits.
-struct filter_form {
-    int32_t vector_floats;
-    bool (*present)(); // the processor has such vectors
-    void (*clear_tile)(float *tile);
-    std::array<adder, tile_vectors + 1> adders; // by the number of vectors
-};
-
-// The last form that is present is the one taken.
-constexpr auto filter_forms = std::to_array<filter_form>({
-    {4, [] { return true; }, vectors_128::clear_tile, vectors_128::adders},
-#if defined(__x86_64__)
-        {8, [] { return __builtin_cpu_supports("avx2") != 0; }, vectors_256::clear_tile,
-         vectors_256::adders},
-        {16, [] { return __builtin_cpu_supports("avx512f") != 0; }, vectors_512::clear_tile,
-         vectors_512::adders},
-#endif
-});
-
 // --- State: one filter, main thread only --------------------------------------------------------
 //
-// An output entry is a sum over the last inputs, as many as its family's table is long. Entries are
-// worked out a tile at a time: when one has been read, the next starts at 0 and gets all the inputs
-// kept, oldest first, while it stays in registers. An input that arrives while the tile is read
-// goes to what is left of it.
+// An entry of output is a sum over the last inputs, as many as its family's table is long. Entries
+// are worked out a tile at a time: when one has been read, the next starts at 0 and gets all inputs
+// kept, oldest first, while it stays in registers. Inputs that come while it is read are added
+// before the entries that they reach are read.
 //
 // What an entry takes of an input depends on the distance between them, and stands in the table at
 // that distance. Where an input does not reach stand zeros: such a product changes nothing, since a
 // sum that starts at +0 never becomes -0.
 
-struct family {
-    int32_t input_entries; // output frames of an input
-    int32_t reach;         // inputs in the sum of an entry
-    int32_t tap_floats;    // of the table, for each entry of distance
-    float *table; // distances from -tile_entries() to reach * input_entries + tile_entries()
-    kept_input *inputs;
-    int32_t kept;     // inputs in there, the newest last
-    float *tile;      // entries of the left side, then of the right
-    int32_t position; // entries of each side that have been read
+// Vectors of each side of a tile: what the registers hold.
+constexpr int32_t tile_vectors = 6;
+
+// A frame of input, each value once for each lane of the narrowest vectors, which would need a
+// shuffle to spread a single one.
+using four_lanes = float __attribute__((vector_size(4 * sizeof(float))));
+struct kept_input {
+    four_lanes left;
+    four_lanes right;
 };
 
-int32_t filter_source_rate; // Hz, of the last coeff_filter_init
-int32_t filter_target_rate;
-const filter_form *form; // null: not chosen yet
+struct family {
+    ptrdiff_t reach;      // inputs in the sum of an entry
+    ptrdiff_t input_step; // floats of the table from an input to the one before it
+    float *table;
+    float *taps; // where the table has a distance of 0
+    kept_input *inputs;
+    kept_input *next_input; // behind the newest of them
+    kept_input *inputs_end;
+    float *tile;        // entries of the left side, then of the right
+    ptrdiff_t position; // entries of each side that have been read
+};
 
 const coeff_row *family44_row;
 const coeff_row *family48_row;
 family family44;
 family family48;
+
+int32_t filter_source_rate; // Hz, of the last coeff_filter_init
+int32_t filter_target_rate;
 
 // Source-rate steps not yet paid for by target-rate steps.
 int32_t rate_accumulator;
@@ -110,23 +88,50 @@ int32_t rate_accumulator;
 float *filter_output;
 int64_t filter_output_floats;
 
-// Entries of each side.
-int32_t tile_entries()
+// --- Run ----------------------------------------------------------------------------------------
+
+// Kept apart from the loops, which hardly ever need it.
+[[gnu::noinline]] void cut_channels(float *output, ptrdiff_t frames)
 {
-    return tile_vectors * form->vector_floats;
+    for (ptrdiff_t i = 0; i < frames; ++i) {
+        if (left_cut != 0) output[stream_channels * i] = 0;
+        if (right_cut != 0) output[stream_channels * i + 1] = 0;
+    }
 }
 
-// Room for inputs: half of it is moved to the front when there is no more.
-int32_t most_kept(const family &f)
+// Steps of the output in which an input that comes now is the current one.
+int64_t steps_of_input()
 {
-    return 2 * f.reach + tile_entries();
+    const auto source = static_cast<uint32_t>(filter_source_rate);
+    const int32_t due = filter_target_rate - rate_accumulator;
+    const uint32_t steps = due < 1 ? 0 : (static_cast<uint32_t>(due) - 1) / source + 1;
+    rate_accumulator = static_cast<int32_t>(steps * source - static_cast<uint32_t>(due));
+    return steps;
 }
 
-// Where the table has the given distance.
-float *taps_at(const family &f, int32_t distance)
-{
-    return f.table + ptrdiff_t{f.tap_floats} * (tile_entries() + distance);
-}
+#define VECTOR_KERNEL "filter_kernel.inc"
+#include "vector_widths.inc"
+
+// One way to run the filter. All give the same bits.
+struct filter_form {
+    int32_t vector_floats;
+    bool (*present)(); // the processor has such vectors
+    const float *(*run_family44)(const float *input, int32_t *count);
+    const float *(*run_family48)(const float *input, int32_t *count);
+};
+
+#define RUN(width) vectors_##width::run_family44, vectors_##width::run_family48
+// The last form that is present is the one taken.
+constexpr auto filter_forms = std::to_array<filter_form>({
+    {4, [] { return true; }, RUN(128)},
+#if defined(__x86_64__)
+        {8, [] { return __builtin_cpu_supports("avx2") != 0; }, RUN(256)},
+        {16, [] { return __builtin_cpu_supports("avx512f") != 0; }, RUN(512)},
+#endif
+});
+#undef RUN
+
+const filter_form *form; // null: not chosen yet
 
 // --- Set-up -------------------------------------------------------------------------------------
 
@@ -176,71 +181,84 @@ const coeff_row *find_row(const coeff_row *rows, int32_t target_rate, int32_t fa
     return nullptr;
 }
 
-// No inputs before the first, which is the same as silence, and a tile that has been read.
-bool make_inputs(family *f)
+// Entries of each side.
+ptrdiff_t tile_size()
 {
-    f->kept = f->reach;
-    return allocate(&f->inputs, most_kept(*f));
+    return ptrdiff_t{tile_vectors} * form->vector_floats;
 }
 
+// Nothing before the first input is the same as silence.
+bool make_inputs(family *f, ptrdiff_t reach)
+{
+    // As many are moved to the front as were added, when there is no room for those of a tile.
+    const ptrdiff_t most = 2 * reach + tile_size();
+    if (!allocate(&f->inputs, most)) return false;
+    f->reach = reach;
+    f->next_input = f->inputs + reach;
+    f->inputs_end = f->inputs + most;
+    return true;
+}
+
+// A tile that has been read.
 bool make_tile(family *f)
 {
-    f->position = tile_entries();
-    return allocate(&f->tile, int64_t{stream_channels} * tile_entries());
+    f->position = tile_size();
+    return allocate(&f->tile, stream_channels * tile_size());
 }
 
-bool make_table(family *f)
+// A table of tap_floats for each entry of distance; an input gives so many entries.
+bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 {
-    const int64_t distances = int64_t{f->reach} * f->input_entries + int64_t{2} * tile_entries();
-    return allocate(&f->table, distances * f->tap_floats);
+    const ptrdiff_t distances = f->reach * input_entries + 2 * tile_size();
+    if (!allocate(&f->table, distances * tap_floats)) return false;
+    f->taps = f->table + tile_size() * tap_floats;
+    f->input_step = input_entries * tap_floats;
+    return true;
 }
 
 // The merged table: each entry is the sum of the taps that end at it, as many as an input frame has
-// output frames. An input comes out of it block by block, from its end to its start.
-void fill_merged_table()
+// output frames. An input meets it block by block, from its end to its start.
+void fill_merged_table(int32_t span)
 {
     const auto [tap_count, taps] = *family44_row->coeffs;
-    const int32_t span = family44.input_entries;
     for (int32_t m = 0; m < tap_count + span; ++m) {
         float sum = 0;
         const int32_t end = std::min(m + 1, tap_count);
         for (int32_t i = std::max(0, m - span + 1); i < end; ++i) sum += taps[i];
-        const int32_t block = m / span;
-        taps_at(family44, (family44.reach - block) * span)[m % span] = filter_gain * sum;
+        const ptrdiff_t blocks_from_end = family44.reach - m / span;
+        family44.taps[blocks_from_end * span + m % span] = filter_gain * sum;
     }
 }
 
 void make_family44()
 {
-    family &f = family44;
-    f.input_entries = family44_row->target_rate / family44_rate;
-    f.reach = family44_row->coeffs->tap_count / f.input_entries + 1;
-    f.tap_floats = 1;
-    if (!make_inputs(&f) || !make_tile(&f) || !make_table(&f)) fail(193, "allocation failed.");
-    fill_merged_table();
+    const int32_t span = family44_row->target_rate / family44_rate;
+    const bool made = make_inputs(&family44, family44_row->coeffs->tap_count / span + 1) &&
+                      make_tile(&family44) && make_table(&family44, span, 1);
+    if (!made) fail(193, "allocation failed.");
+    fill_merged_table(span);
 }
 
-// What an entry takes of the input that came distance steps before it, at a step whose number
-// modulo 4 is given. A step lays its taps in groups of 4, from the last border of groups before it,
-// and turned by as many as it lies behind that border; what falls off in front comes out last.
-float rotated_tap(int32_t distance, int32_t step)
+// What the entry distance steps on takes of a step's input. A step lays its taps from the last
+// multiple of four steps before it, turned by as many as it comes later, so that they lie where
+// those of a multiple of four would, or two off. What is turned away in front follows at the end.
+float rotated_tap(int32_t distance, int32_t turn)
 {
     const auto [tap_count, taps] = *family48_row->coeffs;
-    const int32_t length = family48.reach;
+    const int32_t length = tap_count + 4;
     if (distance < 1 || distance > length) return 0;
-    const int32_t start = step == 0 ? 0 : step - 4;
-    const int32_t entry = (distance + start + length) % length;
-    return entry < tap_count ? filter_gain * taps[(entry + step) % tap_count] : 0;
+    const int32_t entry = (distance + (turn == 0 ? 0 : turn - 4) + length) % length;
+    return entry < tap_count ? filter_gain * taps[(entry + turn) % tap_count] : 0;
 }
 
-// Rows as long as a vector, for its first lane's distance: each is loaded whole. A vector starts at
-// a multiple of 4 entries, so that the distance tells the step.
+// Each distance has a row for a whole vector, whose lanes are as many entries further on. Vectors
+// start at multiples of four entries, so that the distance tells how far behind one the step is.
 void fill_rotated_table()
 {
     const int32_t lanes = form->vector_floats;
     for (int32_t distance = 1 - lanes; distance <= family48.reach; ++distance)
         for (int32_t lane = 0; lane < lanes; ++lane)
-            taps_at(family48, distance)[lane] = rotated_tap(distance + lane, -distance & 3);
+            family48.taps[distance * lanes + lane] = rotated_tap(distance + lane, -distance & 3);
 }
 
 // Gives filter_output room for the source rate. False for want of memory.
@@ -248,7 +266,7 @@ bool size_output()
 {
     const int64_t source = std::max(filter_source_rate, 1);
     const int64_t most_frames = (filter_target_rate + source - 1) / source;
-    const int64_t floats = std::max<int64_t>(most_frames, family44.input_entries) * stream_channels;
+    const int64_t floats = std::max<int64_t>(most_frames, block_entries) * stream_channels;
     if (floats <= filter_output_floats) return true;
     release(&filter_output);
     const bool made = allocate(&filter_output, floats);
@@ -258,13 +276,10 @@ bool size_output()
 
 void make_family48()
 {
-    family &f = family48;
-    f.input_entries = 1;
-    f.reach = family48_row->coeffs->tap_count + 4;
-    f.tap_floats = form->vector_floats;
-    if (!make_inputs(&f) || !size_output()) fail(241, no_work_area);
-    if (!make_tile(&f)) fail(248, no_work_area);
-    if (!make_table(&f)) fail(253, no_work_area);
+    if (!make_inputs(&family48, family48_row->coeffs->tap_count + 4) || !size_output())
+        fail(241, no_work_area);
+    if (!make_tile(&family48)) fail(248, no_work_area);
+    if (!make_table(&family48, 1, form->vector_floats)) fail(253, no_work_area);
     fill_rotated_table();
 }
 
@@ -275,7 +290,7 @@ bool coeff_filter_take_form(int32_t vector_floats)
     coeff_filter_free();
     form = nullptr;
     for (const filter_form &candidate : filter_forms)
-        if ((vector_floats == 0 || candidate.vector_floats == vector_floats) && candidate.present())
+        if ((vector_floats == 0 || vector_floats == candidate.vector_floats) && candidate.present())
             form = &candidate;
     return form != nullptr;
 }
@@ -325,106 +340,11 @@ void coeff_filter_free()
     family48_row = nullptr;
 }
 
-namespace
-{
-
-// --- Run ----------------------------------------------------------------------------------------
-
-// Adds count inputs, the first of which lies first_distance entries before the first vector, to
-// that many vectors of the tile.
-void add_to_tile(const family &f, int32_t first_vector, int32_t vectors, const kept_input *inputs,
-                 int32_t count, int32_t distance)
-{
-    const int32_t lanes = form->vector_floats;
-    form->adders[static_cast<size_t>(vectors)](
-        f.tile + ptrdiff_t{first_vector} * lanes, inputs, inputs + count, taps_at(f, distance),
-        ptrdiff_t{f.input_entries} * f.tap_floats, ptrdiff_t{lanes} * f.tap_floats);
-}
-
-// Works out a tile from the inputs that have come. The oldest do not reach its second half.
-void begin_tile(family *f)
-{
-    constexpr int32_t half = tile_vectors / 2;
-    const kept_input *oldest = f->inputs + f->kept - f->reach;
-    const int32_t of_half = std::min(half * form->vector_floats / f->input_entries, f->reach);
-    const int32_t of_all = f->reach - of_half;
-    form->clear_tile(f->tile);
-    add_to_tile(*f, 0, half, oldest, of_half, f->reach * f->input_entries);
-    add_to_tile(*f, 0, tile_vectors, oldest + of_half, of_all, of_all * f->input_entries);
-    f->position = 0;
-}
-
-// Keeps an input count times, as many as the tile has room for, and adds it to the entries behind
-// the first that is yet to be read.
-void add_input(family *f, const float *input, int32_t count)
-{
-    if (f->kept + count > most_kept(*f)) {
-        std::copy_n(f->inputs + f->kept - f->reach, f->reach, f->inputs);
-        f->kept = f->reach;
-    }
-    kept_input *first = f->inputs + f->kept;
-    kept_input frame;
-    frame.left.fill(input[0]);
-    frame.right.fill(input[1]);
-    std::fill_n(first, count, frame);
-    f->kept += count;
-    const int32_t vector = (f->position + f->input_entries) / form->vector_floats;
-    if (vector < tile_vectors)
-        add_to_tile(*f, vector, tile_vectors - vector, first, count,
-                    vector * form->vector_floats - f->position);
-}
-
-// Takes the input count times and reads out as many entries as that gives.
-void run_family(family *f, const float *input, int64_t count, float *output)
-{
-    while (count > 0) {
-        if (f->position == tile_entries()) begin_tile(f);
-        const int32_t room = (tile_entries() - f->position) / f->input_entries;
-        const auto inputs = static_cast<int32_t>(std::min<int64_t>(room, count));
-        add_input(f, input, inputs);
-        const float *left = f->tile + f->position;
-        const float *right = left + tile_entries();
-        const int32_t entries = inputs * f->input_entries;
-        for (int32_t i = 0; i < entries; ++i) {
-            *output++ = left[i];
-            *output++ = right[i];
-        }
-        f->position += entries;
-        count -= inputs;
-    }
-}
-
-// An input gives a block of entries, the first of which it does not reach itself yet.
-int64_t run_family44(const float *input)
-{
-    const int32_t frames = family44.input_entries;
-    run_family(&family44, input, 1, filter_output);
-    for (int32_t i = 0; i < frames; ++i) {
-        if (left_cut != 0) filter_output[stream_channels * i] = 0;
-        if (right_cut != 0) filter_output[stream_channels * i + 1] = 0;
-    }
-    return frames;
-}
-
-// An input gives an entry for each step in which it is the current one.
-int64_t run_family48(const float *input)
-{
-    const int64_t due = int64_t{filter_target_rate} - rate_accumulator;
-    const int64_t steps = due < 1 ? 0 : (due + filter_source_rate - 1) / filter_source_rate;
-    run_family(&family48, input, steps, filter_output);
-    rate_accumulator = static_cast<int32_t>(steps * filter_source_rate - due);
-    return steps;
-}
-
-} // namespace
-
 const float *coeff_filter_run(const float *input, int32_t *count)
 {
     if (count == nullptr) return nullptr;
     *count = 0;
     if (filter_source_rate < 1 || family48_row == nullptr) return nullptr;
-    const int64_t frames =
-        filter_source_rate == family44_rate ? run_family44(input) : run_family48(input);
-    *count = static_cast<int32_t>(frames * stream_channels);
-    return filter_output;
+    return filter_source_rate == family44_rate ? form->run_family44(input, count)
+                                               : form->run_family48(input, count);
 }
