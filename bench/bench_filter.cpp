@@ -83,7 +83,8 @@ std::vector<float> noise_floats()
 template <typename frame_runner>
 void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runner run)
 {
-    constexpr double slice_seconds = 3e-4;
+    constexpr double slice_seconds = 7e-4;
+    constexpr int64_t tile_calls = 12; // a multiple of those of every tile at 44100 Hz
     const std::vector<float> noise = noise_floats();
     size_t at = 0;
     const auto run_frames = [&](int64_t frames) {
@@ -92,8 +93,8 @@ void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runn
     const auto run_peak = [&](int64_t rounds) {
         benchmark::DoNotOptimize(c.form.run_peak(rounds));
     };
-    const int64_t frames = amount_for(slice_seconds, run_frames);
-    const int64_t rounds = amount_for(slice_seconds, run_peak);
+    const int64_t frames = amount_for(slice_seconds, tile_calls, run_frames);
+    const int64_t rounds = amount_for(slice_seconds, 1000, run_peak);
     std::vector<double> ours, limits;
     for (auto _ : state) {
         limits.push_back(thread_seconds([&] { run_peak(rounds); }));

@@ -42,10 +42,10 @@ template <typename work> double thread_seconds(work run)
     return now() - start;
 }
 
-// How much of some work takes about that long.
-template <typename work> int64_t amount_for(double seconds, work run)
+// How much of some work takes about that long, in multiples of a step.
+template <typename work> int64_t amount_for(double seconds, int64_t step, work run)
 {
-    int64_t amount = 1;
+    int64_t amount = step;
     while (thread_seconds([&] { run(amount); }) < seconds) amount *= 2;
     return amount;
 }
