@@ -1,15 +1,12 @@
 // The oversampling filter's speed, in times real time, beside what the machine can do at most with
 // separate products and sums of the same vector width.
 //
-// Each line: x_real_time, of the form; peak, the limit in the same unit; share, of the limit;
-// to_straight, the form's speed over that of the straight 128-bit form.
+// Each line: x_real_time, of the form; peak, the limit in the same unit; share, of the limit.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <ctime>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -24,7 +21,7 @@
 #endif
 
 #include "common.h"
-#include "filter_hooks.h"
+#include "limits.h"
 
 #if defined(__x86_64__)
 #define VECTOR_REGISTER(v) "+x"(v)
@@ -34,97 +31,44 @@
 #define VECTOR_REGISTER(v) "+m"(v)
 #endif
 
-namespace peak_128
-{
-constexpr int32_t vector_floats = 4;
-#include "peak_kernel.inc"
-} // namespace peak_128
-#if defined(__x86_64__)
-#ifdef __clang__
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
-namespace peak_256
-{
-constexpr int32_t vector_floats = 8;
-#include "peak_kernel.inc"
-} // namespace peak_256
-#ifdef __clang__
-#pragma clang attribute pop
-#pragma clang attribute push(__attribute__((target("avx512f"))), apply_to = function)
-#else
-#pragma GCC pop_options
-#pragma GCC push_options
-#pragma GCC target("avx512f")
-#endif
-namespace peak_512
-{
-constexpr int32_t vector_floats = 16;
-#include "peak_kernel.inc"
-} // namespace peak_512
-#ifdef __clang__
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
-#endif
-
 namespace
 {
 
-// The processor's time that this thread has had: other programs do not count.
-double thread_seconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
+#define VECTOR_KERNEL "../bench/peak_kernel.inc"
+#include "vector_widths.inc"
 
-// Products (each with its sum) a second, the best of a few tries.
-double measure_peak(float (*run_peak)(int64_t), int64_t round_products)
-{
-    constexpr int64_t rounds = 4000000;
-    double best = 0;
-    for (int32_t i = 0; i < 5; i++) {
-        const double start = thread_seconds();
-        benchmark::DoNotOptimize(run_peak(rounds));
-        best = std::max(best,
-                        static_cast<double>(rounds * round_products) / (thread_seconds() - start));
-    }
-    return best;
-}
-
-// The peak of the vectors that the form uses, one float wide for the scalar one. Measured anew for
-// each line, for the machine's clock may change.
-double form_peak(const std::string &form)
-{
+// The forms of the filter by the floats of a vector, 1 for the plain loop, and each one's limit.
+struct filter_form {
+    int32_t vector_floats;
+    const char *name;
+    float (*run_peak)(int64_t);
+};
+constexpr auto forms = std::to_array<filter_form>({
+    {1, "scalar", vectors_128::run_peak}, {4, "128", vectors_128::run_peak},
 #if defined(__x86_64__)
-    if (form == "batched 256") return measure_peak(peak_256::run_peak, peak_256::round_products);
-    if (form == "batched 512") return measure_peak(peak_512::run_peak, peak_512::round_products);
+        {8, "256", vectors_256::run_peak}, {16, "512", vectors_512::run_peak},
 #endif
-    const double peak = measure_peak(peak_128::run_peak, peak_128::round_products);
-    return form == "scalar" ? peak / peak_128::vector_floats : peak;
-}
+});
 
 struct filter_case {
     int32_t source_rate;
     int32_t use_short;
-    std::string form;
+    filter_form form;
 };
 
-double products_a_second(const filter_case &c)
+double products_a_frame(const filter_case &c)
 {
     const auto taps44 = c.use_short != 0 ? set_44k_short.tap_count : set_44k_normal.tap_count;
     const auto taps48 = c.use_short != 0 ? set_48k_short.tap_count : set_48k_normal.tap_count;
-    if (c.source_rate == 44100) return 2.0 * (taps44 + 8) * 44100;
-    return 2.0 * (taps48 + 4) * 352800;
+    if (c.source_rate == 44100) return 2.0 * (taps44 + 8);
+    return 2.0 * (taps48 + 4) * 352800 / c.source_rate;
 }
+
+constexpr size_t noise_size = 8192; // a power of two: the loop below is measured along
 
 std::vector<float> noise_floats()
 {
-    std::vector<float> noise(8192);
+    std::vector<float> noise(noise_size);
     uint32_t state = 1;
     for (float &x : noise) {
         state = state * 1664525 + 1013904223;
@@ -133,61 +77,63 @@ std::vector<float> noise_floats()
     return noise;
 }
 
-// Runs input frames until Google Benchmark has enough. Result: times real time, in the best round,
-// for all but the best were disturbed by something.
-template <typename run_frame>
-double time_frames(benchmark::State &state, int32_t source_rate, run_frame run)
+// Runs the filter and its limit in turn, in slices so short that both meet the same clock and the
+// same neighbours, until Google Benchmark has enough. Each is worth its best few slices: all but
+// those were disturbed by something.
+template <typename frame_runner>
+void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runner run)
 {
+    constexpr double slice_seconds = 7e-4;
+    constexpr int64_t tile_calls = 12; // a multiple of those of every tile at 44100 Hz
     const std::vector<float> noise = noise_floats();
-    double best = 1e9;
+    size_t at = 0;
+    const auto run_frames = [&](int64_t frames) {
+        for (int64_t i = 0; i < frames; ++i, at = (at + 2) % noise_size) run(&noise[at]);
+    };
+    const auto run_peak = [&](int64_t rounds) {
+        benchmark::DoNotOptimize(c.form.run_peak(rounds));
+    };
+    const int64_t frames = amount_for(slice_seconds, tile_calls, run_frames);
+    const int64_t rounds = amount_for(slice_seconds, 1000, run_peak);
+    std::vector<double> ours, limits;
     for (auto _ : state) {
-        const double start = thread_seconds();
-        for (size_t i = 0; i < noise.size(); i += 2) run(&noise[i]);
-        best = std::min(best, thread_seconds() - start);
+        limits.push_back(thread_seconds([&] { run_peak(rounds); }));
+        ours.push_back(thread_seconds([&] { run_frames(frames); }));
     }
-    return static_cast<double>(noise.size()) / 2 / source_rate / best;
+    // One lane of the limit is the plain loop's.
+    const double products =
+        static_cast<double>(rounds * vectors_128::round_vectors) * c.form.vector_floats;
+    const double speed = static_cast<double>(frames) / c.source_rate / best_few(ours);
+    const double peak = products / products_a_frame(c) / c.source_rate / best_few(limits);
+    state.counters["x_real_time"] = speed;
+    state.counters["peak"] = peak;
+    state.counters["share"] = speed / peak;
 }
 
-double time_scalar(benchmark::State &state, const filter_case &c)
+void bench_scalar(benchmark::State &state, const filter_case &c)
 {
     scalar_filter filter = make_scalar_filter(c.use_short != 0 ? set_44k_short : set_44k_normal,
                                               c.use_short != 0 ? set_48k_short : set_48k_normal);
     std::vector<float> output;
-    return time_frames(state, c.source_rate, [&](const float *frame) {
+    compare_with_peak(state, c, [&](const float *frame) {
         output.clear();
         scalar_filter_run(filter, c.source_rate, {frame[0], frame[1]}, output);
         benchmark::DoNotOptimize(output.data());
     });
 }
 
-double time_form(benchmark::State &state, const filter_case &c)
+void bench_form(benchmark::State &state, const filter_case &c)
 {
-    coeff_filter_init(c.source_rate, 352800, 2, c.use_short);
-    const double speed = time_frames(state, c.source_rate, [](const float *frame) {
-        int32_t count = 0;
-        benchmark::DoNotOptimize(coeff_filter_run(frame, &count));
-    });
-    coeff_filter_free();
-    return speed;
-}
-
-// Speed of the straight 128-bit form by road and set, of this run.
-std::map<std::pair<int32_t, int32_t>, double> straight_speeds;
-
-void bench_filter(benchmark::State &state, const filter_case &c)
-{
-    if (c.form != "scalar" && !coeff_filter_take_form(c.form.c_str())) {
+    if (!coeff_filter_take_form(c.form.vector_floats)) {
         state.SkipWithError("this machine has no such vectors");
         return;
     }
-    const double peak = form_peak(c.form) / products_a_second(c);
-    const double speed = c.form == "scalar" ? time_scalar(state, c) : time_form(state, c);
-    double &straight = straight_speeds[{c.source_rate, c.use_short}];
-    if (c.form == "straight 128") straight = speed;
-    state.counters["x_real_time"] = speed;
-    state.counters["peak"] = peak;
-    state.counters["share"] = speed / peak;
-    if (straight > 0) state.counters["to_straight"] = speed / straight;
+    coeff_filter_init(c.source_rate, 352800, 2, c.use_short);
+    compare_with_peak(state, c, [](const float *frame) {
+        int32_t count = 0;
+        benchmark::DoNotOptimize(coeff_filter_run(frame, &count));
+    });
+    coeff_filter_take_form(0);
 }
 
 // The time that -os adds to the player's start.
@@ -204,14 +150,12 @@ bool register_benchmarks()
 {
     for (const int32_t rate : {44100, 48000})
         for (const int32_t use_short : {0, 1}) {
-            std::vector<std::string> forms{"straight 128", "scalar"};
-            forms.insert(forms.end(), filter_form_names.begin() + 1, filter_form_names.end());
-            for (const std::string &form : forms) {
-                const std::string name = "filter/" + std::to_string(rate) +
-                                         (use_short != 0 ? "/short/" : "/long/") + form;
-                benchmark::RegisterBenchmark(name.c_str(), bench_filter,
-                                             filter_case{rate, use_short, form})
-                    ->Unit(benchmark::kMillisecond);
+            for (const filter_form &form : forms) {
+                const auto name = "filter/" + std::to_string(rate) +
+                                  (use_short != 0 ? "/short/" : "/long/") + form.name;
+                benchmark::RegisterBenchmark(name.c_str(),
+                                             form.vector_floats == 1 ? bench_scalar : bench_form,
+                                             filter_case{rate, use_short, form});
             }
         }
     return true;

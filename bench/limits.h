@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,35 @@ template <typename work> double best_seconds(int runs, work run)
         best = std::min(best, seconds_now() - start);
     }
     return best;
+}
+
+// The processor's time that a piece of work takes this thread: other programs do not count.
+template <typename work> double thread_seconds(work run)
+{
+    const auto now = [] {
+        timespec t{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+        return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+    };
+    const double start = now();
+    run();
+    return now() - start;
+}
+
+// How much of some work takes about that long, in multiples of a step.
+template <typename work> int64_t amount_for(double seconds, int64_t step, work run)
+{
+    int64_t amount = step;
+    while (thread_seconds([&] { run(amount); }) < seconds) amount *= 2;
+    return amount;
+}
+
+// The fastest of many runs but for a few per cent, where luck and the clock's steps are.
+inline double best_few(std::vector<double> seconds)
+{
+    const auto few = seconds.begin() + static_cast<ptrdiff_t>(seconds.size() / 40);
+    std::nth_element(seconds.begin(), few, seconds.end());
+    return *few;
 }
 
 // Bytes a second that memcpy moves in pieces of the given size, from one place into a ring's worth.

@@ -78,7 +78,7 @@ void print_sets()
 // ---- The filter
 //
 // A complex tone goes in, its real part left, its imaginary part right. The filter is linear, and
-// does the same again after a number of output frames (8 on the road of 44100 Hz; on the other,
+// does the same again after a number of output frames (8 in the family of 44100 Hz; in the other,
 // where the rates fall in step and four table copies take turns, 588 or a part of it). So what
 // comes out is tones too, at distances of the output rate / that number, and over a whole number
 // of such rounds they can be told apart without a window.
