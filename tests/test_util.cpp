@@ -159,8 +159,9 @@ TEST_F(TerminalDeathTest, EachOfSeveralKeysIsSeen)
 
 bool comes_true(const std::function<bool()> &condition)
 {
-    for (int i = 0; i < 500 && !condition(); ++i) usleep(10000);
-    return condition();
+    for (int i = 0; i < 500; ++i, usleep(10000))
+        if (condition()) return true;
+    return false;
 }
 
 // A job that takes the terminal and gives it back all the time, beside a second thread that a
@@ -181,34 +182,35 @@ bool comes_true(const std::function<bool()> &condition)
     }
 }
 
-// Runs in a process of its own: a shell that stops its jobs and ends them while they are stopped.
-// Exits with the count of times that the terminal, on standard input, was not left as before.
+// The shell that starts a job, stops it, and ends it while it is stopped. True when the terminal,
+// on standard input, was left as before each time.
+bool leaves_the_terminal(const std::string &before, int last_signal)
+{
+    const auto is_raw = [&] { return settings_of(STDIN_FILENO) != before; };
+    const pid_t job = fork();
+    if (job == 0) run_job();
+    setpgid(job, job);
+    tcsetpgrp(STDIN_FILENO, job);
+    if (!comes_true(is_raw)) return false;
+    int status = 0;
+    kill(job, SIGTSTP);
+    if (waitpid(job, &status, WUNTRACED) != job || !WIFSTOPPED(status) || is_raw()) return false;
+    kill(job, last_signal);
+    kill(job, SIGCONT);
+    return waitpid(job, &status, 0) == job && WTERMSIG(status) == last_signal && !is_raw();
+}
+
+// Runs in a process of its own. Exits with the number of the first job that did not leave the
+// terminal alone, or with 0.
 [[noreturn]] void run_shell(const std::string &before)
 {
     std::signal(SIGTTOU, SIG_IGN);
-    std::signal(SIGHUP, SIG_IGN);
-    alarm(60); // a job that does not stop or end must not hang the test
+    alarm(60); // a job that neither stops nor ends must not hang the test
     setsid();
     ioctl(STDIN_FILENO, TIOCSCTTY, 0);
-    const auto is_raw = [&] { return settings_of(STDIN_FILENO) != before; };
-    int faults = 0;
-    for (int i = 0; i < 100; ++i) {
-        const int last_signal = i % 2 == 0 ? SIGTERM : SIGHUP;
-        const pid_t job = fork();
-        if (job == 0) run_job();
-        setpgid(job, job);
-        tcsetpgrp(STDIN_FILENO, job);
-        faults += comes_true(is_raw) ? 0 : 1;
-        kill(job, SIGTSTP);
-        int status = 0;
-        faults += waitpid(job, &status, WUNTRACED) == job && WIFSTOPPED(status) ? 0 : 1;
-        faults += is_raw() ? 1 : 0;
-        kill(job, last_signal);
-        kill(job, SIGCONT);
-        faults += waitpid(job, &status, 0) == job && WTERMSIG(status) == last_signal ? 0 : 1;
-        faults += is_raw() ? 1 : 0;
-    }
-    _exit(faults);
+    for (int i = 1; i <= 100; ++i)
+        if (!leaves_the_terminal(before, i % 2 == 0 ? SIGTERM : SIGHUP)) _exit(i);
+    _exit(0);
 }
 
 TEST_F(TerminalDeathTest, IsNeverLeftRawByAJobThatIsStoppedAndEnded)
