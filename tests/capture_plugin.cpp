@@ -12,12 +12,14 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -466,16 +468,23 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
     return fails ? device.fault->avail_code : real(pcm);
 }
 
-// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B.
+// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "stall" for B it never ends, as
+// on a lost network mount: parents of vfork, too, sleep where no handler of a signal can run.
 FILE *fopen64(const char *path, const char *mode)
 {
     static auto *real =
         reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = words_of(setting("CAPTURE_SWAP", ""));
-    if (swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1])
-        path = swap[2].c_str();
-    return real(path, mode);
+    const bool swaps = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
+    if (swaps && swap[2] == "stall") {
+        log_line("stall\n");
+        if (vfork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            while (true) pause();
+        }
+    }
+    return real(swaps ? swap[2].c_str() : path, mode);
 }
 
 int nice(int increment) noexcept

@@ -109,6 +109,7 @@ void set_environment(const run_state &state, const play_settings &settings)
     set("CAPTURE_FILE", state.directory + "/capture");
     if (settings.gated) set("CAPTURE_GATE", state.directory + "/gate");
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
+    set("HISTFILE", ""); // of a shell
     if (settings.stand_ins) set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
     // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
     add_option("ASAN_OPTIONS", "verify_asan_link_order=0");
@@ -141,6 +142,7 @@ void take_streams(const run_state &state)
         setrlimit(RLIMIT_AS, &limit);
     }
     std::vector<std::string> words = {PLAYER_PATH};
+    if (settings.in_shell) words = {"bash", "--norc", "--noediting", "-is", PLAYER_PATH};
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
     words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
     std::vector<char *> argv;
@@ -148,7 +150,7 @@ void take_streams(const run_state &state)
     for (std::string &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     take_streams(state);
-    execv(PLAYER_PATH, argv.data());
+    execvp(argv[0], argv.data());
     _exit(255);
 }
 

@@ -45,6 +45,7 @@ struct play_settings {
     std::string directory = {}; // the player's current one; empty: scratch_directory()
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
     tcflag_t terminal_mode = 0; // bits of c_lflag to clear in the terminal beforehand
+    bool in_shell = false;      // an interactive one: "$@" typed into it starts the player
     int timeout_seconds = 120;  // a player that runs longer is killed, and that is trouble
 };
 
