@@ -369,7 +369,7 @@ TEST(play_console, a_read_that_stalls_does_not_hold_up_the_end)
 
 struct job_row {
     const char *name;
-    std::vector<play_event> events; // what is typed into an interactive shell
+    std::vector<play_event> events; // for an interactive shell
 };
 
 constexpr size_t device_second = 44100 * 8; // bytes
@@ -381,7 +381,9 @@ const std::vector<job_row> jobs = {
        .mode_is = is_canonical,
        .type = "kill -STOP %1; until [ \"$(jobs -s)\" ]; do :; done; fg\n"},
       {.mode_is = is_raw, .type = "\x1a"},
-      {.err_has = "Stopped", .mode_is = is_canonical, .type = "bg\n", .allow = 190000},
+      {.err_has = "Stopped", .mode_is = is_canonical, .type = "fg\n"},
+      {.mode_is = is_raw, .signal = SIGSTOP},
+      {.mode_is = is_canonical, .type = "bg\n", .allow = 190000},
       {.captured = 4 * device_second, .mode_is = is_canonical, .allow = 10000000},
       {.type = "wait %1; exit $?\n"}}},
     {"an_ignored_stop_stays_ignored",

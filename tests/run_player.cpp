@@ -207,7 +207,7 @@ void open_gate(const std::string &path, int64_t frames)
     std::filesystem::rename(path + ".new", path);
 }
 
-void let_happen(const play_event &event, const run_state &state, play_result &result)
+void let_happen(const play_event &event, bool in_shell, const run_state &state, play_result &result)
 {
     termios mode{};
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
@@ -217,7 +217,8 @@ void let_happen(const play_event &event, const run_state &state, play_result &re
     if (!event.type.empty() && write(state.near[0], event.type.data(), event.type.size()) !=
                                    static_cast<ssize_t>(event.type.size()))
         result.trouble += "keys were not taken\n";
-    if (event.signal != 0) kill(state.process, event.signal);
+    const pid_t job = in_shell ? -tcgetpgrp(state.terminal) : state.process;
+    if (event.signal != 0) kill(job, event.signal);
     if (event.call) event.call();
     if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
 }
@@ -233,7 +234,7 @@ int watch_player(run_state &state, const play_settings &settings, play_result &r
     while (waitpid(state.process, &exit, WNOHANG) == 0) {
         read_streams(state, result, 1);
         if (event != settings.events.end() && is_due(*event, state, result, last_event)) {
-            let_happen(*event++, state, result);
+            let_happen(*event++, settings.in_shell, state, result);
             last_event = clock_type::now();
         }
         if (killed || clock_type::now() - start < std::chrono::seconds(settings.timeout_seconds))

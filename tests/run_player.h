@@ -26,7 +26,7 @@ struct play_event {
     std::function<bool(const termios &)> mode_is = {}; // the terminal's mode passes
     int after_ms = 0;                                  // milliseconds since the event before
     std::string type = {};                             // bytes to send to standard input
-    int signal = 0;                                    // signal to send
+    int signal = 0;                  // signal to send, to the foreground of a shell
     int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
     bool may_miss = false;           // the player may end before it comes
