@@ -92,10 +92,14 @@ void take_terminal(int action)
     tcsetattr(STDIN_FILENO, action, &raw);
 }
 
+// Drops input not yet read. TCSAFLUSH would first wait for all output, and with a terminal that
+// Ctrl-S holds that may be for ever.
 void give_terminal_back()
 {
-    if (terminal_is_raw != 0 && !in_background())
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_saved);
+    if (terminal_is_raw != 0 && !in_background()) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &terminal_saved);
+        tcflush(STDIN_FILENO, TCIFLUSH);
+    }
     terminal_is_raw = flag_off;
 }
 

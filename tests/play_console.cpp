@@ -308,6 +308,10 @@ const std::vector<ending_row> endings = {
      .shape = "F+BS+WWN",
      .without = ISIG | ECHO},
     {.name = "terminate", .events = {then_send(SIGTERM)}, .status = -SIGTERM, .shape = "F+BS+"},
+    {.name = "terminate_at_a_held_terminal", // by Ctrl-S, with main inside a write to it
+     .events = {then_type("\x13"), {.after_ms = 600, .signal = SIGTERM}},
+     .status = -SIGTERM,
+     .shape = "F+BS+"},
     {.name = "hang_up", .events = {then_send(SIGHUP)}, .status = -SIGHUP, .shape = "F+BS+"},
     {.name = "quit", .events = {then_send(SIGQUIT)}, .status = -SIGQUIT, .shape = "F+BS+"},
 };
