@@ -397,6 +397,11 @@ const std::vector<job_row> jobs = {
       {.captured = 3 * device_second, .mode_is = is_raw, .allow = 10000000}}},
 };
 
+void PrintTo(const job_row &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
 class play_console_job : public testing::TestWithParam<job_row>
 {
 };
@@ -416,7 +421,7 @@ TEST_P(play_console_job, shares_the_terminal_with_its_shell)
     EXPECT_TRUE(same_mode(result.before, result.after));
 }
 INSTANTIATE_TEST_SUITE_P(all, play_console_job, testing::ValuesIn(jobs),
-                         [](const auto &row) { return std::string(row.param.name); });
+                         testing::PrintToStringParamName());
 
 // Before the ring exists the terminal is left alone.
 TEST(play_console, a_report_before_playing_leaves_the_terminal_alone)
