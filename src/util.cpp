@@ -81,25 +81,29 @@ bool in_background()
     return foreground >= 0 && foreground != getpgrp();
 }
 
-// The action is one of tcsetattr: TCSAFLUSH drops input not yet read.
-void take_terminal(int action)
+enum class unread_input { keep, drop };
+
+// TCSAFLUSH, which drops input too, would first wait for all output: for ever, with a terminal that
+// Ctrl-S holds, and everybody else for the lock.
+void set_terminal(const struct termios &settings, unread_input input)
+{
+    tcsetattr(STDIN_FILENO, TCSANOW, &settings);
+    if (input == unread_input::drop) tcflush(STDIN_FILENO, TCIFLUSH);
+}
+
+void take_terminal(unread_input input)
 {
     if (in_background()) return;
     if (terminal_is_raw == 0) tcgetattr(STDIN_FILENO, &terminal_saved);
     terminal_is_raw = flag_on;
     struct termios raw = terminal_saved;
     raw.c_lflag &= ~static_cast<tcflag_t>(ICANON);
-    tcsetattr(STDIN_FILENO, action, &raw);
+    set_terminal(raw, input);
 }
 
-// Drops input not yet read. TCSAFLUSH would first wait for all output, and with a terminal that
-// Ctrl-S holds that may be for ever.
 void give_terminal_back()
 {
-    if (terminal_is_raw != 0 && !in_background()) {
-        tcsetattr(STDIN_FILENO, TCSANOW, &terminal_saved);
-        tcflush(STDIN_FILENO, TCIFLUSH);
-    }
+    if (terminal_is_raw != 0 && !in_background()) set_terminal(terminal_saved, unread_input::drop);
     terminal_is_raw = flag_off;
 }
 
@@ -116,8 +120,7 @@ void act_by_default(int signal_number)
     sigset_t only;
     sigemptyset(&only);
     sigaddset(&only, signal_number);
-    // Raised before it is let through, so that one which came meanwhile does not stop a second
-    // time.
+    // Raised before it is let through: one that came meanwhile must not stop a second time.
     raise(signal_number);
     pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
     pthread_sigmask(SIG_BLOCK, &only, nullptr);
@@ -131,7 +134,7 @@ void attend_signal(int signal_number)
         give_terminal_back();
         act_by_default(signal_number);
     }
-    if (terminal_wanted) take_terminal(TCSANOW); // keeps the keys that wait to be read
+    if (terminal_wanted) take_terminal(unread_input::keep);
     unlock_terminal(before);
 }
 
@@ -147,7 +150,7 @@ void *signal_thread(void *)
 
 // --- Names --------------------------------------------------------------------------------------
 
-// The C0 control characters and DEL, whose meaning a terminal gives to no byte of UTF-8.
+// The C0 control characters and DEL. In UTF-8 none of them is part of another character.
 bool is_control(char byte)
 {
     return static_cast<unsigned char>(byte) < ' ' || byte == '\x7F';
@@ -231,7 +234,7 @@ void fatal_exit(int32_t status)
 void terminal_raw()
 {
     const sigset_t before = lock_terminal();
-    if (terminal_is_raw == 0) take_terminal(TCSAFLUSH);
+    if (terminal_is_raw == 0) take_terminal(unread_input::drop);
     terminal_wanted = true;
     unlock_terminal(before);
 }
