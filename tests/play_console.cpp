@@ -300,13 +300,6 @@ const std::vector<ending_row> endings = {
      .status = 0,
      .shape = "F+BS+\\?\\?S*\\?\\?S*WWN", // ^Z and ^C
      .dry = true},
-    {.name = "key_typed_while_stopped",
-     .events = {then_send(SIGSTOP),
-                {.after_ms = 50, .type = key_3},
-                {.after_ms = 50, .signal = SIGCONT}},
-     .status = 0,
-     .shape = "F+BS+WWN",
-     .without = ISIG | ECHO},
     {.name = "terminate", .events = {then_send(SIGTERM)}, .status = -SIGTERM, .shape = "F+BS+"},
     {.name = "terminate_at_a_held_terminal", // by Ctrl-S, with main inside a write to it
      .events = {then_type("\x13"), {.after_ms = 600, .signal = SIGTERM}},

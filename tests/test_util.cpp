@@ -164,6 +164,24 @@ bool comes_true(const std::function<bool()> &condition)
     return false;
 }
 
+TEST_F(TerminalDeathTest, KeepsItsKeysWhenContinuedOrUnderAnIgnoredSignal)
+{
+    const auto keep_keys = [&] {
+        std::signal(SIGHUP, SIG_IGN); // as nohup has it
+        install_terminal_signals();
+        terminal_raw();
+        pollfd input = {STDIN_FILENO, POLLIN, 0};
+        const bool typed = write(keyboard, "q", 1) == 1 && poll(&input, 1, 5000) == 1;
+        change_local_flags(ICANON, 0); // by a shell, while the player is stopped
+        kill(getpid(), SIGHUP);
+        kill(getpid(), SIGCONT);
+        const bool taken = comes_true([&] { return settings_of(STDIN_FILENO) != before; });
+        usleep(50000);
+        _exit(typed && taken && poll(&input, 1, 0) == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(keep_keys(), testing::ExitedWithCode(0), "");
+}
+
 // A job that takes the terminal and gives it back all the time, beside a second thread that a
 // signal may choose. A shell that ignores signals hands that on.
 [[noreturn]] void run_job()
