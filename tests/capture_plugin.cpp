@@ -477,12 +477,10 @@ FILE *fopen64(const char *path, const char *mode)
     static int opened;
     const auto swap = words_of(setting("CAPTURE_SWAP", ""));
     const bool swaps = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
-    if (swaps && swap[2] == "stall") {
+    if (swaps && swap[2] == "stall" && vfork() == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // before anybody learns that there is a player to end
         log_line("stall\n");
-        if (vfork() == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            while (true) pause();
-        }
+        while (true) pause();
     }
     return real(swaps ? swap[2].c_str() : path, mode);
 }
