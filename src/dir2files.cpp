@@ -51,7 +51,7 @@ template <typename T> bool grow(T **block, int32_t *size, int32_t first_size, in
 void report_system_error(int32_t number, const char *format, const char *path)
 {
     std::fprintf(stderr, "%s\n", std::strerror(errno));
-    report(unit, number, format, path); // NOLINT(clang-diagnostic-format-nonliteral)
+    report(unit, number, format, printable(path)); // NOLINT(clang-diagnostic-format-nonliteral)
 }
 
 // Adds directory/name, cut to the buffer.

@@ -74,7 +74,7 @@ void set_buffer_size(const char *size)
     const long long number = std::strtoll(size, &end, 10);
     if (end == size) {
         print_usage(program_name);
-        fatal_report(unit, 183, "illegal buffer size %s passed.\n", size);
+        fatal_report(unit, 183, "illegal buffer size %s passed.\n", printable(size));
     }
     const int64_t count = std::clamp(number, -largest_number, largest_number);
     buffer_bytes = static_cast<uint64_t>(count * factor_of(*end));
@@ -160,7 +160,7 @@ void select_mode(const char *name)
         mode_label = row->label;
         return;
     }
-    fatal_report(unit, 54, "illegal mode name %s passed.\n", name);
+    fatal_report(unit, 54, "illegal mode name %s passed.\n", printable(name));
 }
 
 void print_usage(const char *program)

@@ -130,7 +130,8 @@ constexpr std::array<container_row, 4> containers = {{
 int32_t open_soundfile(soundfile *file)
 {
     file->fp = fopen64(file->path, "rb");
-    if (file->fp == nullptr) fatal_report(unit, 725, "file %s open error.\n", file->path);
+    if (file->fp == nullptr)
+        fatal_report(unit, 725, "file %s open error.\n", printable(file->path));
 
     for (const container_row &row : containers) {
         std::rewind(file->fp);
@@ -141,7 +142,7 @@ int32_t open_soundfile(soundfile *file)
         read_samples = row.read;
         return 0;
     }
-    std::fprintf(stderr, "file format of %s unknown. Skip\n", file->path);
+    std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
     return -1;
 }
 
@@ -752,7 +753,7 @@ void probe_files()
 void open_first_file()
 {
     if (open_soundfile(file_list) < 0)
-        fatal_report(unit, 1012, "soundfile %s open failed.\n", file_list->path);
+        fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file_list->path));
 }
 
 void set_up_stream()

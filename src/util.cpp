@@ -1,10 +1,10 @@
 #include "util.h"
 
-#include <asm/termbits.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/ioctl.h>
 #include <sys/select.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,41 +47,112 @@ std::atomic<bool> leaving; // set by the thread that ends the process
 
 // --- Terminal -----------------------------------------------------------------------------------
 
-std::atomic<int32_t> terminal_is_raw; // terminal_saved holds settings to put back
-struct termio terminal_saved;         // written by terminal_raw, before the flag
-std::atomic<bool> terminal_given_up;  // SIGTSTP found it raw
+// All below belongs to the thread that has the lock.
+std::atomic_flag terminal_lock;
+bool terminal_wanted;          // from terminal_raw to terminal_restore, wherever the terminal is
+int32_t terminal_is_raw;       // terminal_saved holds settings to put back
+struct termios terminal_saved; // of standard input, when it was taken
 
-void set_raw_mode()
+// SIGINT stays off a thread that has the lock: its handler may want the lock too, and would wait
+// for the thread that it keeps from going on. All calls here are safe in that handler.
+sigset_t lock_terminal()
 {
-    struct termio raw = terminal_saved;
-    raw.c_lflag = static_cast<unsigned short>(raw.c_lflag & ~ICANON);
-    ioctl(STDIN_FILENO, TCSETAF, &raw);
+    sigset_t interrupt;
+    sigset_t before;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+    while (terminal_lock.test_and_set(std::memory_order_acquire)) poll(nullptr, 0, 1);
+    return before;
 }
 
-// The handlers below call only what is safe in one.
-
-void restore_and_die(int signal_number)
+void unlock_terminal(const sigset_t &before)
 {
-    terminal_restore();
-    std::signal(signal_number, SIG_DFL);
-    std::raise(signal_number); // acts once this handler has returned
+    terminal_lock.clear(std::memory_order_release);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void restore_and_stop(int signal_number)
+// In the background the terminal is the shell's, and its modes too: the kernel stops a job that
+// changes them. A terminal of another session, or none, has no such rule and gives -1.
+bool in_background()
 {
-    if (load_acquire(terminal_is_raw) != 0) terminal_given_up = true;
-    restore_and_die(signal_number);
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    return foreground >= 0 && foreground != getpgrp();
 }
 
-// A player continued in the background leaves the terminal to its shell.
-void take_terminal_back(int)
+enum class unread_input { keep, drop };
+
+// TCSAFLUSH, which drops input too, would first wait for all output: for ever, with a terminal that
+// Ctrl-S holds, and everybody else for the lock.
+void set_terminal(const struct termios &settings, unread_input input)
 {
-    std::signal(SIGTSTP, restore_and_stop);
-    if (tcgetpgrp(STDIN_FILENO) != getpgrp()) return;
-    if (terminal_given_up.exchange(false))
-        terminal_raw();
-    else if (load_acquire(terminal_is_raw) != 0) // stopped by SIGSTOP, with no handler in between
-        set_raw_mode();
+    tcsetattr(STDIN_FILENO, TCSANOW, &settings);
+    if (input == unread_input::drop) tcflush(STDIN_FILENO, TCIFLUSH);
+}
+
+void take_terminal(unread_input input)
+{
+    if (in_background()) return;
+    if (terminal_is_raw == 0) tcgetattr(STDIN_FILENO, &terminal_saved);
+    terminal_is_raw = flag_on;
+    struct termios raw = terminal_saved;
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON);
+    set_terminal(raw, input);
+}
+
+void give_terminal_back()
+{
+    if (terminal_is_raw != 0 && !in_background()) set_terminal(terminal_saved, unread_input::drop);
+    terminal_is_raw = flag_off;
+}
+
+// --- Signals ------------------------------------------------------------------------------------
+
+// What ends, stops or continues the process from outside.
+constexpr std::array terminal_signals = {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT};
+sigset_t awaited_signals; // those of them that are not ignored; blocked in every thread
+
+// Ends or stops the process. Comes back from a stop, or at once when nothing stops: the kernel lets
+// Ctrl-Z stop nothing that no shell could continue.
+void act_by_default(int signal_number)
+{
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signal_number);
+    // Raised before it is let through: one that came meanwhile must not stop a second time.
+    raise(signal_number);
+    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+    pthread_sigmask(SIG_BLOCK, &only, nullptr);
+}
+
+// Whoever else wants the terminal waits until the process has ended, or has stopped and goes on.
+void attend_signal(int signal_number)
+{
+    const sigset_t before = lock_terminal();
+    if (signal_number != SIGCONT) {
+        give_terminal_back();
+        act_by_default(signal_number);
+    }
+    if (terminal_wanted) take_terminal(unread_input::keep);
+    unlock_terminal(before);
+}
+
+// The thread that takes these signals one by one. It does nothing else: one that reads files may be
+// held up by a disk, and a signal with it.
+void *signal_thread(void *)
+{
+    while (true) {
+        int signal_number = 0;
+        if (sigwait(&awaited_signals, &signal_number) == 0) attend_signal(signal_number);
+    }
+}
+
+// --- Names --------------------------------------------------------------------------------------
+
+// The C0 control characters and DEL. In UTF-8 none of them is part of another character.
+bool is_control(char byte)
+{
+    return static_cast<unsigned char>(byte) < ' ' || byte == '\x7F';
 }
 
 // --- Banner -------------------------------------------------------------------------------------
@@ -136,36 +207,56 @@ void fatal_exit(int32_t status)
 
 void terminal_raw()
 {
-    if (load_acquire(terminal_is_raw) != 0) return;
-    ioctl(STDIN_FILENO, TCGETA, &terminal_saved);
-    // The flag comes first: a signal's handler that ends the process here still puts all back.
-    store_release(terminal_is_raw, flag_on);
-    set_raw_mode();
+    const sigset_t before = lock_terminal();
+    if (terminal_is_raw == 0) take_terminal(unread_input::drop);
+    terminal_wanted = true;
+    unlock_terminal(before);
 }
 
 void terminal_restore()
 {
-    if (terminal_is_raw.exchange(flag_off) != 0) ioctl(STDIN_FILENO, TCSETAF, &terminal_saved);
+    const sigset_t before = lock_terminal();
+    give_terminal_back();
+    terminal_wanted = false;
+    unlock_terminal(before);
 }
 
 void hold_standard_descriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(descriptor, F_GETFD) < 0) [[maybe_unused]]
-            const int held = open("/dev/null", O_RDWR); // the lowest free one
+        if (fcntl(descriptor, F_GETFD) >= 0) continue;
+        [[maybe_unused]] const int held = open("/dev/null", O_RDWR); // the lowest free one
     }
 }
 
 void install_terminal_signals()
 {
-    for (const int signal_number : {SIGTERM, SIGHUP, SIGQUIT}) {
-        const auto before = std::signal(signal_number, restore_and_die);
-        if (before == SIG_IGN) std::signal(signal_number, SIG_IGN); // as nohup wants it
-    }
-    std::signal(SIGTSTP, restore_and_stop);
-    std::signal(SIGCONT, take_terminal_back);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTTIN, SIG_IGN); // in the background a key of the shell's must not stop the sound
+
+    sigemptyset(&awaited_signals);
+    for (const int signal_number : terminal_signals) {
+        struct sigaction inherited;
+        sigaction(signal_number, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN) sigaddset(&awaited_signals, signal_number);
+    }
+    pthread_sigmask(SIG_BLOCK, &awaited_signals, nullptr);
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, signal_thread, nullptr) == 0)
+        pthread_detach(thread);
+    else
+        pthread_sigmask(SIG_UNBLOCK, &awaited_signals, nullptr);
+}
+
+const char *printable(const char *text)
+{
+    static char *shown;
+    std::free(shown);
+    shown = strdup(text);
+    if (shown == nullptr) return "?";
+    for (char *byte = shown; *byte != '\0'; ++byte)
+        if (is_control(*byte)) *byte = '?';
+    return shown;
 }
 
 void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path)
@@ -178,10 +269,11 @@ void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char
         std::printf("%" PRId64 ":%02" PRId64 ":%02" PRId64 " ", time.hours, time.minutes,
                     time.seconds);
 
-    const char *slash = std::strrchr(path, '/');
+    const char *name = printable(path);
+    const char *slash = std::strrchr(name, '/');
     if (slash != nullptr) std::printf("\"%s\" ", slash + 1);
-    if (std::strlen(path) > longest_banner_path) std::putchar('\n');
-    std::printf("\"%s\"\n", path);
+    if (std::strlen(name) > longest_banner_path) std::putchar('\n');
+    std::printf("\"%s\"\n", name);
     std::fflush(stdout);
 }
 

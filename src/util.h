@@ -29,25 +29,33 @@ template <typename T, typename V> inline void store_release(std::atomic<T> &word
 // the first caller leaves, a second one waits for the process to end.
 [[noreturn]] void fatal_exit(int32_t status);
 
-// Takes standard input out of canonical mode (echo and signals stay); once, until restored. Main
-// thread.
+// Takes standard input out of canonical mode (echo and signals stay), dropping input not yet read;
+// once, until restored. In the background it waits for the terminal until SIGCONT finds the process
+// in the foreground. Main thread.
 void terminal_raw();
 
-// Puts back what terminal_raw found; nothing without it. Only one ioctl, so a signal handler may
-// call it too. Any thread.
+// Puts back what terminal_raw found, and then forgets it: a second call does no harm. Nothing
+// without it, nor in the background. A signal handler may call it too. Any thread.
 void terminal_restore();
 
 // Opens /dev/null on each of descriptors 0, 1 and 2 that the parent left closed, so that no sound
 // file or device comes to stand there. Main thread, first of all.
 void hold_standard_descriptors();
 
-// What ends or stops the process from outside leaves the terminal as it was: SIGTERM, SIGHUP and
-// SIGQUIT put it back and then act by default, SIGTSTP gives it up until SIGCONT. A reader of
-// standard output that left does not end the sound. Main thread, once.
+// What ends or stops the process from outside leaves the terminal as it was: a thread of its own
+// waits for SIGTERM, SIGHUP, SIGQUIT and SIGTSTP, puts the terminal back and lets them act by
+// default; after a stop, one that did not come, and SIGCONT it is taken again. A signal that comes
+// ignored stays so. Without that thread they act by default alone. A reader of standard output that
+// left does not end the sound. Main thread, once, while it is the only one: all later threads must
+// keep these signals blocked.
 void install_terminal_signals();
 
+// A text from outside as it may be shown: each control byte, which could steer the terminal or
+// forge a line, is a '?'; UTF-8 stays. Valid until the next call. Main thread.
+const char *printable(const char *text);
+
 // Prints the banner of a file on standard output: its number from 1, the count of files, its total
-// time in seconds, its path. Main thread.
+// time in seconds, its path, printable. Main thread.
 void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path);
 
 // Prints the status line on standard output: position in seconds, ring fill in per cent, and a

@@ -11,7 +11,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -465,18 +468,25 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
     return fails ? device.fault->avail_code : real(pcm);
 }
 
-// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. CAPTURE_INTERRUPT "A": a SIGINT
-// comes while A is opened.
+// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
+// comes while it is opened. With "stall" it never ends, as on a lost network mount: the parent of a
+// clone, too, sleeps where no handler of a signal can run.
 FILE *fopen64(const char *path, const char *mode)
 {
     static auto *real =
         reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
-    if (setting_has("CAPTURE_INTERRUPT", path)) raise(SIGINT);
     const auto swap = words_of(setting("CAPTURE_SWAP", ""));
-    if (swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1])
-        path = swap[2].c_str();
-    return real(path, mode);
+    const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
+    if (due && swap[2] == "interrupt") raise(SIGINT);
+    // Not by vfork(): the thread sanitizer makes a fork of it.
+    if (due && swap[2] == "stall" &&
+        syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // before anybody learns that there is a player to end
+        log_line("stall\n");
+        while (true) pause();
+    }
+    return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
 }
 
 int nice(int increment) noexcept

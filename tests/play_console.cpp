@@ -214,6 +214,16 @@ bool same_but_not_canonical(termios a, const termios &b)
     return same_mode(a, b);
 }
 
+bool is_raw(const termios &mode)
+{
+    return (mode.c_lflag & ICANON) == 0;
+}
+
+bool is_canonical(const termios &mode)
+{
+    return !is_raw(mode);
+}
+
 struct ending_row {
     const char *name;
     std::vector<play_event> events;
@@ -290,7 +300,16 @@ const std::vector<ending_row> endings = {
      .status = 799 & 255,
      .shape = "F+BS+W",
      .err = report_text("sonivane", 799, "Interrupt stack. Abort\n")},
+    {.name = "stop_that_no_shell_could_continue",
+     .events = {then_type("\x1a"), {.mode_is = is_raw, .after_ms = 100, .type = key_3}},
+     .status = 0,
+     .shape = "F+BS+\\?\\?S*\\?\\?S*WWN", // ^Z and ^C
+     .plays_out = true},
     {.name = "terminate", .events = {then_send(SIGTERM)}, .status = -SIGTERM, .shape = "F+BS+"},
+    {.name = "terminate_at_a_held_terminal", // by Ctrl-S, with main inside a write to it
+     .events = {then_type("\x13"), {.after_ms = 600, .signal = SIGTERM}},
+     .status = -SIGTERM,
+     .shape = "F+BS+"},
     {.name = "hang_up", .events = {then_send(SIGHUP)}, .status = -SIGHUP, .shape = "F+BS+"},
     {.name = "quit", .events = {then_send(SIGQUIT)}, .status = -SIGQUIT, .shape = "F+BS+"},
 };
@@ -330,6 +349,75 @@ TEST_P(play_console_ending, leaves_the_terminal_as_it_was)
     }
 }
 INSTANTIATE_TEST_SUITE_P(all, play_console_ending, testing::ValuesIn(endings),
+                         testing::PrintToStringParamName());
+
+// A file that the feeder comes to while the ring is filled cannot be opened, nor fail to be.
+TEST(play_console, a_read_that_stalls_does_not_hold_up_the_end)
+{
+    const auto result =
+        run_player({.arguments = {wave_of_seconds("a.wav", 1), wave_of_seconds("b.wav", 1)},
+                    .capture = {{"SWAP", scratch_directory() + "/b.wav 2 stall"}},
+                    .events = {{.log_has = "stall", .mode_is = is_raw, .signal = SIGTERM}},
+                    .input = wire::terminal,
+                    .stand_ins = true,
+                    .timeout_seconds = 20});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, -SIGTERM);
+    EXPECT_TRUE(same_mode(result.before, result.after));
+}
+
+// --- Jobs of a shell ----------------------------------------------------------------------------
+
+struct job_row {
+    const char *name;
+    std::vector<play_event> events; // for an interactive shell
+};
+
+constexpr size_t device_second = 44100 * 8; // bytes
+const std::vector<job_row> jobs = {
+    {"in_the_background_it_plays_and_leaves_the_terminal_alone",
+     {{.type = "\"$@\" & echo $((40 + 2))\n", .allow = 100000},
+      {.out_has = "42\n", .captured = 2 * device_second, .mode_is = is_canonical, .allow = 140000},
+      {.captured = 3 * device_second,
+       .mode_is = is_canonical,
+       .type = "kill -STOP %1; until [ \"$(jobs -s)\" ]; do :; done; fg\n"},
+      {.mode_is = is_raw, .type = "\x1a"},
+      {.err_has = "Stopped", .mode_is = is_canonical, .type = "fg\n"},
+      {.mode_is = is_raw, .signal = SIGSTOP},
+      {.mode_is = is_canonical, .type = "bg\n", .allow = 190000},
+      {.captured = 4 * device_second, .mode_is = is_canonical, .allow = 10000000},
+      {.type = "wait %1; exit $?\n"}}},
+    {"an_ignored_stop_stays_ignored",
+     {{.type = "(trap '' TSTP; exec \"$@\"); exit $?\n", .allow = 100000},
+      {.captured = 2 * device_second, .mode_is = is_raw, .type = "\x1a"},
+      {.out_has = "^Z", .mode_is = is_raw, .after_ms = 100, .allow = 140000},
+      {.captured = 3 * device_second, .mode_is = is_raw, .allow = 10000000}}},
+};
+
+void PrintTo(const job_row &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
+class play_console_job : public testing::TestWithParam<job_row>
+{
+};
+
+TEST_P(play_console_job, shares_the_terminal_with_its_shell)
+{
+    const auto result = run_player({.arguments = {wave_of_seconds("a.wav", 4)},
+                                    .events = GetParam().events,
+                                    .input = wire::terminal,
+                                    .output = wire::terminal,
+                                    .gated = true,
+                                    .in_shell = true,
+                                    .timeout_seconds = 30});
+    EXPECT_EQ(result.trouble, "") << result.err;
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.capture.size() / device_second, 5U); // one of silence
+    EXPECT_TRUE(same_mode(result.before, result.after));
+}
+INSTANTIATE_TEST_SUITE_P(all, play_console_job, testing::ValuesIn(jobs),
                          testing::PrintToStringParamName());
 
 // Before the ring exists the terminal is left alone.

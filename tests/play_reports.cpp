@@ -140,6 +140,36 @@ TEST_P(play_report, is_told_and_ends_as_told)
 INSTANTIATE_TEST_SUITE_P(all, play_report, testing::ValuesIn(read_rows()),
                          testing::PrintToStringParamName());
 
+// Names and values that would steer the terminal or forge a line.
+TEST(play_reports, show_no_control_byte_of_a_name)
+{
+    make_files();
+    const std::string name = "\x1b[2J\x7f\xc3\xa9\r\n";
+    scratch_file(name, noise(3, 200));
+    scratch_file("\x1b.wav", wave_file(short_sound()));
+    const std::string skip = "file format of ?[2J?\xc3\xa9?? unknown. Skip\n";
+    const struct {
+        std::vector<std::string> arguments;
+        std::string swap, err;
+    } rows[] = {
+        {{"--mode=" + name}, "", "@parse_param 54 illegal mode name ?[2J?\xc3\xa9?? passed.\n"},
+        {{"-B", name}, "", "@parse_param 183 illegal buffer size ?[2J?\xc3\xa9?? passed.\n"},
+        {{name, "no" + name},
+         "",
+         "No such file or directory\n@dir2files 136 cannot stat no?[2J?\xc3\xa9??\n" + skip +
+             "@sonivane 1009 No sound files are found.\n"},
+        {{"\x1b.wav"}, "\x1b.wav 2 gone.wav", "@sonivane 725 file ?.wav open error.\n"},
+        {{"\x1b.wav"},
+         "\x1b.wav 2 text.txt",
+         "file format of ?.wav unknown. Skip\n@sonivane 1012 soundfile ?.wav open failed.\n"},
+    };
+    for (const auto &[arguments, swap, err] : rows) {
+        const auto result =
+            run_player({.arguments = arguments, .capture = {{"SWAP", swap}}, .stand_ins = true});
+        EXPECT_EQ(result.err, text_of(err));
+    }
+}
+
 // --- What needs an event, a large ring, or root -------------------------------------------------
 
 TEST(play_reports, an_interrupt_while_the_ring_is_filled)

@@ -110,6 +110,7 @@ void set_environment(const run_state &state, const play_settings &settings)
     set("CAPTURE_FILE", state.directory + "/capture");
     if (settings.gated) set("CAPTURE_GATE", state.directory + "/gate");
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
+    set("HISTFILE", ""); // of a shell
     if (settings.stand_ins) set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
     // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
     add_option("ASAN_OPTIONS", "verify_asan_link_order=0");
@@ -142,6 +143,7 @@ void take_streams(const run_state &state)
         setrlimit(RLIMIT_AS, &limit);
     }
     std::vector<std::string> words = {PLAYER_PATH};
+    if (settings.in_shell) words = {"bash", "--norc", "--noediting", "-is", PLAYER_PATH};
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
     words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
     std::vector<char *> argv;
@@ -149,7 +151,7 @@ void take_streams(const run_state &state)
     for (std::string &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     take_streams(state);
-    execv(PLAYER_PATH, argv.data());
+    execvp(argv[0], argv.data());
     _exit(255);
 }
 
@@ -216,7 +218,7 @@ void clog(const run_state &state)
     close(fd);
 }
 
-void let_happen(const play_event &event, run_state &state, play_result &result)
+void let_happen(const play_event &event, bool in_shell, run_state &state, play_result &result)
 {
     termios mode{};
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
@@ -226,7 +228,8 @@ void let_happen(const play_event &event, run_state &state, play_result &result)
     if (!event.type.empty() && write(state.near[0], event.type.data(), event.type.size()) !=
                                    static_cast<ssize_t>(event.type.size()))
         result.trouble += "keys were not taken\n";
-    if (event.signal != 0) kill(state.process, event.signal);
+    const pid_t job = in_shell ? -tcgetpgrp(state.terminal) : state.process;
+    if (event.signal != 0) kill(job, event.signal);
     if (event.call) event.call();
     state.clogged = event.clogs;
     if (event.clogs) clog(state);
@@ -244,7 +247,7 @@ int watch_player(run_state &state, const play_settings &settings, play_result &r
     while (waitpid(state.process, &exit, WNOHANG) == 0) {
         read_streams(state, result, 1);
         if (event != settings.events.end() && is_due(*event, state, result, last_event)) {
-            let_happen(*event++, state, result);
+            let_happen(*event++, settings.in_shell, state, result);
             last_event = clock_type::now();
         }
         if (killed || clock_type::now() - start < std::chrono::seconds(settings.timeout_seconds))

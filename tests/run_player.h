@@ -26,7 +26,7 @@ struct play_event {
     std::function<bool(const termios &)> mode_is = {}; // the terminal's mode passes
     int after_ms = 0;                                  // milliseconds since the event before
     std::string type = {};                             // bytes to send to standard input
-    int signal = 0;                                    // signal to send
+    int signal = 0;                  // signal to send, to the foreground of a shell
     int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
     bool clogs = false;    // standard output, a pipe, is full and unread until the next event
@@ -46,6 +46,7 @@ struct play_settings {
     std::string directory = {}; // the player's current one; empty: scratch_directory()
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
     tcflag_t terminal_mode = 0; // bits of c_lflag to clear in the terminal beforehand
+    bool in_shell = false;      // an interactive one: "$@" typed into it starts the player
     int timeout_seconds = 120;  // a player that runs longer is killed, and that is trouble
 };
 

@@ -37,6 +37,9 @@ TEST(Console, ABannerAndAStatusLineTellTheirNumbers)
         {3600, "%s/", "1:00:00 \"\" \"%s/\"\n"},
         {360061, forty, "100:01:01 \"" + forty + "\"\n"},
         {1, "a" + forty, "0:01 \n\"a" + forty + "\"\n"},
+        {1, "m/\x1b[2J\r\n\x1f\x7f \xc3\xa9\xff",
+         "0:01 \"?[2J???? \xc3\xa9\xff\" "
+         "\"m/?[2J???? \xc3\xa9\xff\"\n"},
         {1, "a/" + forty, "0:01 \"" + forty + "\" \n\"a/" + forty + "\"\n"},
     };
     for (const auto &[seconds, path, expected] : banners) {
@@ -154,54 +157,79 @@ TEST_F(TerminalDeathTest, EachOfSeveralKeysIsSeen)
 
 bool comes_true(const std::function<bool()> &condition)
 {
-    for (int i = 0; i < 500 && !condition(); ++i) usleep(10000);
-    return condition();
+    for (int i = 0; i < 500; ++i, usleep(10000))
+        if (condition()) return true;
+    return false;
 }
 
-// Runs in a process of its own: a shell with a job on the terminal, which is put on standard input
-// with its settings from before. Ends with 0 when all held.
-[[noreturn]] void run_shell(const std::string &before)
+TEST_F(TerminalDeathTest, KeepsItsKeysWhenContinuedOrUnderAnIgnoredSignal)
 {
-    std::signal(SIGTTOU, SIG_IGN);
-    setsid();
-    ioctl(STDIN_FILENO, TIOCSCTTY, 0);
-    const pid_t job = fork();
-    if (job == 0) {
-        std::signal(SIGTTOU, SIG_DFL);
-        comes_true([] { return tcgetpgrp(STDIN_FILENO) == getpid(); });
+    const auto keep_keys = [&] {
         std::signal(SIGHUP, SIG_IGN); // as nohup has it
         install_terminal_signals();
         terminal_raw();
-        while (true) pause();
-    }
-    setpgid(job, job);
-    tcsetpgrp(STDIN_FILENO, job);
-    int status = 0;
-    bool held = true;
-    const auto is_raw = [&] { return settings_of(STDIN_FILENO) != before; };
-    for (const bool in_background : {false, true}) { // the handler must be in place again
-        held = held && comes_true(is_raw);
-        kill(job, SIGTSTP);
-        held = held && waitpid(job, &status, WUNTRACED) == job && WIFSTOPPED(status);
-        held = held && !is_raw();
-        if (in_background) { // the terminal is the shell's
-            tcsetpgrp(STDIN_FILENO, getpgrp());
-            kill(job, SIGCONT);
-            usleep(50000);
-            held = held && !is_raw() && waitpid(job, &status, WUNTRACED | WNOHANG) == 0;
-            tcsetpgrp(STDIN_FILENO, job);
-        }
-        kill(job, SIGCONT); // as a shell's fg does
-    }
-    held = held && comes_true(is_raw);
-    kill(job, SIGHUP);
-    usleep(20000);
-    kill(job, SIGQUIT);
-    held = held && waitpid(job, &status, 0) == job && WTERMSIG(status) == SIGQUIT && !is_raw();
-    _exit(held ? 0 : 1);
+        pollfd input = {STDIN_FILENO, POLLIN, 0};
+        const bool typed = write(keyboard, "q", 1) == 1 && poll(&input, 1, 5000) == 1;
+        change_local_flags(ICANON, 0); // by a shell, while the player is stopped
+        kill(getpid(), SIGHUP);
+        kill(getpid(), SIGCONT);
+        const bool taken = comes_true([&] { return settings_of(STDIN_FILENO) != before; });
+        usleep(50000);
+        _exit(typed && taken && poll(&input, 1, 0) == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(keep_keys(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(TerminalDeathTest, AShellStopsContinuesAndEndsIt)
+// A job that takes the terminal and gives it back all the time, beside a second thread that a
+// signal may choose. A shell that ignores signals hands that on.
+[[noreturn]] void run_job()
+{
+    for (const int signal_number : {SIGTTOU, SIGTERM, SIGHUP, SIGTSTP, SIGCONT})
+        std::signal(signal_number, SIG_DFL);
+    comes_true([] { return tcgetpgrp(STDIN_FILENO) == getpid(); });
+    install_terminal_signals();
+    std::thread([] {
+        while (true) pause();
+    }).detach();
+    while (true) {
+        terminal_raw();
+        usleep(100);
+        terminal_restore();
+    }
+}
+
+// The shell that starts a job, stops it, and ends it while it is stopped. True when the terminal,
+// on standard input, was left as before each time.
+bool leaves_the_terminal(const std::string &before, int last_signal)
+{
+    const auto is_raw = [&] { return settings_of(STDIN_FILENO) != before; };
+    const pid_t job = fork();
+    if (job == 0) run_job();
+    setpgid(job, job);
+    tcsetpgrp(STDIN_FILENO, job);
+    if (!comes_true(is_raw)) return false;
+    int status = 0;
+    kill(job, SIGTSTP);
+    if (waitpid(job, &status, WUNTRACED) != job || !WIFSTOPPED(status) || is_raw()) return false;
+    kill(job, last_signal);
+    kill(job, SIGCONT);
+    return waitpid(job, &status, 0) == job && WTERMSIG(status) == last_signal && !is_raw();
+}
+
+// Runs in a process of its own. Exits with the number of the first job that did not leave the
+// terminal alone, or with 0.
+[[noreturn]] void run_shell(const std::string &before)
+{
+    std::signal(SIGTTOU, SIG_IGN);
+    alarm(60); // a job that neither stops nor ends must not hang the test
+    setsid();
+    ioctl(STDIN_FILENO, TIOCSCTTY, 0);
+    for (int i = 1; i <= 100; ++i)
+        if (!leaves_the_terminal(before, i % 2 == 0 ? SIGTERM : SIGHUP)) _exit(i);
+    _exit(0);
+}
+
+TEST_F(TerminalDeathTest, IsNeverLeftRawByAJobThatIsStoppedAndEnded)
 {
     EXPECT_EXIT(run_shell(before), testing::ExitedWithCode(0), "");
 }
