@@ -117,9 +117,7 @@ TEST(documents, tell_one_version)
 {
     const words version = find_all(text_of("CMakeLists.txt"), "sonivane VERSION ([^ ]+)");
     ASSERT_EQ(version.size(), 1U);
-    EXPECT_EQ(find_all(text_of("src/parse_param.cpp"), R"(Ver\.([0-9.]+))"), version);
-    const std::string debian = text_of("docs/changelog.Debian");
-    EXPECT_TRUE(debian.starts_with("sonivane (" + *version.begin() + "-"));
+    EXPECT_TRUE(text_of("debian/changelog").starts_with("sonivane (" + *version.begin() + ") "));
     EXPECT_TRUE(find_all(text_of("CHANGELOG.md"), "^## ([0-9.]+)").contains(*version.begin()));
 }
 
