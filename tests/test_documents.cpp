@@ -5,11 +5,13 @@
 #include <regex.h>
 
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -73,6 +75,22 @@ TEST(documents, tell_the_options_of_the_parser)
     words offered = find_all(fish, "^complete -c sonivane -[so] '?([^ ']+)", "-");
     offered.merge(find_all(fish, "^complete -c sonivane -l ([^ ]+)", "--"));
     EXPECT_EQ(offered, options);
+}
+
+// Behind a name the player takes none.
+TEST(documents, offer_options_in_front_of_names_only)
+{
+    const std::string complete =
+        "bash -c 'complete() { :; }; . \"$0\"; line=($1)\n"
+        "_init_completion() { words=(${line[*]}) cur=${line[-1]} cword=$((${#line[*]} - 1)); }\n"
+        "_sonivane; test ${#COMPREPLY[*]} -gt 2' '" +
+        (tree / "docs/completions/sonivane.bash").string() + "' ";
+    for (const auto &[line, offers] :
+         {std::pair("'sonivane --s'", true), std::pair("'sonivane -D x -B 4M --s'", true),
+          std::pair("'sonivane --skip a.wav -os --s'", true),
+          std::pair("'sonivane a.wav --s'", false), std::pair("'sonivane -os -D x b --s'", false)})
+        EXPECT_EQ(std::system((complete + line).c_str()) == 0, offers)
+            << line; // NOLINT(cert-env33-c)
 }
 
 // A mode as it stands in the completions of zsh and fish and in the manual page.
