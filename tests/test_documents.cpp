@@ -19,7 +19,7 @@ namespace
 namespace fs = std::filesystem;
 using words = std::set<std::string>;
 
-const fs::path tree = fs::path(__FILE__).parent_path().parent_path();
+const fs::path tree = SOURCE_TREE;
 
 // Empty when there is none, which fits nothing here.
 std::string text_of(const fs::path &name)
