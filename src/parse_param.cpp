@@ -58,7 +58,7 @@ int64_t factor_of(char letter)
 
 [[noreturn]] void show_version(const char *)
 {
-    std::printf("sonivane Ver.1.4 %s\n", version_text);
+    std::printf("sonivane Ver." SONIVANE_VERSION " %s\n", version_text);
     std::exit(EXIT_SUCCESS);
 }
 

@@ -39,7 +39,7 @@ struct demo_file {
 // In the order in which the player sorts them. The DSD lengths fill whole groups of bytes.
 constexpr demo_file demo_files[] = {
     {"1-tone-44100-16.wav", file_kind::wav, 44100, 16, 3, 440, 660, 1},
-    {"2-tone-96000-24.wav", file_kind::wav, 96000, 24, 2, 1000, 1500, 1},
+    {"2-tone-44100-24.wav", file_kind::wav, 44100, 24, 2, 1000, 1500, 1},
     {"3-sweep-44100-24-rf64.wav", file_kind::rf64, 44100, 24, 3, 40, 60, 300},
     {"1-tone.dff", file_kind::dsdiff, 2822400, 1, 2, 440, 660, 1},
     {"2-tone.dsf", file_kind::dsf, 2822400, 1, 2, 550, 825, 1},

@@ -8,6 +8,20 @@ _sonivane_devices()
         "${SONIVANE_CARDS:-/proc/asound/cards}" 2>/dev/null
 }
 
+# Whether a name stands in front of the word that is being completed: no option may follow it.
+_sonivane_has_name()
+{
+    local i
+    for ((i = 1; i < cword; ++i)); do
+        case ${words[i]} in
+        -D | -B | --skip) ((++i)) ;;
+        -*) ;;
+        *) return 0 ;;
+        esac
+    done
+    return 1
+}
+
 _sonivane()
 {
     local cur prev words cword split
@@ -35,6 +49,7 @@ _sonivane()
     esac
 
     if [[ $cur == -* ]]; then
+        _sonivane_has_name && return
         mapfile -t COMPREPLY < <(compgen -W '-os -D -B --skip --version --help --mode= --silent
             --short-filter --left-cut --right-cut -?' -- "$cur")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace

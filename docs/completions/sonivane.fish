@@ -12,16 +12,30 @@ function __sonivane_files
     complete -C "'' "(commandline -ct) | string match -ri '.*(?:/|\.(?:wav|rf64|dsf|dff|wsd))(?:\t.*)?$'
 end
 
+# True until a name stands in front of the word that is being completed: no option may follow it.
+function __sonivane_no_name
+    set -l value no
+    for word in (commandline -opc)[2..]
+        if test $value = yes
+            set value no
+        else if contains -- $word -D -B --skip
+            set value yes
+        else if not string match -q -- '-*' $word
+            return 1
+        end
+    end
+end
+
 complete -c sonivane -f -a '(__sonivane_files)'
-complete -c sonivane -s D -x -a '(__sonivane_devices)' -d 'Play to this ALSA device'
-complete -c sonivane -s B -x -a '2M 4M 16M 64M' -d 'Size of the ring in bytes'
-complete -c sonivane -o os -d 'Oversample PCM to 352800 Hz'
-complete -c sonivane -l short-filter -d 'Use the short filters of -os'
-complete -c sonivane -l silent -d 'One plain line a second, for front-ends'
-complete -c sonivane -l left-cut -d 'Keep the left channel silent'
-complete -c sonivane -l right-cut -d 'Keep the right channel silent'
-complete -c sonivane -l mode -x -a '1\tDoP 2\tBi-Naural' -d 'Label at the end of the status line'
-complete -c sonivane -l skip -x -d 'Take a value and ignore it'
-complete -c sonivane -l version -d 'Print the version'
-complete -c sonivane -l help -d 'Print the usage text'
-complete -c sonivane -s '?' -d 'Print the usage text'
+complete -c sonivane -s D -x -a '(__sonivane_devices)' -n __sonivane_no_name -d 'Play to this ALSA device'
+complete -c sonivane -s B -x -a '2M 4M 16M 64M' -n __sonivane_no_name -d 'Size of the ring in bytes'
+complete -c sonivane -o os -n __sonivane_no_name -d 'Oversample PCM to 352800 Hz'
+complete -c sonivane -l short-filter -n __sonivane_no_name -d 'Use the short filters of -os'
+complete -c sonivane -l silent -n __sonivane_no_name -d 'One plain line a second, for front-ends'
+complete -c sonivane -l left-cut -n __sonivane_no_name -d 'Keep the left channel silent'
+complete -c sonivane -l right-cut -n __sonivane_no_name -d 'Keep the right channel silent'
+complete -c sonivane -l mode -x -a '1\tDoP 2\tBi-Naural' -n __sonivane_no_name -d 'Label at the end of the status line'
+complete -c sonivane -l skip -x -n __sonivane_no_name -d 'Take a value and ignore it'
+complete -c sonivane -l version -n __sonivane_no_name -d 'Print the version'
+complete -c sonivane -l help -n __sonivane_no_name -d 'Print the usage text'
+complete -c sonivane -s '?' -n __sonivane_no_name -d 'Print the usage text'
