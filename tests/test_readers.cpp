@@ -11,8 +11,8 @@
 #include "dsdiff.h"
 #include "dsf.h"
 #include "make_files.h"
-#include "sonivane.h"
 #include "readwrite.h"
+#include "sonivane.h"
 
 namespace
 {
