@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -334,4 +335,10 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
         }
     }
     return list;
+}
+
+int soak_size(int usual)
+{
+    const char *wanted = std::getenv("SONIVANE_SOAK");
+    return wanted != nullptr ? std::stoi(wanted) : usual;
 }

@@ -119,3 +119,6 @@ struct mixed_list {
 // most_frames frames of the device each.
 mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, uint32_t seed,
                            cuts cut = {});
+
+// The size of a test that may go on for as long as one likes: SONIVANE_SOAK, if it is given.
+int soak_size(int usual);

@@ -27,6 +27,7 @@ struct list_row {
 
 TEST(play_streams, every_form_gets_every_kind)
 {
+    const auto files = static_cast<size_t>(soak_size(300));
     size_t runs = 0;
     for (const list_row &row : std::initializer_list<list_row>{
              {"1", "1536K", "once", "", 5, 2000},
@@ -35,6 +36,7 @@ TEST(play_streams, every_form_gets_every_kind)
              {"random 300 1", "2M", "once", "", 40, 3000},
              {"", "1572865", "once", "", 5, 300000},
              {"", "1600003", "300", "480000-480000", 5, 300000},
+             {"random 1000 1", "1536K", "50", "480000-480000", files, 1000},
          }) {
         std::vector<stream_form> forms(pcm_forms.begin(), pcm_forms.end());
         forms.insert(forms.end(), dsd_forms.begin(), dsd_forms.end());

@@ -1,5 +1,5 @@
 // Runs the built player as a process of its own against the capture device, and tells all that came
-// of it: for the end-to-end tests and for the soak.
+// of it.
 #pragma once
 
 #include <sys/types.h>
