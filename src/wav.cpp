@@ -156,6 +156,7 @@ int32_t wav_open(soundfile *file)
     const uint64_t size = rf64 ? sizes.data_bytes : data_size;
     if (played_bytes(wave, size) > INT64_MAX) return -1; // no file is that long
     rewrite_to_stereo(file, size);
+    file->rf64 = rf64 ? flag_on : flag_off;
     return 0;
 }
 
