@@ -373,6 +373,8 @@ bool sound_open(stream_form *form)
 
 // --- The writer pump ----------------------------------------------------------------------------
 
+constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
+
 // How a device shows that it plays no more.
 struct device_stop {
     snd_pcm_state_t state;
@@ -383,7 +385,7 @@ constexpr std::array<device_stop, 4> device_stops = {{
     {SND_PCM_STATE_XRUN, -EPIPE, {stop_reason::underrun, nullptr, 0}},
     {SND_PCM_STATE_SUSPENDED, -ESTRPIPE, {stop_reason::suspended, nullptr, 0}},
     {SND_PCM_STATE_DISCONNECTED, -ENODEV, {stop_reason::disconnected, nullptr, 0}},
-    {SND_PCM_STATE_DRAINING, 0, {stop_reason::refused, nullptr, 0}},
+    {SND_PCM_STATE_DRAINING, 0, refused},
 }};
 
 // Null for a state that goes on.
@@ -419,7 +421,6 @@ enum class pump_step {
 // device's room in frames, above nearly_full_frames.
 pump_step write_silence(snd_pcm_sframes_t avail)
 {
-    static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
     const bool odd = silence_written % 2 != 0;
     const snd_pcm_sframes_t pairs = (avail - 1) & ~snd_pcm_sframes_t{1};
     const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, snd_pcm_sframes_t{silence_frames});

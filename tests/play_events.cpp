@@ -1,0 +1,364 @@
+// What a front-end hears on a descriptor of its own: whole runs, every reason of an end, readers
+// that do not read, and a sound that none of it changes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "play_model.h"
+
+namespace
+{
+
+const std::string key_3 = "\x03";
+constexpr size_t most = SIZE_MAX; // lines
+
+// The lines of what was told; the line ends that fill an unread pipe make none.
+std::vector<std::string> lines_of(const std::string &told)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(told);
+    for (std::string line; std::getline(stream, line);)
+        if (!line.empty()) lines.push_back(line);
+    return lines;
+}
+
+// Those of the events of a kind, or without them; the first ones.
+std::string pick(const play_result &result, const std::string &kinds, bool with, size_t count)
+{
+    std::string picked;
+    for (const std::string &line : lines_of(result.told)) {
+        const std::string kind = line.substr(0, line.find_first_of(",}"));
+        if ((kinds.find(kind.substr(std::min(kind.find(':'), kind.size() - 1) + 1)) !=
+             std::string::npos) != with)
+            continue;
+        if (count-- == 0) break;
+        picked += line + "\n";
+    }
+    return picked;
+}
+
+// --- A whole run --------------------------------------------------------------------------------
+
+// A list of every kind on a device that plays at once: files that share a write, one without a
+// frame, names that do not play.
+TEST(play_events, of_a_list_of_every_kind)
+{
+    const std::string list = scratch_directory() + "/kinds";
+    std::filesystem::create_directories(list + "/inside");
+    const auto pcm = [](int rate, size_t frames, size_t channels) {
+        return random_pcm({3, false}, channels, rate, frames, 1);
+    };
+    const auto dsd = random_dsd(3528, 1, 2822400);
+    scratch_file("kinds/1.wav", wave_file(pcm(44100, 30000, 6)));
+    scratch_file("kinds/2.wav", wave_file(pcm(44100, 0, 2)));
+    scratch_file("kinds/3.txt", noise(1, 100));
+    scratch_file("kinds/4\n\xFF.rf64", wave_file(pcm(48000, 7, 1), wave_kind::rf64));
+    for (size_t i = 0; i < containers.size(); ++i)
+        scratch_file("kinds/" + std::to_string(5 + i), containers[i].make(dsd));
+
+    const auto result = run_player({.arguments = {"kinds", "missing"}, .voice = wire::pipe});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(pick(result, "\"probing\"\"filling\"\"position\"\"draining\"", false, most),
+              R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
+{"event":"left_out","path":"missing","reason":"cannot stat"}
+{"event":"file","index":0,"path":"kinds/1.wav","kind":"wav","rate":44100,"bits":24,"channels":6,"seconds":0.680272}
+{"event":"file","index":1,"path":"kinds/2.wav","kind":"wav","rate":44100,"bits":24,"channels":2,"seconds":0}
+{"event":"left_out","path":"kinds/3.txt","reason":"unknown format"}
+{"event":"file","index":2,"path":"kinds/4\u000a\udcff.rf64","kind":"rf64","rate":48000,"bits":24,"channels":1,"seconds":0.000145}
+{"event":"file","index":3,"path":"kinds/5","kind":"dsf","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
+{"event":"file","index":4,"path":"kinds/6","kind":"dsdiff","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
+{"event":"file","index":5,"path":"kinds/7","kind":"wsd","rate":2822400,"bits":1,"channels":3,"seconds":0.01}
+{"event":"opening","attempt":1}
+{"event":"stream","device":"capture","form":"pcm","format":10,"format_name":"S32_LE","rate":44100,"device_ms":500,"ring_ms":4458}
+{"event":"opening","attempt":1}
+{"event":"playing","index":0,"other_rate":false}
+{"event":"playing","index":2,"other_rate":true}
+{"event":"playing","index":3,"other_rate":true}
+{"event":"playing","index":4,"other_rate":true}
+{"event":"playing","index":5,"other_rate":true}
+{"event":"end","reason":"played","status":0}
+)");
+    EXPECT_EQ(pick(result, "\"probing\"", true, 1),
+              "{\"event\":\"probing\",\"index\":0,\"of\":7}\n");
+    EXPECT_EQ(pick(result, "\"filling\"", true, 1), "{\"event\":\"filling\",\"percent\":0}\n");
+    EXPECT_EQ(lines_of(pick(result, "\"draining\"", true, most)).size(), 1U);
+}
+
+TEST(play_events, of_each_form_of_the_stream)
+{
+    const std::string file =
+        scratch_file("a.dsf", containers[0].make(random_dsd(4096, 1, 2822400)));
+    const char *told[] = {
+        R"("form":"native","format":52,"format_name":"DSD_U32_BE","rate":88200,"device_ms":500,"ring_ms":2229})",
+        R"("form":"dop","format":10,"format_name":"S32_LE","rate":176400,"device_ms":500,"ring_ms":1114})",
+        R"("form":"dop","format":6,"format_name":"S24_LE","rate":176400,"device_ms":500,"ring_ms":1114})",
+        R"("form":"dop","format":32,"format_name":"S24_3LE","rate":176400,"device_ms":500,"ring_ms":1486})",
+        R"("form":"i2s","format":10,"format_name":"S32_LE","rate":88200,"device_ms":500,"ring_ms":2229})"};
+    for (size_t i = 0; i < dsd_forms.size(); ++i) {
+        auto settings = settings_for(dsd_forms[i], {file});
+        settings.voice = wire::socket;
+        EXPECT_NE(run_player(settings).told.find(told[i]), std::string::npos) << told[i];
+    }
+}
+
+// The device stands still at a frame: the position tells that very one, at a rate at which the
+// printed one stands at 0.
+TEST(play_events, tell_the_position_that_is_heard)
+{
+    constexpr int64_t stands_at = 500000; // frames, the silence among them
+    const auto sound = random_pcm({2, false}, 2, 400000, 300000, 1);
+    const auto result = run_player({.arguments = {scratch_file("a.wav", wave_file(sound))},
+                                    .events = {{.told_has = "stream", .allow = stands_at},
+                                               {.told_has = "playing"},
+                                               {.after_ms = 2500, .type = key_3}},
+                                    .input = wire::pipe,
+                                    .voice = wire::pipe,
+                                    .gated = true});
+    EXPECT_EQ(result.trouble, "");
+    const auto first = std::find_if(result.capture.begin(), result.capture.end(),
+                                    [](uint8_t byte) { return byte != 0; });
+    const int64_t silence = (first - result.capture.begin()) / 8;
+    const auto lines = lines_of(pick(result, "\"position\"", true, most));
+    ASSERT_FALSE(lines.empty());
+    double seconds = 0;
+    std::sscanf(lines.back().c_str(), R"({"event":"position","index":0,"seconds":%lf,)", &seconds);
+    EXPECT_EQ(std::lround(seconds * 1000000), (stands_at - silence) * 10 / 4) << lines.back();
+}
+
+// --- Reasons ------------------------------------------------------------------------------------
+
+struct end_row {
+    const char *name;
+    std::string end; // the fields of the event
+    std::map<std::string, std::string> capture = {};
+    std::vector<play_event> events = {};
+    std::vector<std::string> options = {};
+};
+
+TEST(play_events, tell_each_reason_of_an_end)
+{
+    const play_event playing = {.told_has = "playing"};
+    const auto then = [&playing](const std::string &keys, int signal) {
+        play_event event = playing;
+        event.type = keys;
+        event.signal = signal;
+        return event;
+    };
+    const std::string file =
+        scratch_file("long.wav", wave_file(random_pcm({2, false}, 2, 44100, 44100 * 8, 1)));
+    const play_event interrupt = then("", SIGINT);
+    const play_event again = {.told_has = "draining", .signal = SIGINT};
+    for (const end_row &row : std::initializer_list<end_row>{
+             {"played", R"("played","status":0)", {{"SPEED", "once"}}},
+             {"key", R"("key","status":0)", {}, {then(key_3, 0)}},
+             {"interrupt", R"("interrupt","status":0)", {}, {interrupt}},
+             {"two",
+              R"("report","unit":"sonivane","number":799,"status":31)",
+              {},
+              {interrupt, again}},
+             {"early",
+              R"("report","unit":"sonivane","number":1045,"status":21)",
+              {{"INTERRUPT", file}},
+              {},
+              {file}},
+             {"underrun", R"("underrun","status":0)", {{"FAULT", "xrun 60000"}}},
+             {"pointer", R"("underrun","status":0)", {{"FAULT", "pointer 60000"}}},
+             {"suspended", R"("suspended","status":0)", {{"FAULT", "suspended 60000"}}},
+             {"disconnected", R"("disconnected","status":0)", {{"FAULT", "disconnected 60000"}}},
+             {"gone early", R"("disconnected","status":148)", {{"FAULT", "disconnected 100"}}},
+             {"silence", R"("refused","status":0)", {{"FAULT", "transfer 100"}}},
+             {"draining", R"("refused","status":0)", {{"FAULT", "draining 60000"}}},
+             {"write",
+              R"("report","unit":"alsathread","number":368,"status":112)",
+              {{"FAULT", "transfer 60000"}}},
+             {"mild",
+              R"("report","unit":"alsathread","number":312,"status":0)",
+              {{"FAULT", "avail 60000"}}},
+             {"buffer",
+              R"("report","unit":"alsathread","number":576,"status":0)",
+              {{"BUFFER_BYTES", "8200-8200"}}},
+             {"mode",
+              R"("report","unit":"parse_param","number":54,"status":54)",
+              {},
+              {},
+              {"--mode=3"}},
+             {"reading", R"("read error","status":0)", {{"SPEED", "once"}, {"FAIL", "ferror"}}},
+         }) {
+        play_settings settings = {.arguments = row.options,
+                                  .capture = row.capture,
+                                  .events = row.events,
+                                  .input = wire::pipe,
+                                  .voice = wire::pipe,
+                                  .stand_ins = true,
+                                  .timeout_seconds = 30};
+        settings.arguments.push_back(file);
+        settings.capture.insert({"SPEED", "4"});
+        const auto result = run_player(settings);
+        EXPECT_EQ(result.trouble, "") << row.name;
+        const auto end = "{\"event\":\"end\",\"reason\":" + row.end + "}\n";
+        EXPECT_EQ(pick(result, "\"end\"", true, most), end) << row.name;
+        EXPECT_TRUE(result.told.ends_with(end)) << row.name;
+        EXPECT_NE(end.find("\"status\":" + std::to_string(result.status) + "}"), std::string::npos);
+    }
+}
+
+// A file that loses its end while another one plays, and one that never had what it promises.
+TEST(play_events, tell_a_file_that_breaks_off)
+{
+    scratch_file("1.wav", wave_file(random_pcm({2, false}, 2, 44100, 400000, 1)));
+    bytes promising = wave_file(random_pcm({2, false}, 2, 44100, 1000, 1));
+    promising.resize(2000);
+    scratch_file("3.wav", promising);
+    std::vector<bytes> files = {wave_file(random_pcm({2, false}, 2, 44100, 10000, 2))};
+    for (const auto &container : containers)
+        files.push_back(container.make(random_dsd(20000, 3, 2822400)));
+    for (const bytes &content : files) {
+        const std::string path = scratch_file("2", content);
+        const auto result = run_player(
+            {.arguments = {"1.wav", "2", "3.wav"},
+             .events = {{.out_has = "playing file 1/3",
+                         .allow = 100000000,
+                         .call = [&path] { std::filesystem::resize_file(path, 10000); }}},
+             .voice = wire::pipe,
+             .gated = true});
+        EXPECT_EQ(pick(result, "\"read error\"\"end\"", true, most),
+                  "{\"event\":\"read error\",\"index\":1}\n"
+                  "{\"event\":\"end\",\"reason\":\"read error\",\"status\":0}\n");
+    }
+}
+
+// --- Names --------------------------------------------------------------------------------------
+
+TEST(play_events, tell_names_of_any_bytes)
+{
+    const struct {
+        std::string name, told;
+    } rows[] = {
+        {"\x01\x1F\x7F \"\\/~", R"(\u0001\u001f\u007f \"\\/~)"},
+        {"\xC2\x80\xC2\x9F\xC2\xA0", "\\u0080\\u009f\xC2\xA0"},
+        {"\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF", "\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF"},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {"\x80\xBF\xC0\x80\xC1\xBF", R"(\udc80\udcbf\udcc0\udc80\udcc1\udcbf)"},
+        {"\xE0\x9F\xBF\xED\xA0\x80", R"(\udce0\udc9f\udcbf\udced\udca0\udc80)"},
+        {"\xF0\x8F\xBF\xBF\xF4\x90\x80\x80", R"(\udcf0\udc8f\udcbf\udcbf\udcf4\udc90\udc80\udc80)"},
+        {"\xF5\xFE\xFF\xE2\x82", R"(\udcf5\udcfe\udcff\udce2\udc82)"},
+        {"\xE2\x82g\xF0\x9F\x98", R"(\udce2\udc82g\udcf0\udc9f\udc98)"},
+    };
+    std::vector<std::string> names;
+    std::string told;
+    for (const auto &row : rows) {
+        names.push_back(row.name);
+        told += R"({"event":"left_out","path":")" + row.told + "\",\"reason\":\"cannot stat\"}\n";
+    }
+    std::string longest; // more than a pipe takes in one piece for sure
+    for (int i = 0; i < 4095; ++i) longest += "\\udcff";
+    names.emplace_back(4095, '\xFF');
+    told += R"({"event":"left_out","path":")" + longest + "\",\"reason\":\"cannot stat\"}\n";
+    const auto result = run_player({.arguments = names, .voice = wire::pipe});
+    EXPECT_EQ(pick(result, "\"left_out\"", true, most), told);
+}
+
+// --- Readers ------------------------------------------------------------------------------------
+
+TEST(play_events, need_a_descriptor_that_is_open_for_writing)
+{
+    for (const std::string bad : {"", "x", "3x", "-1", "99", "0", "4294967299"}) {
+        const auto result = run_player({.arguments = {"--events=" + bad}, .input = wire::pipe});
+        EXPECT_EQ(result.status, 61);
+        EXPECT_EQ(result.err, report_text("parse_param", 61,
+                                          "--events needs an open descriptor, not " + bad + ".\n"));
+    }
+}
+
+// Nothing waits for a reader that does not read, and the first line that it then gets counts what
+// it missed.
+TEST(play_events, do_not_wait_for_their_reader)
+{
+    const auto sound = random_pcm({2, false}, 2, 8000, 16000, 1);
+    const auto result = run_player({.arguments = {scratch_file("a.wav", wave_file(sound))},
+                                    .events = {{.told_has = "stream", .mutes = true},
+                                               {.log_has = "start", .allow = 16000, .mutes = true},
+                                               {.after_ms = 1500, .allow = 100000}},
+                                    .voice = wire::pipe,
+                                    .gated = true});
+    EXPECT_EQ(stream_trouble(result, {s32_le, packing::pcm}, 8000, device_bytes(sound, s32_le)),
+              "");
+    size_t counted = 0;
+    for (const std::string &line : lines_of(result.told)) {
+        EXPECT_TRUE(line.starts_with("{\"event\":\"") && line.ends_with("}")) << line;
+        counted += line.find(",\"dropped\":") != std::string::npos;
+    }
+    EXPECT_EQ(counted, 1U) << result.told;
+}
+
+// A reader that has left is a front-end that is no more.
+TEST(play_events, a_reader_that_left_ends_the_sound)
+{
+    const std::string file =
+        scratch_file("a.wav", wave_file(random_pcm({2, false}, 2, 8000, 8000, 1)));
+    const auto gone = run_player({.arguments = {file}, .voice = wire::gone});
+    EXPECT_EQ(gone.status, 0);
+    EXPECT_TRUE(gone.capture.empty());
+    EXPECT_TRUE(gone.out.ends_with(std::string(72, ' ') + "\n\n"));
+}
+
+// --- Everything else ----------------------------------------------------------------------------
+
+// With and without the option: the same output where the device waits for the first line of it,
+// the same sound where the silence before does not hang on the pace, the same errors and status.
+TEST(play_events, change_nothing_else)
+{
+    scratch_file("a.wav", wave_file(random_pcm({2, false}, 2, 44100, 30000, 1)));
+    scratch_file("b.txt", noise(1, 100));
+    for (const char *fault : {"", "none 0", "avail 60000", "transfer 60000"}) {
+        const bool gated = *fault == '\0';
+        play_settings settings = {.arguments = {"--silent", "a.wav", "b.txt", "missing"},
+                                  .capture = {{"FAULT", fault}},
+                                  .gated = gated,
+                                  .stand_ins = true};
+        if (gated) settings.events = {{.out_has = "\n0 0\n", .allow = 1000000}};
+        const auto without = run_player(settings);
+        EXPECT_FALSE(without.err.empty() || without.capture.empty());
+        for (const wire voice : {wire::pipe, wire::socket, wire::null}) {
+            settings.voice = voice;
+            const auto with = run_player(settings);
+            EXPECT_EQ(with.trouble, "");
+            EXPECT_EQ(with.status, without.status);
+            EXPECT_EQ(with.err, without.err);
+            EXPECT_TRUE(gated ? with.out == without.out : with.capture == without.capture);
+        }
+    }
+}
+
+// The front-end of the documents, as it stands there.
+TEST(play_events, are_what_the_documented_front_end_reads)
+{
+    std::ifstream page(FRONT_END_PAGE);
+    std::string program;
+    bool inside = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with("```"))
+            inside = line == "```python";
+        else if (inside)
+            program += line + "\n";
+    }
+    const std::string script = scratch_file("front_end.py", {program.begin(), program.end()});
+    scratch_file("a.wav", wave_file(random_pcm({2, false}, 2, 44100, 44100 * 3, 1)));
+    scratch_file("b.wav", wave_file(random_pcm({2, false}, 2, 48000, 1000, 1)));
+    const auto result = run_player({.arguments = {"a.wav", "b.wav", "missing"},
+                                    .capture = {{"SPEED", "2"}},
+                                    .launcher = {"python3", script}});
+    EXPECT_EQ(result.trouble, "");
+    EXPECT_EQ(result.status, 0) << result.err;
+    for (const char *shown :
+         {"left out: missing - cannot stat\ncapture: pcm S32_LE 44100 Hz\n\n1/2 a.wav\n",
+          "\r0:01 of 0:03 ", "\n2/2 b.wav at the wrong speed\n", "\nended: played, status 0\n"})
+        EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
+}
+
+} // namespace
