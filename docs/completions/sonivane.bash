@@ -29,14 +29,14 @@ _sonivane()
         mapfile -t COMPREPLY < <(compgen -W '1 2' -- "$cur")
         return
         ;;
-    --skip)
+    --events | --skip)
         return
         ;;
     esac
 
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '-os -D -B --skip --version --help --mode= --silent
-            --short-filter --left-cut --right-cut -?' -- "$cur")
+            --events= --short-filter --left-cut --right-cut -?' -- "$cur")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
         return
     fi
