@@ -100,7 +100,9 @@ TEST(play_events, of_each_form_of_the_stream)
     for (size_t i = 0; i < dsd_forms.size(); ++i) {
         auto settings = settings_for(dsd_forms[i], {file});
         settings.voice = wire::socket;
-        EXPECT_NE(run_player(settings).told.find(told[i]), std::string::npos) << told[i];
+        const auto result = run_player(settings);
+        EXPECT_NE(result.told.find(told[i]), std::string::npos) << result.told;
+        EXPECT_EQ(pick(result, "playing"), head + "playing\",\"index\":0,\"other_rate\":false}\n");
     }
 }
 
@@ -131,7 +133,7 @@ TEST(play_events, tell_the_position_that_is_heard)
 // --- Reasons ------------------------------------------------------------------------------------
 
 struct end_row {
-    const char *end; // reason, unit and number of a report, status
+    std::string end; // reason, unit and number of a report, status
     std::map<std::string, std::string> capture = {};
     std::vector<play_event> events = {};
     std::vector<std::string> options = {};
@@ -193,7 +195,7 @@ TEST(play_events, tell_each_reason_of_an_end)
         EXPECT_EQ(result.trouble, "") << row.end;
         EXPECT_EQ(pick(result, "end"), end_event(row.end));
         EXPECT_TRUE(result.told.ends_with(end_event(row.end))) << result.told;
-        EXPECT_TRUE(std::string(row.end).ends_with(" " + std::to_string(result.status)));
+        EXPECT_EQ(row.end.substr(row.end.rfind(' ') + 1), std::to_string(result.status));
     }
 }
 
@@ -278,12 +280,14 @@ TEST(play_events, do_not_wait_for_their_reader)
                                     .gated = true});
     EXPECT_EQ(stream_trouble(result, {s32_le, packing::pcm}, 8000, device_bytes(sound, s32_le)),
               "");
-    size_t counted = 0;
+    int most_dropped = 0; // playing and a position, at least
     for (const std::string &line : lines_of(result.told)) {
         EXPECT_TRUE(line.starts_with(head) && line.ends_with("}")) << line;
-        counted += line.find(",\"dropped\":") != std::string::npos;
+        const size_t field = line.find(",\"dropped\":");
+        if (field != std::string::npos)
+            most_dropped = std::max(most_dropped, std::stoi(line.substr(field + 11)));
     }
-    EXPECT_EQ(counted, 1U) << result.told;
+    EXPECT_GE(most_dropped, 2) << result.told;
 }
 
 // A reader that has left is a front-end that is no more.
