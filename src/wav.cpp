@@ -138,6 +138,7 @@ int32_t wav_open(soundfile *file)
     if (!read_name(fp, &form)) return -1;
 
     const bool rf64 = name_is(form, "RF64");
+    file->rf64 = rf64 ? flag_on : flag_off;
     ds64_sizes sizes{};
     if (rf64) {
         if (!read_rf64_header(fp, &sizes)) return -1;
@@ -156,7 +157,6 @@ int32_t wav_open(soundfile *file)
     const uint64_t size = rf64 ? sizes.data_bytes : data_size;
     if (played_bytes(wave, size) > INT64_MAX) return -1; // no file is that long
     rewrite_to_stereo(file, size);
-    file->rf64 = rf64 ? flag_on : flag_off;
     return 0;
 }
 
