@@ -9,6 +9,7 @@
 #include <cstring>
 #include <span>
 
+#include "events.h"
 #include "sonivane.h"
 
 namespace
@@ -53,15 +54,31 @@ bool stream_is_settled()
 
 // --- Formats ------------------------------------------------------------------------------------
 
-// The PCM formats whose samples the feeder makes as they should be: signed integers, lowest byte
-// first, and floats.
-bool player_fills(int32_t format)
+// The formats whose samples the feeders make as they should be: of PCM signed integers, lowest byte
+// first, and floats. By their names in ALSA.
+struct format_row {
+    int32_t format; // SND_PCM_FORMAT_*
+    const char *name;
+};
+constexpr std::array<format_row, 10> filled_formats = {{
+    {SND_PCM_FORMAT_S8, "S8"},
+    {SND_PCM_FORMAT_S16_LE, "S16_LE"},
+    {SND_PCM_FORMAT_S18_3LE, "S18_3LE"},
+    {SND_PCM_FORMAT_S20_LE, "S20_LE"},
+    {SND_PCM_FORMAT_S20_3LE, "S20_3LE"},
+    {SND_PCM_FORMAT_S24_LE, "S24_LE"},
+    {SND_PCM_FORMAT_S24_3LE, "S24_3LE"},
+    {SND_PCM_FORMAT_S32_LE, "S32_LE"},
+    {SND_PCM_FORMAT_FLOAT_LE, "FLOAT_LE"},
+    {SND_PCM_FORMAT_DSD_U32_BE, "DSD_U32_BE"},
+}};
+
+// Empty for a format that the player does not fill.
+const char *filled_name(int32_t format)
 {
-    static constexpr std::array<int32_t, 9> filled = {
-        SND_PCM_FORMAT_S8,      SND_PCM_FORMAT_S16_LE,   SND_PCM_FORMAT_S24_LE,
-        SND_PCM_FORMAT_S32_LE,  SND_PCM_FORMAT_FLOAT_LE, SND_PCM_FORMAT_S20_LE,
-        SND_PCM_FORMAT_S24_3LE, SND_PCM_FORMAT_S20_3LE,  SND_PCM_FORMAT_S18_3LE};
-    return std::find(filled.begin(), filled.end(), format) != filled.end();
+    for (const format_row &row : filled_formats)
+        if (row.format == format) return row.name;
+    return "";
 }
 
 // --- The form of the stream ---------------------------------------------------------------------
@@ -118,13 +135,15 @@ void print_retry(int attempt)
     std::fputs("snd_pcm_open() failed. retrying ...\r", stderr);
 }
 
-// False when the output was stopped meanwhile.
+// False when the output was stopped meanwhile: main looks for that when it fills the ring.
 bool wait_for_retry()
 {
     for (uint32_t waited = 0; waited < open_retry_microseconds; waited += open_retry_slice) {
         exit_if_interrupted();
-        if (stream_is_settled()) poll_keyboard(); // on the output thread
-        if (load_acquire(stop_output) != 0) return false;
+        if (stream_is_settled()) { // on the output thread
+            poll_keyboard();
+            if (load_acquire(stop_output) != 0) return false;
+        }
         usleep(open_retry_slice);
     }
     return true;
@@ -135,6 +154,7 @@ bool open_device()
 {
     int code = 0;
     for (int attempt = 0; attempt < open_attempts; ++attempt) {
+        event_opening(attempt + 1);
         code = snd_pcm_open(&pcm, device_name.data(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
         if (code >= 0) {
             require(snd_pcm_nonblock(pcm, -1), 509, "snd_pcm_hw_nonblock() failed. %s\n");
@@ -350,10 +370,34 @@ bool sound_open(stream_form *form)
 
 // --- The writer pump ----------------------------------------------------------------------------
 
-bool state_stops(snd_pcm_state_t state)
+constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
+
+// How a device shows that it plays no more.
+struct device_stop {
+    snd_pcm_state_t state;
+    int code; // of a call; 0: none
+    stop_cause cause;
+};
+constexpr std::array<device_stop, 4> device_stops = {{
+    {SND_PCM_STATE_XRUN, -EPIPE, {stop_reason::underrun, nullptr, 0}},
+    {SND_PCM_STATE_SUSPENDED, -ESTRPIPE, {stop_reason::suspended, nullptr, 0}},
+    {SND_PCM_STATE_DISCONNECTED, -ENODEV, {stop_reason::disconnected, nullptr, 0}},
+    {SND_PCM_STATE_DRAINING, 0, refused},
+}};
+
+// Null for a state that goes on.
+const stop_cause *cause_of_state(snd_pcm_state_t state)
 {
-    return state == SND_PCM_STATE_XRUN || state == SND_PCM_STATE_DRAINING ||
-           state == SND_PCM_STATE_SUSPENDED || state == SND_PCM_STATE_DISCONNECTED;
+    for (const device_stop &row : device_stops)
+        if (row.state == state) return &row.cause;
+    return nullptr;
+}
+
+const stop_cause *cause_of_code(int code, const stop_cause *otherwise)
+{
+    for (const device_stop &row : device_stops)
+        if (row.code == code) return &row.cause;
+    return otherwise;
 }
 
 // Starts a device that waits at its threshold with the buffer nearly full.
@@ -384,7 +428,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     if (written >= 0)
         silence_written += static_cast<int32_t>(written);
     else if (written != -EAGAIN && written != -EPIPE) // those two show in the next state
-        store_release(stop_output, flag_on);
+        stop_playing(cause_of_code(static_cast<int>(written), &refused));
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
     return written > 0 ? pump_step::wrote : pump_step::waiting;
 }
@@ -406,6 +450,22 @@ void add_to_position(int32_t frames)
     store_release(position, load_acquire(position) + units * frames);
 }
 
+// Bytes of the stream ahead of the file's first one; above all others while they are not known.
+uint64_t start_of(int32_t index)
+{
+    return index == 0 ? 0 : load_acquire(ring->track_marks[index]);
+}
+
+// Tells each file whose first frame has gone out since the last call. One without a frame is passed
+// over.
+void tell_playing()
+{
+    static int32_t next;
+    const uint64_t sent = load_acquire(ring->bytes_sent);
+    for (; next < file_count && start_of(next) < sent; ++next)
+        if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
+}
+
 // Hands frames of the ring to the device, straight from the ring's memory. avail is the device's
 // room in frames, above nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
@@ -420,20 +480,22 @@ pump_step write_ring(snd_pcm_sframes_t avail)
     ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
     follow_marks();
     add_to_position(written);
+    tell_playing();
     return written > 0 ? pump_step::wrote : pump_step::waiting;
 }
 
 // One step of moving sound to the device.
 pump_step write_pump()
 {
-    if (state_stops(snd_pcm_state(pcm))) {
-        store_release(stop_output, flag_on);
+    if (const stop_cause *cause = cause_of_state(snd_pcm_state(pcm)); cause != nullptr) {
+        stop_playing(cause);
         return pump_step::waiting;
     }
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
+        static constexpr stop_cause failed = {stop_reason::report, unit, 312};
         if (avail != -EPIPE) report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
-        store_release(stop_output, flag_on);
+        stop_playing(cause_of_code(avail, &failed));
         return pump_step::waiting;
     }
     if (avail <= nearly_full_frames) {
@@ -467,12 +529,55 @@ void start_device()
     }
 }
 
-// Nothing is left, and nothing will come: everything is fed, or a SIGINT ended the feeding. Less
-// than a frame stays for good when DSD followed PCM on a device of wider words.
+// Everything is fed, or a SIGINT ended the feeding.
+bool no_more_is_read()
+{
+    return load_acquire(ring->more_coming) == 0 || load_acquire(interrupted) != 0;
+}
+
+// Nothing is left, and nothing will come. Less than a frame stays for good when DSD followed PCM on
+// a device of wider words.
 bool all_is_sent()
 {
-    const bool no_more = load_acquire(ring->more_coming) == 0 || load_acquire(interrupted) != 0;
-    return no_more && ring_frames(ring) == 0;
+    return no_more_is_read() && ring_frames(ring) == 0;
+}
+
+// Frames that the device holds.
+int64_t queued_frames()
+{
+    const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
+    return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
+}
+
+// Once, as soon as nothing more is read.
+void tell_draining()
+{
+    static bool told;
+    if (told || !no_more_is_read() || load_acquire(stop_output) != 0) return;
+    told = true;
+    const int64_t silence = primed != 0 ? 0 : std::max(output_rate - silence_written, 0);
+    event_draining(silence + ring_frames(ring) + queued_frames());
+}
+
+// Once a second of real time, from the first frame on.
+void tell_position()
+{
+    using clock = std::chrono::steady_clock;
+    static clock::time_point next;
+    const uint64_t sent = load_acquire(ring->bytes_sent);
+    if (sent == 0 || clock::now() < next) return;
+    next = clock::now() + std::chrono::seconds(1);
+    const soundfile *file = load_acquire(playing_file);
+    const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
+    event_position(file, std::max(frames - queued_frames(), int64_t{0}));
+}
+
+// What a front-end hears of while sound plays.
+void tell_progress()
+{
+    if (!events_wanted()) return;
+    tell_draining();
+    tell_position();
 }
 
 // Waits until the device has played what it holds, or can have. Closing it would drop that. Some
@@ -487,13 +592,13 @@ void let_play_out(bool in_order, uint32_t pause)
         return state == SND_PCM_STATE_DRAINING || (in_order && plays);
     };
     const auto queued_microseconds = [] {
-        const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
-        const auto queued = static_cast<snd_pcm_sframes_t>(alsa_buffer_frames) - avail;
-        return avail < 0 || queued <= 0 ? int64_t{0} : int64_t{queued} * 1000000 / output_rate + 1;
+        const int64_t queued = queued_frames();
+        return queued == 0 ? 0 : queued * 1000000 / output_rate + 1;
     };
     int64_t left = queued_microseconds();
     const auto latest = clock::now() + std::chrono::microseconds(left + left / 10);
     while (left > 0 && waits() && clock::now() < latest && !poll_keyboard()) {
+        tell_progress();
         usleep(static_cast<uint32_t>(std::min(left, int64_t{pause})));
         left = queued_microseconds();
     }
@@ -506,8 +611,11 @@ void play()
     start_device();
     while (!all_is_sent() && load_acquire(stop_output) == 0) {
         poll_keyboard();
-        if (write_pump() != pump_step::wrote) usleep(pause);
+        const pump_step step = write_pump();
+        tell_progress();
+        if (step != pump_step::wrote) usleep(pause);
     }
+    tell_progress();
     let_play_out(load_acquire(stop_output) == 0, pause);
 }
 
@@ -533,7 +641,7 @@ void stream_banner()
 {
     if (dsd_stream == 0) {
         std::fprintf(stderr, "Open %dHzfs PCM stream\n", output_rate);
-        if (!player_fills(output_format)) {
+        if (*filled_name(output_format) == '\0') {
             report(unit, 148,
                    "the device's widest format, number %d, is one that this player cannot fill "
                    "rightly. Try a hw device.\n",
@@ -545,6 +653,13 @@ void stream_banner()
     const int32_t hertz = output_rate * form.bits_per_frame;
     std::fprintf(stderr, "Open %d.%dfMHzfs %s stream\n", hertz / 1000000, hertz / 100000 % 10,
                  form.label);
+}
+
+void tell_stream()
+{
+    const char *form = dsd_stream == 0 ? "PCM" : find_dsd_form(output_format, i2s_mode).label;
+    event_stream(form, filled_name(output_format), alsa_buffer_frames,
+                 ring->usable_size / ring->gap);
 }
 
 int32_t find_last_card()
@@ -569,10 +684,11 @@ void *output_thread(void *)
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
 
     // A device whose whole buffer counts as nearly full would never be written.
+    static constexpr stop_cause small_buffer = {stop_reason::report, unit, 576};
     if (opened && alsa_buffer_frames <= nearly_full_frames) {
         report(unit, 576, "a device buffer of %d frames is too small to play.\n",
                static_cast<int32_t>(alsa_buffer_frames));
-        store_release(stop_output, flag_on);
+        stop_playing(&small_buffer);
     } else if (opened) {
         play();
     }

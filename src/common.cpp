@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "coeff_sets.h"
+#include "events.h"
 #include "sonivane.h"
 #include "util.h"
 
@@ -160,8 +161,10 @@ template <typename value> void release(value **values)
 [[noreturn]] void leave(int32_t number)
 {
     coeff_filter_free();
-    store_release(stop_output, flag_on);
+    const stop_cause cause = {stop_reason::report, "common", number};
+    stop_playing(&cause);
     store_release(interrupted, flag_on);
+    event_end(number);
     std::exit(number);
 }
 

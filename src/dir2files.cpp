@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 
+#include "events.h"
 #include "util.h"
 
 int32_t pool_count;
@@ -54,15 +55,23 @@ void report_system_error(int32_t number, const char *format, const char *path)
     report(unit, number, format, printable(path)); // NOLINT(clang-diagnostic-format-nonliteral)
 }
 
-// Adds directory/name, cut to the buffer.
-void add_composed(const char *directory, const char *name)
+// Adds directory/name, cut to the buffer, or tells that it does not play.
+void add_composed(const char *directory, const char *name, bool plays)
 {
     std::array<char, path_buffer_bytes> path;
     const size_t length = std::strlen(directory);
     const char *separator = length > 0 && directory[length - 1] == '/' ? "" : "/";
     const int whole = std::snprintf(path.data(), path.size(), "%s%s%s", directory, separator, name);
     if (whole < 0) return;
-    pool_add(std::min(whole, static_cast<int32_t>(path.size()) - 1), path.data());
+    if (plays)
+        pool_add(std::min(whole, static_cast<int32_t>(path.size()) - 1), path.data());
+    else
+        event_left_out(path.data(), "not a file");
+}
+
+bool is_dots(const char *name)
+{
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
 void walk_directory(const char *path)
@@ -73,8 +82,8 @@ void walk_directory(const char *path)
         return;
     }
     while (const dirent64 *entry = readdir64(directory)) {
-        // "." and ".." are directories, and a file system that does not tell types tells none.
-        if (entry->d_type == DT_REG) add_composed(path, entry->d_name);
+        // A file system that does not tell types tells none.
+        if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
     closedir(directory);
 }
@@ -136,12 +145,15 @@ void walk_path(const char *path)
     struct stat64 status;
     if (stat64(path, &status) != 0) {
         report_system_error(136, "cannot stat %s\n", path);
+        event_left_out(path, "cannot stat");
         return;
     }
     if (S_ISREG(status.st_mode))
         pool_add(static_cast<int32_t>(std::strlen(path)), path);
     else if (S_ISDIR(status.st_mode))
         walk_directory(path);
+    else
+        event_left_out(path, "not a file");
 }
 
 char **expand_file_list(int32_t first, int32_t count, char **argv)

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "events.h"
 #include "sonivane.h"
 #include "util.h"
 
@@ -80,6 +81,12 @@ void set_buffer_size(const char *size)
     buffer_bytes = static_cast<uint64_t>(count * factor_of(*end));
 }
 
+void set_events(const char *number)
+{
+    if (!events_open(number))
+        fatal_report(unit, 61, "--events needs an open descriptor, not %s.\n", printable(number));
+}
+
 template <int32_t &flag> void set_flag(const char *)
 {
     flag = flag_on;
@@ -120,6 +127,7 @@ constexpr option_row options[] = {
     {"-?", value_place::none, show_usage, nullptr},
     {"--help", value_place::none, show_usage, nullptr},
     {"--mode=", value_place::behind_equals, select_mode, nullptr},
+    {"--events=", value_place::behind_equals, set_events, nullptr},
     {"--skip", value_place::next_entry, take_no_notice, nullptr},
 };
 constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,

@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <bit>
@@ -22,6 +23,7 @@
 #include "dir2files.h"
 #include "dsdiff.h"
 #include "dsf.h"
+#include "events.h"
 #include "parse_param.h"
 #include "util.h"
 #include "wav.h"
@@ -36,6 +38,7 @@ reader_slot read_samples;
 ringbuffer *ring;
 std::atomic<int32_t> interrupted;
 std::atomic<int32_t> stop_output;
+std::atomic<const stop_cause *> stopped_by;
 int32_t output_format = SND_PCM_FORMAT_S32_LE;
 int32_t output_rate;
 int32_t dsd_stream;
@@ -143,6 +146,7 @@ int32_t open_soundfile(soundfile *file)
         return 0;
     }
     std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
+    event_left_out(file->path, "unknown format");
     return -1;
 }
 
@@ -158,10 +162,43 @@ void close_file(soundfile *file)
     file->fp = nullptr;
 }
 
+bool read_error_met; // in any file; only looked for when a front-end listens
+
+int64_t size_of(const soundfile *file)
+{
+    struct stat64 status;
+    return fstat64(fileno(file->fp), &status) == 0 ? status.st_size : 0;
+}
+
+// What the header promised and the file held when it was probed is not there any more.
+bool is_cut_short(const soundfile *file)
+{
+    const int64_t size = size_of(file);
+    if (size >= file->probed_bytes) return false;
+    switch (file->container) {
+    case container_wav:
+        return file->bytes_left >= file->wave.nBlockAlign;
+    case container_dsf:
+        return file->dsf_bytes_left > 0;
+    default:
+        return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
+    }
+}
+
+// A front-end hears of what the player passes over in silence.
+void look_for_read_error(const soundfile *file)
+{
+    if (!events_wanted() || file->fp == nullptr) return;
+    if (ferror(file->fp) == 0 && !is_cut_short(file)) return;
+    read_error_met = true;
+    event_read_error(file);
+}
+
 // Closes the file that was fed to its end and opens the one after it. A file that was taken when it
 // was probed and is no more gets its mark, as an empty one, and is passed over.
 void open_next_file()
 {
+    look_for_read_error(feeding_file);
     close_file(feeding_file);
     feeding_file = feeding_file->next;
     while (feeding_file->index >= 0) {
@@ -625,6 +662,9 @@ constexpr int32_t report_interrupt = 799;
     backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
     terminal_restore();
+    static constexpr stop_cause cause = {stop_reason::report, unit, report_interrupt};
+    stop_playing(&cause);
+    event_end(report_interrupt);
     _exit(report_interrupt & 0xFF);
 }
 
@@ -642,6 +682,13 @@ void install_sigint_handler()
 }
 
 } // namespace
+
+void stop_playing(const stop_cause *cause)
+{
+    const stop_cause *none = nullptr;
+    stopped_by.compare_exchange_strong(none, cause);
+    store_release(stop_output, flag_on);
+}
 
 void exit_if_interrupted()
 {
@@ -724,6 +771,15 @@ void make_file_list(int argc, char **argv)
     pool_free();
 }
 
+// Tells a front-end of a file just probed, and keeps what a read error will be known by.
+void tell_file(soundfile *file)
+{
+    if (!events_wanted()) return;
+    file->probed_bytes = size_of(file);
+    file->sound_offset = ftello64(file->fp);
+    event_file(file);
+}
+
 // Drops files of no known format and closes the ranks: record i always holds the next name.
 void probe_files()
 {
@@ -735,7 +791,9 @@ void probe_files()
         file->index = kept;
         file->next = file + 1;
         exit_if_interrupted();
+        event_probing(name, names);
         const bool taken = open_soundfile(file) == 0;
+        if (taken) tell_file(file);
         close_file(file);
         if (taken) {
             ++kept;
@@ -795,6 +853,7 @@ void prime_ring()
         poll_keyboard();
         if (load_acquire(stop_output) != 0 || fill_buffer() == 0) return;
         show_status(0, ring_percent(ring), "filling buffer");
+        event_filling(ring_percent(ring));
     }
 }
 
@@ -880,6 +939,16 @@ int64_t total_seconds(const soundfile *file)
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
 }
 
+// A run that nothing else stopped, by now.
+void settle_end()
+{
+    static constexpr stop_cause interrupt = {stop_reason::interrupt, nullptr, 0};
+    static constexpr stop_cause incomplete = {stop_reason::read_error, nullptr, 0};
+    static constexpr stop_cause played = {stop_reason::played, nullptr, 0};
+    const stop_cause *whole = read_error_met ? &incomplete : &played;
+    stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
+}
+
 bool everything_is_out()
 {
     return load_acquire(ring->more_coming) == 0 && ring_frames(ring) == 0;
@@ -920,6 +989,7 @@ int main(int argc, char **argv)
     open_first_file();
     set_up_stream();
     make_ring();
+    tell_stream();
     terminal_raw();
     feeding_file = file_list;
     store_release(playing_file, file_list);
@@ -927,5 +997,7 @@ int main(int argc, char **argv)
     play_list();
     std::putchar('\n');
     clean_up();
-    return 0;
+    settle_end();
+    event_end(EXIT_SUCCESS);
+    return EXIT_SUCCESS;
 }

@@ -94,6 +94,9 @@ struct soundfile {
     uint64_t dsf_sample_count; // bits per channel
     uint32_t dsf_block_size;   // bytes per channel
     int64_t dsf_bytes_left;    // bytes per channel still to read
+    int32_t rf64;              // flag: the WAV file is of the RF64 form
+    int64_t probed_bytes;      // of the whole file, when it was probed for a front-end
+    int64_t sound_offset;      // where the sound began then
     soundfile *next;           // the following element of file_list; null in the end sentinel
 };
 
@@ -117,6 +120,25 @@ using feeder_slot = int32_t (*)();
 // The active reader: stores at most count bytes; result: bytes stored, below 1 at the file's end.
 using reader_slot = int32_t (*)(soundfile *file, uint8_t *bytes, int32_t count);
 
+// Why the sound ends. For a report that stops it, fatal or not, also its unit and number.
+enum class stop_reason {
+    played,
+    key,
+    interrupt,
+    underrun,
+    suspended,
+    disconnected,
+    refused, // the device takes no more
+    read_error,
+    report,
+};
+struct stop_cause {
+    stop_reason reason;
+    const char *unit; // null unless the reason is a report
+    int32_t number;
+};
+inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
+
 // The play list: file_count records and an end sentinel. Never moved.
 extern soundfile *file_list;
 extern int32_t file_count;
@@ -127,8 +149,9 @@ extern feeder_slot fill_buffer;
 extern reader_slot read_samples;
 extern ringbuffer *ring;
 
-extern std::atomic<int32_t> interrupted; // set by SIGINT and fatal reports; read by both
-extern std::atomic<int32_t> stop_output; // set by either thread; read by both
+extern std::atomic<int32_t> interrupted;           // set by SIGINT and fatal reports; read by both
+extern std::atomic<int32_t> stop_output;           // set by stop_playing alone; read by both
+extern std::atomic<const stop_cause *> stopped_by; // the first one; null: nothing stopped it yet
 
 // The stream, settled by sound_probe; constant once the output thread exists.
 extern int32_t output_format; // SND_PCM_FORMAT_*
@@ -179,6 +202,10 @@ int32_t dsd_feeder();
 // Feeds PCM: what one read gave, as far as there is room. 0: nothing done, for want of room, of
 // files, or after a SIGINT; else -1. Main thread, through fill_buffer.
 int32_t pcm_feeder();
+
+// Ends the sound on both threads. The first cause stays; it must last as long as the process. Any
+// thread, or a signal handler.
+void stop_playing(const stop_cause *cause);
 
 // Shows the banner of a file that newly plays, and one status line a shown second. Main thread.
 void status_update(soundfile *file);

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "events.h"
 #include "sonivane.h"
 
 const char blank_line[] =
@@ -192,16 +193,20 @@ void fatal_report(const char *source, int32_t number, const char *format, ...)
     va_start(arguments, format);
     print_report(source, number, format, arguments);
     va_end(arguments);
-    store_release(stop_output, flag_on);
+    const stop_cause cause = {stop_reason::report, source, number}; // nobody returns from here
+    stop_playing(&cause);
     store_release(interrupted, flag_on);
     fatal_exit(number);
 }
 
 void fatal_exit(int32_t status)
 {
+    static constexpr stop_cause unnumbered = {stop_reason::report, nullptr, 0};
+    stop_playing(&unnumbered);
     // Two calls of exit at once are undefined: the second thread waits for the first one's.
     while (leaving.exchange(true)) pause();
     terminal_restore();
+    event_end(status);
     std::exit(status);
 }
 
@@ -300,7 +305,7 @@ bool poll_keyboard()
     // sight.
     char byte = 0;
     if (read(STDIN_FILENO, &byte, 1) != 1 || byte != stop_key) return false;
-    store_release(stop_output, flag_on);
+    stop_playing(&stopped_by_key);
     return true;
 }
 

@@ -135,6 +135,7 @@ int32_t wav_open(soundfile *file)
     if (!read_name(fp, &form)) return -1;
 
     const bool rf64 = name_is(form, "RF64");
+    file->rf64 = rf64 ? flag_on : flag_off;
     ds64_sizes sizes{};
     if (rf64) {
         if (!read_rf64_header(fp, &sizes)) return -1;

@@ -454,6 +454,7 @@ FAILING(int, snd_pcm_hw_params_set_format,
         (snd_pcm_t * p, snd_pcm_hw_params_t *h, snd_pcm_format_t v), (p, h, v), -EIO)
 FAILING(int, snd_pcm_sw_params_set_avail_min,
         (snd_pcm_t * p, snd_pcm_sw_params_t *s, snd_pcm_uframes_t v), (p, s, v), -EIO)
+FAILING(int, ferror, (FILE * f), (f), 1)
 FAILING(int, pthread_join, (pthread_t t, void **r), (t, r), EINVAL)
 FAILING(int, pthread_create, (pthread_t * t, const pthread_attr_t *a, void *(*f)(void *), void *g),
         (t, a, f, g), EAGAIN)

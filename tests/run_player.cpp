@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,15 +34,20 @@ std::string file_text(const std::string &path)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// Of the three standard streams and the voice.
+using descriptors = std::array<int, 4>;
+constexpr size_t voice = 3;
+
 // The player's surroundings of one run.
 struct run_state {
     std::string directory; // of this run: log, capture, configuration
     pid_t process;
-    std::array<int, 3> near; // our ends of the three streams; -1: none
-    std::array<int, 3> far;  // the player's ends
-    int terminal;            // our end of the terminal; -1: none
+    descriptors near; // our ends; -1: none
+    descriptors far;  // the player's ends
+    int terminal;     // our end of the terminal; -1: none
     int terminal_far;
     bool clogged; // nobody reads standard output, and it is full
+    bool muted;   // so is the voice
 };
 
 // --- Setting up ---------------------------------------------------------------------------------
@@ -82,13 +88,18 @@ void open_wire(run_state &state, size_t stream, wire kind)
         state.far[stream] = ends[stream == 0 ? 0 : 1];
         state.near[stream] = ends[stream == 0 ? 1 : 0];
     }
+    if (kind == wire::socket) {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) std::abort();
+        state.near[stream] = ends[0];
+        state.far[stream] = ends[1];
+    }
     if (kind == wire::gone) close(std::exchange(state.near[stream], -1));
     if (state.near[stream] >= 0) fcntl(state.near[stream], F_SETFL, O_NONBLOCK);
 }
 
-void close_all(const std::array<int, 3> &descriptors)
+void close_all(const descriptors &all)
 {
-    for (const int fd : descriptors)
+    for (const int fd : all)
         if (fd >= 0) close(fd);
 }
 
@@ -129,6 +140,9 @@ void take_streams(const run_state &state)
         else
             close(stream);
     }
+    if (state.far[voice] < 0) return;
+    dup2(state.far[voice], voice);
+    fcntl(voice, F_SETFD, 0);
 }
 
 [[noreturn]] void become_player(const run_state &state, const play_settings &settings)
@@ -136,14 +150,15 @@ void take_streams(const run_state &state)
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE, SIGHUP, SIGTERM, SIGTSTP})
         std::signal(number, SIG_DFL);
     set_environment(state, settings);
-    const std::string &directory = settings.directory;
-    if (chdir(directory.empty() ? scratch_directory().c_str() : directory.c_str()) != 0) _exit(254);
+    if (chdir(scratch_directory().c_str()) != 0) _exit(254);
     if (settings.memory_limit != 0) {
         const rlimit limit = {settings.memory_limit, settings.memory_limit};
         setrlimit(RLIMIT_AS, &limit);
     }
-    std::vector<std::string> words = {PLAYER_PATH};
-    if (settings.in_shell) words = {"bash", "--norc", "--noediting", "-is", PLAYER_PATH};
+    std::vector<std::string> words = settings.launcher;
+    if (settings.in_shell) words = {"bash", "--norc", "--noediting", "-is"};
+    words.emplace_back(PLAYER_PATH);
+    if (settings.voice != wire::closed) words.emplace_back("--events=3");
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
     words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
     std::vector<char *> argv;
@@ -166,14 +181,21 @@ bool read_some(int fd, std::string &text)
     return got > 0 || (got < 0 && errno == EAGAIN);
 }
 
+std::array<std::string *, 4> texts_of(play_result &result)
+{
+    return {nullptr, &result.out, &result.err, &result.told};
+}
+
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
-    const std::array<std::string *, 3> texts = {nullptr, &result.out, &result.err};
-    std::array<pollfd, 2> polled = {
-        {{state.near[1], POLLIN, 0}, {state.near[2], POLLIN, 0}}}; // below 0: passed over
+    const auto texts = texts_of(result);
+    std::array<pollfd, 3> polled{};
+    for (size_t stream = 1; stream < 4; ++stream) // below 0: passed over
+        polled[stream - 1] = {state.near[stream], POLLIN, 0};
     poll(polled.data(), polled.size(), wait_ms);
-    for (size_t stream = 1; stream < 3; ++stream) {
-        if (polled[stream - 1].revents == 0 || (stream == 1 && state.clogged)) continue;
+    for (size_t stream = 1; stream < 4; ++stream) {
+        const bool unread = stream == 1 ? state.clogged : stream == voice && state.muted;
+        if (polled[stream - 1].revents == 0 || unread) continue;
         if (read_some(state.near[stream], *texts[stream])) continue;
         close(std::exchange(state.near[stream], -1));
     }
@@ -196,7 +218,7 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
     if (event.mode_is) tcgetattr(state.terminal_far, &mode);
     return clock_type::now() - since >= std::chrono::milliseconds(event.after_ms) &&
            (!event.mode_is || event.mode_is(mode)) && has(result.out, event.out_has) &&
-           has(result.err, event.err_has) &&
+           has(result.err, event.err_has) && has(result.told, event.told_has) &&
            (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
            captured_bytes(state) >= event.captured;
 }
@@ -208,12 +230,12 @@ void open_gate(const std::string &path, int64_t frames)
     std::filesystem::rename(path + ".new", path);
 }
 
-// Fills the pipe of standard output to its last byte.
-void clog(const run_state &state)
+// Fills a pipe, whose reading end we have, to its last byte.
+void clog(int reading_end, const char *byte)
 {
-    const int fd = open(("/proc/self/fd/" + std::to_string(state.near[1])).c_str(),
+    const int fd = open(("/proc/self/fd/" + std::to_string(reading_end)).c_str(),
                         O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    while (write(fd, ".", 1) == 1) {
+    while (write(fd, byte, 1) == 1) {
     }
     close(fd);
 }
@@ -232,7 +254,9 @@ void let_happen(const play_event &event, bool in_shell, run_state &state, play_r
     if (event.signal != 0) kill(job, event.signal);
     if (event.call) event.call();
     state.clogged = event.clogs;
-    if (event.clogs) clog(state);
+    if (event.clogs) clog(state.near[1], ".");
+    state.muted = event.mutes;
+    if (event.mutes) clog(state.near[voice], "\n");
     if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
 }
 
@@ -258,15 +282,13 @@ int watch_player(run_state &state, const play_settings &settings, play_result &r
     }
     if (event != settings.events.end() && !event->may_miss)
         result.trouble += "an event did not come\n";
-    const auto since_event = clock_type::now() - last_event;
-    result.ms_to_end = std::chrono::duration_cast<std::chrono::milliseconds>(since_event).count();
     return exit;
 }
 
 void read_rest(run_state &state, play_result &result)
 {
-    for (size_t stream = 1; stream < 3; ++stream) {
-        std::string &text = stream == 1 ? result.out : result.err;
+    for (size_t stream = 1; stream < 4; ++stream) {
+        std::string &text = *texts_of(result)[stream];
         if (state.near[stream] < 0) continue;
         size_t before = 0;
         do before = text.size();
@@ -334,6 +356,7 @@ play_result run_player(const play_settings &settings)
     open_wire(state, 0, settings.input);
     open_wire(state, 1, settings.output);
     open_wire(state, 2, settings.error);
+    open_wire(state, voice, settings.voice);
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.before);
 
     state.process = fork();
@@ -344,7 +367,7 @@ play_result run_player(const play_settings &settings)
     read_rest(state, result);
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.after);
     close_all(state.near);
-    close_all({state.terminal, state.terminal_far, -1});
+    close_all({state.terminal, state.terminal_far, -1, -1});
 
     read_files(state, result);
     std::filesystem::remove_all(state.directory);

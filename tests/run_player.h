@@ -14,7 +14,7 @@
 #include "make_files.h"
 
 // What a standard stream of the player is; gone is a pipe whose other end has been closed.
-enum class wire { pipe, null, terminal, closed, gone };
+enum class wire { pipe, null, terminal, closed, gone, socket };
 
 // Something that happens to a running player as soon as all that is asked for has been seen; events
 // come in their order, each once.
@@ -22,6 +22,7 @@ struct play_event {
     std::string out_has = {};                          // standard output holds this text
     std::string err_has = {};                          // standard error does
     std::string log_has = {};                          // the device's log does
+    std::string told_has = {};                         // the player's own events do
     size_t captured = 0;                               // bytes the device has, at least
     std::function<bool(const termios &)> mode_is = {}; // the terminal's mode passes
     int after_ms = 0;                                  // milliseconds since the event before
@@ -30,6 +31,7 @@ struct play_event {
     int64_t allow = -1;              // frames that a gated device may play from now on, in all
     std::function<void()> call = {}; // anything else
     bool clogs = false;    // standard output, a pipe, is full and unread until the next event
+    bool mutes = false;    // so is the pipe of the player's own events, where there is one
     bool may_miss = false; // the player may end before it comes
 };
 
@@ -41,12 +43,13 @@ struct play_settings {
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
-    bool gated = false;         // the device plays what events allow
-    bool stand_ins = false;     // with the module's own cards, sleep, nice and failing calls
-    std::string directory = {}; // the player's current one; empty: scratch_directory()
+    wire voice = wire::closed; // descriptor 3, for the player's own events; closed: no --events
+    bool gated = false;        // the device plays what events allow
+    bool stand_ins = false;    // with the module's own cards, sleep, nice and failing calls
+    std::vector<std::string> launcher = {}; // the program that starts the player, given its words
+    bool in_shell = false;      // the launcher is an interactive shell: "$@" starts the player
     size_t memory_limit = 0;    // bytes of address space; 0: no limit
     tcflag_t terminal_mode = 0; // bits of c_lflag to clear in the terminal beforehand
-    bool in_shell = false;      // an interactive one: "$@" typed into it starts the player
     int timeout_seconds = 120;  // a player that runs longer is killed, and that is trouble
 };
 
@@ -55,9 +58,9 @@ struct play_result {
     int status = -1;     // exit status; the negative number of the signal that killed it
     std::string out;     // standard output, or all that a terminal showed
     std::string err;
+    std::string told; // on the descriptor for events
     bytes capture;
     std::vector<std::string> log;
-    int64_t ms_to_end = 0;                  // from the last event, or from the start
     std::vector<size_t> captured_at_events; // bytes
     std::vector<size_t> shown_at_events;    // characters of out
     // The terminal before the start, at each event and after the end.
