@@ -94,7 +94,7 @@ int32_t card_takes_i2s(int32_t card)
 }
 
 // What the stream is, as wished or as the device agreed to it.
-struct stream_form {
+struct stream_settings {
     int32_t format; // SND_PCM_FORMAT_*; -1: none
     int32_t rate;   // frames per second
     int32_t i2s;
@@ -112,7 +112,7 @@ int32_t wished_i2s()
 }
 
 // What the stream would be, from the first file alone. The rate of DSD is the device's to decide.
-stream_form wished_stream()
+stream_settings wished_stream()
 {
     const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
     if (dsd_stream == 0)
@@ -200,7 +200,7 @@ int32_t dsd_rate(const dsd_form &form)
 
 // Settles the DSD form: native words where the device takes them, else DoP in the widest PCM word,
 // or the one word of I2S. Result: 0, or the code of the last refused test.
-int choose_dsd_form(snd_pcm_hw_params_t *params, stream_form *form)
+int choose_dsd_form(snd_pcm_hw_params_t *params, stream_settings *stream)
 {
     static constexpr std::array<int32_t, 4> formats = {SND_PCM_FORMAT_DSD_U32_BE,
                                                        SND_PCM_FORMAT_S32_LE, SND_PCM_FORMAT_S24_LE,
@@ -209,14 +209,14 @@ int choose_dsd_form(snd_pcm_hw_params_t *params, stream_form *form)
 
     int code = 0;
     for (const int32_t format :
-         std::span(formats).first(form->i2s != 0 ? i2s_formats : formats.size())) {
+         std::span(formats).first(stream->i2s != 0 ? i2s_formats : formats.size())) {
         code = test_format(params, format);
         if (code != 0) continue;
-        const dsd_form &dsd = find_dsd_form(format, form->i2s);
-        *form = {format, dsd_rate(dsd), dsd.i2s};
+        const dsd_form &dsd = find_dsd_form(format, stream->i2s);
+        *stream = {format, dsd_rate(dsd), dsd.i2s};
         return 0;
     }
-    if (form->i2s == 0)
+    if (stream->i2s == 0)
         report(unit, 167, "snd_pcm_hw_params_set_format(Delta Sigma stream) failed.\n");
     return code;
 }
@@ -269,10 +269,10 @@ void set_buffer(snd_pcm_hw_params_t *params)
     alsa_buffer_frames = static_cast<uint32_t>(frames);
 }
 
-// Sets all hardware parameters of the open pcm on the zeroed block params, and *form, which comes
+// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, which comes
 // with the wished rate and I2S. Result: 0, or the negative code that refused a form; every other
 // failure ends the process.
-int sound_hwparams(snd_pcm_hw_params_t *params, stream_form *form)
+int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
 {
     require(snd_pcm_hw_params_any(pcm, params), 118,
             "Broken configuration for playback: no configurations available: %s\n");
@@ -284,13 +284,13 @@ int sound_hwparams(snd_pcm_hw_params_t *params, stream_form *form)
                      stream_channels, snd_strerror(code));
     }
     if (dsd_stream != 0) {
-        const int refused = choose_dsd_form(params, form);
+        const int refused = choose_dsd_form(params, stream);
         if (refused != 0) return refused;
     } else {
-        form->format = widest_format(params);
+        stream->format = widest_format(params);
     }
-    set_format(params, form->format);
-    set_rate(params, form->rate);
+    set_format(params, stream->format);
+    set_rate(params, stream->rate);
     set_buffer(params);
     require(snd_pcm_hw_params(pcm, params), 239, "Unable to set hw params for playback: %s\n");
     return 0;
@@ -340,23 +340,23 @@ void make_silence()
 
 // Once the ring holds frames of the settled form, a device that takes another one would play them
 // as noise.
-bool agrees_with_settled(const stream_form &form)
+bool agrees_with_settled(const stream_settings &stream)
 {
-    return !stream_is_settled() || (form.format == output_format && form.rate == output_rate);
+    return !stream_is_settled() || (stream.format == output_format && stream.rate == output_rate);
 }
 
 // Opens, configures and prepares the device for file_list[0]: on the main thread for the probe, on
-// the output thread for good. *form: what it agreed to. False when the output was stopped before
+// the output thread for good. *stream: what it agreed to. False when the output was stopped before
 // the device could be had.
-bool sound_open(stream_form *form)
+bool sound_open(stream_settings *stream)
 {
-    *form = wished_stream();
+    *stream = wished_stream();
     if (!open_device()) return false;
 
     snd_pcm_hw_params_t *hw_params = nullptr;
     snd_pcm_hw_params_alloca(&hw_params);
-    int code = sound_hwparams(hw_params, form);
-    if (code == 0 && !agrees_with_settled(*form)) code = -EINVAL;
+    int code = sound_hwparams(hw_params, stream);
+    if (code == 0 && !agrees_with_settled(*stream)) code = -EINVAL;
     if (code != 0) fatal_report(unit, 514, "sound_hwparams() failed. %s\n", snd_strerror(code));
 
     snd_pcm_sw_params_t *sw_params = nullptr;
@@ -623,14 +623,14 @@ void play()
 
 int32_t sound_probe()
 {
-    stream_form form{};
+    stream_settings stream{};
     dsd_stream = file_list[0].wave.wBitsPerSample == dsd_bits_per_sample ? 1 : 0;
-    sound_open(&form); // nothing can stop it before the output thread exists
-    output_format = form.format;
-    output_rate = form.rate;
-    i2s_mode = form.i2s;
-    file_list[0].out_sample_bytes = format_bytes(form.format);
-    file_list[0].out_frame_bytes = format_bytes(form.format) * stream_channels;
+    sound_open(&stream); // nothing can stop it before the output thread exists
+    output_format = stream.format;
+    output_rate = stream.rate;
+    i2s_mode = stream.i2s;
+    file_list[0].out_sample_bytes = format_bytes(stream.format);
+    file_list[0].out_frame_bytes = format_bytes(stream.format) * stream_channels;
     make_silence();
     snd_pcm_close(pcm);
     pcm = nullptr;
@@ -676,8 +676,8 @@ int32_t find_last_card()
 void *output_thread(void *)
 {
     // stop_output is not cleared here: a stop that came since main looked would be lost.
-    stream_form form{};
-    const bool opened = sound_open(&form);
+    stream_settings stream{};
+    const bool opened = sound_open(&stream);
     primed = 0;
     silence_written = 0;
     make_silence();

@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr uint32_t usual_block_bytes = 4096;
-constexpr int32_t played_channels = 2;
 constexpr uint64_t largest_offset = INT64_MAX;
 
 // Bit i of the index at bit 7 - i.
@@ -87,7 +86,7 @@ int64_t bytes_per_channel(const soundfile *file)
 
 uint64_t pair_bytes(const soundfile *file)
 {
-    return uint64_t{file->dsf_block_size} * played_channels;
+    return uint64_t{file->dsf_block_size} * stream_channels;
 }
 
 // A pair that the file does not hold is never read, and gets no memory.
@@ -131,7 +130,7 @@ bool read_block_pair(const soundfile *file)
 bool load_block_pair(const soundfile *file)
 {
     if (file->block_bytes == 0 || !read_block_pair(file)) return false;
-    const int64_t others = int64_t{file->channels} - played_channels;
+    const int64_t others = int64_t{file->channels} - stream_channels;
     if (others > 0 && !skip_bytes(file->fp, static_cast<uint64_t>(others * file->block_bytes)))
         return false;
     dsf_position = 0;
@@ -147,7 +146,7 @@ int32_t dsf_open(soundfile *file)
     if (!read_header(file, &data_offset)) return -1;
     if (file->dsf_block_size != usual_block_bytes)
         report("dsf", 142, "DSF block size if %d\n", static_cast<int32_t>(file->dsf_block_size));
-    if (file->dsf_bits_per_sample > 1 || file->dsf_channel_num < played_channels ||
+    if (file->dsf_bits_per_sample > 1 || file->dsf_channel_num < stream_channels ||
         file->dsf_format_id != 0)
         return -1;
     file->channels = static_cast<int32_t>(file->dsf_channel_num);
@@ -174,7 +173,7 @@ int32_t dsf_read(soundfile *file, uint8_t *bytes, int32_t count)
         if (dsf_position >= file->block_bytes && !load_block_pair(file)) break;
         const int64_t pairs =
             std::min({int64_t{file->block_bytes} - dsf_position,
-                      int64_t{(wanted - done) / played_channels}, file->dsf_bytes_left});
+                      int64_t{(wanted - done) / stream_channels}, file->dsf_bytes_left});
         const uint8_t *left = dsf_buffer + dsf_position;
         const uint8_t *right = left + file->block_bytes;
         for (int64_t i = 0; i < pairs; ++i) {

@@ -843,12 +843,12 @@ void make_ring()
     ring_pause = pause_of(ring->usable_size / frame_bytes, output_rate);
 }
 
-constexpr int32_t primed_percent = 79; // priming ends above it
+constexpr int32_t filled_percent = 79; // the first filling ends above it
 
 // Fills the ring before anything takes from it.
-void prime_ring()
+void fill_ring()
 {
-    while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= primed_percent) {
+    while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
         exit_if_interrupted();
         poll_keyboard();
         if (load_acquire(stop_output) != 0 || fill_buffer() == 0) return;
@@ -899,7 +899,7 @@ void drain_ring()
 }
 
 // The output thread looks at the keyboard while it runs, and main does before. A key that came
-// while the ring was primed leaves nothing to start.
+// while the ring was filled leaves nothing to start.
 void play_list()
 {
     if (load_acquire(stop_output) != 0) {
@@ -993,7 +993,7 @@ int main(int argc, char **argv)
     terminal_raw();
     feeding_file = file_list;
     store_release(playing_file, file_list);
-    prime_ring();
+    fill_ring();
     play_list();
     std::putchar('\n');
     clean_up();

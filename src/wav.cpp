@@ -11,8 +11,7 @@ namespace
 
 constexpr size_t format_bytes_limit = sizeof(wave_format);
 constexpr uint32_t rf64_size_word = 0xFFFFFFFF;
-constexpr uint32_t ds64_fixed_bytes = 24; // form size, data size, sample count
-constexpr int32_t delivered_channels = 2;
+constexpr uint32_t ds64_fixed_bytes = 24;        // form size, data size, sample count
 constexpr int32_t widest_sample = INT16_MAX / 8; // bytes; wBitsPerSample holds no more bits
 
 // --- Chunks -------------------------------------------------------------------------------------
@@ -85,8 +84,7 @@ int32_t sample_width(const wave_format &wave)
 // The part of size bytes of sound that belongs to the two channels that are played.
 uint64_t played_bytes(const wave_format &wave, uint64_t size)
 {
-    return wave.nChannels == 0 ? 0
-                               : size * delivered_channels / static_cast<uint64_t>(wave.nChannels);
+    return wave.nChannels == 0 ? 0 : size * stream_channels / static_cast<uint64_t>(wave.nChannels);
 }
 
 // Makes the record describe the two channels that are played. False when it cannot.
@@ -101,8 +99,8 @@ bool rewrite_to_stereo(soundfile *file, uint64_t size)
     file->bytes_left = static_cast<int64_t>(played);
     file->data_bytes = file->bytes_left;
     file->channels = wave.nChannels;
-    wave.nChannels = delivered_channels;
-    wave.nBlockAlign = static_cast<int16_t>(delivered_channels * width);
+    wave.nChannels = stream_channels;
+    wave.nBlockAlign = static_cast<int16_t>(stream_channels * width);
     wave.wBitsPerSample = static_cast<int16_t>(8 * width);
     return true;
 }
@@ -117,11 +115,11 @@ int32_t read_frames(const soundfile *file, int32_t width, uint8_t *bytes, int32_
     const size_t stored = static_cast<size_t>(file->channels) * sample;
     const size_t second = file->channels > 1 ? sample : 0; // one channel goes to both sides
     int32_t delivered = 0;
-    while (delivered + delivered_channels * width <= limit &&
+    while (delivered + stream_channels * width <= limit &&
            std::fread(frame_buffer.data(), stored, 1, file->fp) == 1) {
         std::memcpy(bytes + delivered, frame_buffer.data(), sample);
         std::memcpy(bytes + delivered + width, frame_buffer.data() + second, sample);
-        delivered += delivered_channels * width;
+        delivered += stream_channels * width;
     }
     return delivered;
 }
@@ -155,12 +153,12 @@ int32_t wav_open(soundfile *file)
 int32_t wav_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     const int32_t width = sample_width(file->wave);
-    const int32_t frame = delivered_channels * width;
+    const int32_t frame = stream_channels * width;
     const auto limit = static_cast<int32_t>(std::min<int64_t>(file->bytes_left, count));
     if (frame < 1 || limit < frame) return -1;
 
     int32_t delivered = 0;
-    if (file->channels == delivered_channels) { // the stored bytes are the delivered ones
+    if (file->channels == stream_channels) { // the stored bytes are the delivered ones
         const auto frames = static_cast<size_t>(limit / frame);
         const size_t got = std::fread(bytes, static_cast<size_t>(frame), frames, file->fp);
         delivered = static_cast<int32_t>(got) * frame;
