@@ -523,6 +523,7 @@ void start_device()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
+        if (load_acquire(stop_output) != 0) return; // a key was faster: nothing is to sound
         require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
     } else if (state != SND_PCM_STATE_RUNNING) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
