@@ -583,7 +583,9 @@ void tell_progress()
 
 // Waits until the device has played what it holds, or can have. Closing it would drop that. Some
 // devices never tell that they ran empty, and one that drains by itself may stay so: neither holds
-// the thread longer than its queue lasts, and a tenth more.
+// the thread longer than its queue lasts, and a tenth more. To ask for the room makes the kernel
+// find the queue empty and stop the card, with what is still on its way to it: a card is left to
+// find that out by itself, and asked only when the queue should be over.
 void let_play_out(bool in_order, uint32_t pause)
 {
     using clock = std::chrono::steady_clock;
@@ -592,16 +594,16 @@ void let_play_out(bool in_order, uint32_t pause)
         const bool plays = state == SND_PCM_STATE_RUNNING && load_acquire(stop_output) == 0;
         return state == SND_PCM_STATE_DRAINING || (in_order && plays);
     };
-    const auto queued_microseconds = [] {
-        const int64_t queued = queued_frames();
-        return queued == 0 ? 0 : queued * 1000000 / output_rate + 1;
-    };
-    int64_t left = queued_microseconds();
-    const auto latest = clock::now() + std::chrono::microseconds(left + left / 10);
-    while (left > 0 && waits() && clock::now() < latest && !poll_keyboard()) {
+    using std::chrono::microseconds;
+    constexpr int64_t shortest = 1000; // microseconds of a pause once the queue should be over
+    const microseconds queue(queued_frames() * 1000000 / output_rate);
+    const auto over = clock::now() + queue + queue / 20;
+    const auto latest = clock::now() + queue + queue / 10;
+    while (waits() && clock::now() < latest && !poll_keyboard()) {
+        const auto left = std::chrono::duration_cast<microseconds>(over - clock::now()).count();
+        if (left <= 0 && queued_frames() == 0) return;
         tell_progress();
-        usleep(static_cast<uint32_t>(std::min(left, int64_t{pause})));
-        left = queued_microseconds();
+        usleep(static_cast<uint32_t>(std::min(std::max(left, shortest), int64_t{pause})));
     }
 }
 
