@@ -196,7 +196,7 @@ play_result play_until_banner(const std::string &name)
 // A name with a directory is shown twice, and a long one on a line of its own.
 TEST(play_console, banner_shows_the_name_as_it_was_given)
 {
-    const std::string path = wave_of_seconds("a.wav", 1);
+    wave_of_seconds("a.wav", 1);
     const std::string longer = wave_of_seconds("a-name-that-is-longer-than-a-line-holds.wav", 1);
     const auto short_one = play_until_banner("a.wav");
     EXPECT_NE(short_one.out.find("total 0:01 \"a.wav\"\n"), std::string::npos);
