@@ -70,9 +70,8 @@ bytes format_body(const wav_settings &s)
     bytes body = joined({le(s.tag, 2), le(s.channels, 2), le(s.rate, 4),
                          le(int64_t{s.rate} * align, 4), le(align, 2), le(s.bits, 2)});
     if (s.tag == extended_tag) {
-        put_bytes(body,
-                  joined({le(22, 2), le(s.valid_bits != 0 ? s.valid_bits : s.bits, 2), le(3, 4),
-                          le(s.sub_format, 2), be(0x1000, 6), be(0x800000AA00389B71, 8)}));
+        put_bytes(body, joined({le(22, 2), le(s.bits, 2), le(3, 4), le(s.sub_format, 2),
+                                be(0x1000, 6), be(0x800000AA00389B71, 8)}));
     }
     body.resize(s.format_bytes.value_or(body.size()));
     return body;

@@ -54,7 +54,6 @@ struct wav_settings {
     int rate = 44100;                   // Hz
     int bits = 16;                      // stored width of a sample
     int sub_format = 1;                 // of the extended form
-    int valid_bits = 0;                 // of the extended form; 0: bits
     std::optional<int> block_align;     // bytes of a frame; else as channels and bits give it
     std::optional<size_t> format_bytes; // of the "fmt " body; else 16, or 40 extended
     bytes before_format;                // whole chunks
