@@ -12,13 +12,14 @@
 #include "sonivane.h"
 
 struct scalar_family {
+    size_t entries; // that a step reads out
     std::vector<std::vector<float>> tables;
     std::array<std::vector<float>, 2> sides{}; // the rings, left and right
     size_t steps = 0;
 };
 
 struct scalar_filter {
-    scalar_family family44; // one table: the taps folded over the 8 output frames of an input
+    scalar_family family44; // one table: sums of 8 taps, block by block from the end to the start
     scalar_family family48; // four: the taps turned left by 0 to 3 entries, then four zeros
     int64_t rate_sum = 0;
 };
@@ -26,11 +27,13 @@ struct scalar_filter {
 inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set &taps48)
 {
     const float gain = 0.9F;
-    scalar_filter f{{{{}}}, {{{}, {}, {}, {}}}};
-    for (int32_t end = 1; end <= taps44.tap_count + 8; ++end) {
+    scalar_filter f{{8, {{}}}, {1, {{}, {}, {}, {}}}};
+    const int32_t length = taps44.tap_count + 8;
+    for (int32_t i = 0; i < length; ++i) {
+        const int32_t end = (length - i + i % 8 * 2) % length + 1;
         float sum = 0;
-        for (int32_t i = std::max(0, end - 8); i < std::min(end, taps44.tap_count); ++i)
-            sum += taps44.taps[i];
+        for (int32_t k = std::max(0, end - 8); k < std::min(end, taps44.tap_count); ++k)
+            sum += taps44.taps[k];
         f.family44.tables[0].push_back(gain * sum);
     }
     for (size_t turn = 0; turn < 4; ++turn) {
@@ -44,39 +47,36 @@ inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set
     return f;
 }
 
-// Reads out and clears entries from due on, left and right in turn, then adds the input times the
-// table, entered at start, to the whole rings.
-inline void scalar_step(scalar_family &f, size_t due, size_t entries, size_t table, size_t start,
-                        const std::array<float, 2> &input, std::vector<float> &output)
+// Reads out and clears the entries that are due, left and right in turn, then adds the input times
+// the table to the whole rings.
+inline void scalar_step(scalar_family &f, const std::array<float, 2> &input,
+                        std::vector<float> &output)
 {
-    for (size_t a = due; a < due + entries; ++a)
+    const size_t length = f.tables[0].size();
+    const size_t due = f.steps++ * f.entries % length;
+    for (size_t a = due; a < due + f.entries; ++a)
         for (std::vector<float> &side : f.sides) output.push_back(std::exchange(side[a], 0.0F));
-    const std::vector<float> &taps = f.tables[table];
-    const size_t wrap = taps.size() - start;
+    const std::vector<float> &taps = f.tables[due % 4];
+    const size_t start = (length - due) % length / 4 * 4;
     for (size_t side = 0; side < 2; ++side) {
         float *acc = f.sides[side].data();
-        for (size_t a = 0; a < wrap; ++a) acc[a] += input[side] * taps[start + a];
-        for (size_t a = wrap; a < taps.size(); ++a) acc[a] += input[side] * taps[a - wrap];
+        for (size_t a = 0; a < length - start; ++a) acc[a] += input[side] * taps[start + a];
+        for (size_t a = length - start; a < length; ++a)
+            acc[a] += input[side] * taps[a + start - length];
     }
-    ++f.steps;
 }
 
 // Feeds one frame; appends the floats that it gives to output.
 inline void scalar_filter_run(scalar_filter &f, int32_t source_rate,
                               const std::array<float, 2> &input, std::vector<float> &output)
 {
-    scalar_family &family = source_rate == 44100 ? f.family44 : f.family48;
-    const size_t length = family.tables[0].size();
     if (source_rate == 44100) {
-        const size_t start = family.steps * 8 % length;
-        scalar_step(family, (length - start) % length, 8, 0, start, input, output);
+        scalar_step(f.family44, input, output);
         for (size_t i = output.size() - 16; i < output.size(); ++i)
             if ((i % 2 == 0 ? left_cut : right_cut) != 0) output[i] = 0;
     } else if (source_rate > 0) {
-        for (; f.rate_sum < 352800; f.rate_sum += source_rate) {
-            const size_t due = family.steps % length;
-            scalar_step(family, due, 1, due % 4, (length - due) % length / 4 * 4, input, output);
-        }
+        for (; f.rate_sum < 352800; f.rate_sum += source_rate)
+            scalar_step(f.family48, input, output);
         f.rate_sum -= 352800;
     }
 }

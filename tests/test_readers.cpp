@@ -21,43 +21,40 @@ namespace
 struct file_row {
     std::string what;
     bytes content;
-    std::optional<bytes> delivered = {}; // nothing: the file is refused
-    std::string printed = {};            // by the readers, on standard error
-    std::optional<int64_t> length = {};  // data_bytes; nothing: of what is delivered
-    int32_t at_end = -1;                 // result of a call behind the last one
-    off64_t longer = 0;                  // bytes of the whole file, where content is its begin
+    std::optional<bytes> delivered = {};     // nothing: the file is refused
+    std::optional<std::string> printed = ""; // by the readers, on standard error; nothing: any
+    std::optional<int64_t> length = {};      // data_bytes; nothing: of what is delivered
+    int32_t at_end = -1;                     // result of a call behind the last one
+    off64_t longer = 0;                      // bytes of the file, where content is its begin
 };
 
-// What the opener, and the reader that it chose in requests of count bytes, make of a file.
-struct played {
-    soundfile file{};
-    int32_t verdict;
-    std::string printed;
-    bytes delivered;
-    size_t calls = 0; // that delivered
-    int32_t at_end = 0;
+constexpr wave_format every_dsd_file = {0, 2, 2822400, 705600, 2, 1, 22, 0, 1, {}, {}};
 
-    played(const bytes &content, int32_t count, off64_t longer = 0)
-    {
-        file.path = const_cast<char *>(memory_file(content.data(), content.size()));
-        EXPECT_TRUE(longer == 0 || truncate64(file.path, longer) == 0);
-        testing::internal::CaptureStderr();
-        verdict = open_soundfile(&file);
-        printed = testing::internal::GetCapturedStderr();
-        if (verdict == 0) read_all(count);
-        std::fclose(file.fp);
+// Reads an open file to its end in requests of count bytes.
+void check_sound(const file_row &row, soundfile *file, int32_t count)
+{
+    const bool pcm = file->container == container_wav;
+    bytes part(static_cast<size_t>(count));
+    bytes all;
+    for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(file, nullptr, few), 1);
+    size_t calls = 0;
+    for (int32_t got; (got = read_samples(file, part.data(), count)) > 0; ++calls)
+        all.insert(all.end(), part.begin(), part.begin() + got);
+    EXPECT_EQ(all, *row.delivered);
+    EXPECT_EQ(read_samples(file, part.data(), count), row.at_end);
+    const auto unit = static_cast<size_t>(pcm ? file->wave.nBlockAlign : 8);
+    const size_t whole = part.size() / unit * unit;
+    EXPECT_EQ(calls, (all.size() + whole - 1) / whole); // only the last one gives less
+    const size_t side = pcm ? all.size() : all.size() / 2;
+    EXPECT_EQ(file->data_bytes, row.length.value_or(static_cast<int64_t>(side)));
+    if (pcm) {
+        constexpr snd_pcm_format_t formats[] = {SND_PCM_FORMAT_U8, SND_PCM_FORMAT_S16_LE,
+                                                SND_PCM_FORMAT_S24_3LE, SND_PCM_FORMAT_S32_LE};
+        EXPECT_EQ(file->sample_format, formats[unit / 2 - 1]);
+    } else {
+        EXPECT_EQ(std::memcmp(&file->wave, &every_dsd_file, sizeof every_dsd_file), 0);
     }
-
-    void read_all(int32_t count)
-    {
-        bytes part(static_cast<size_t>(count));
-        for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(&file, nullptr, few), 1);
-        const auto read = [&] { return read_samples(&file, part.data(), count); };
-        for (int32_t got = read(); got > 0; got = read(), ++calls)
-            delivered.insert(delivered.end(), part.begin(), part.begin() + got);
-        at_end = read();
-    }
-};
+}
 
 // Bytes that the process has reserved, touched or not.
 int64_t reserved_bytes()
@@ -71,27 +68,24 @@ int64_t reserved_bytes()
 // or time that its bytes do not bear out.
 void check(const file_row &row)
 {
-    SCOPED_TRACE(row.what);
     const int64_t reserved = reserved_bytes();
     const std::clock_t begin = std::clock(); // processor time
     for (const int32_t count : {8, 15, 24, 3072, 65536}) {
-        const played p(row.content, count, row.longer);
-        const std::string skip = std::string("file format of ") + p.file.path + " unknown. Skip\n";
-        EXPECT_EQ(p.printed, row.printed + (row.delivered ? "" : skip));
-        ASSERT_EQ(p.verdict, row.delivered ? 0 : -1);
-        if (!row.delivered) continue;
-        EXPECT_EQ(p.delivered, *row.delivered);
-        EXPECT_EQ(p.at_end, row.at_end);
-        const bool is_pcm = p.file.container == container_wav;
-        const size_t unit = is_pcm ? static_cast<size_t>(p.file.wave.nBlockAlign) : 8;
-        const size_t whole = static_cast<size_t>(count) / unit * unit;
-        const size_t all = p.delivered.size();
-        EXPECT_EQ(p.calls, (all + whole - 1) / whole); // only the last one gives less
-        const auto side = static_cast<int64_t>(is_pcm ? all : all / 2);
-        EXPECT_EQ(p.file.data_bytes, row.length.value_or(side));
+        SCOPED_TRACE(row.what + ", requests of " + std::to_string(count));
+        soundfile file{};
+        file.path = const_cast<char *>(memory_file(row.content.data(), row.content.size()));
+        ASSERT_TRUE(row.longer == 0 || truncate64(file.path, row.longer) == 0);
+        testing::internal::CaptureStderr();
+        const int32_t verdict = open_soundfile(&file);
+        const std::string printed = testing::internal::GetCapturedStderr();
+        const std::string skip = std::string("file format of ") + file.path + " unknown. Skip\n";
+        EXPECT_EQ(printed, row.printed ? *row.printed + (row.delivered ? "" : skip) : printed);
+        EXPECT_EQ(verdict, row.delivered ? 0 : -1);
+        if (verdict == 0 && row.delivered) check_sound(row, &file, count);
+        std::fclose(file.fp);
     }
-    EXPECT_LT(reserved_bytes() - reserved, 16 << 20);
-    EXPECT_LT(std::clock() - begin, 5 * CLOCKS_PER_SEC);
+    EXPECT_LT(reserved_bytes() - reserved, 16 << 20) << row.what;
+    EXPECT_LT(std::clock() - begin, 5 * CLOCKS_PER_SEC) << row.what;
 }
 
 void check_all(std::initializer_list<file_row> rows)
@@ -108,13 +102,6 @@ bytes without(bytes content, long from, long n)
 {
     content.erase(content.begin() + from, content.begin() + from + n);
     return content;
-}
-
-bytes repeated(const bytes &part, int times)
-{
-    bytes result;
-    for (int i = 0; i < times; ++i) put_bytes(result, part);
-    return result;
 }
 
 // Two channels whose bytes in turn are the sound of every file: DSD, or PCM of 8 or 16 bits.
@@ -135,35 +122,25 @@ bytes wav(wav_settings s, const bytes &data = heard)
     return make_wav(s);
 }
 
-// The head of a chunk, with a size of its own.
-bytes list_of(uint32_t size)
-{
-    return joined({text("LIST"), le(size, 4)});
-}
-
-TEST(readers, wav_headers)
+TEST(readers, wav_headers_play_or_are_refused)
 {
     const bytes good = wav({});
-    const bytes odd = wav_chunk("LIST", noise(2, 5));
     const bytes odd_format = wav({.format_bytes = 17});
     const bytes three = wav({.channels = 3, .bits = 8}, dsd_frames(left, right, 3));
     const bytes other = wav_chunk("fmt ", joined({le(1, 2), le(1, 2), bytes(8), le(0x80001, 4)}));
-    const auto before_data = [](const bytes &chunks) { return wav({.before_data = chunks}); };
+    const auto list_of = [](uint32_t size) {
+        return wav({.before_data = joined({text("LIST"), le(size, 4)})});
+    };
     check_all({
-        {"good", good, heard},
-        {"one channel", wav({.channels = 1, .bits = 8}, left), dsd_frames(left, left)},
-        {"3 channels", three, heard},
         {"3 channels, cut in a frame", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "",
          72},
-        {"cut in a frame", first_of(good, 44 + 23), first_of(heard, 20), "", 72},
         {"data inside a frame", wav({.data_size = 13}), first_of(heard, 12), "", 13},
         {"3 GiB told", wav({.data_size = huge / 4 * 3}), heard, "", huge / 4 * 3},
-        {"odd chunks", wav({.before_format = odd, .before_data = odd, .after_data = odd}), heard},
         {"\"fmt \" of 44", wav({.tag = 0xFFFE, .format_bytes = 44}), heard},
         {"\"fmt \" of 45", wav({.tag = 0xFFFE, .format_bytes = 45})},
         {"odd \"fmt \" with a pad byte", odd_format},
         {"odd \"fmt \" without", without(odd_format, 37, 1), heard},
-        {"two \"fmt \"", before_data(other), heard},
+        {"two \"fmt \"", wav({.before_data = other}), heard},
         {"no \"fmt \"", patched(good, 15, {'X'})},
         {"data before it", wav({.before_format = wav_chunk("data", heard)}, {}), bytes{}},
         {"form size of 0", patched(good, 4, bytes(4)), heard},
@@ -175,11 +152,10 @@ TEST(readers, wav_headers)
         {"samples of 4096 bytes", wav({.channels = 1, .block_align = 4096})},
         {"0 bits in a frame of 4", wav({.bits = 0, .block_align = 4}), heard},
         // A size taken as a negative number seeks backward for ever; its sum with a header wraps.
-        {"chunk of 0xFFFFFFF7", before_data(list_of(0xFFFFFFF7))},
-        {"chunk of 2^32 - 8", before_data(list_of(0xFFFFFFF8))},
-        {"chunk of 2^32 - 1 counts as empty", before_data(list_of(0xFFFFFFFF)), heard},
-        {"lists in lists", before_data(repeated(list_of(0), 200)), heard},
-        {"10000 chunks", before_data(repeated(odd, 10000)), heard},
+        {"chunk of 0xFFFFFFF7", list_of(0xFFFFFFF7)},
+        {"chunk of 2^32 - 8", list_of(0xFFFFFFF8)},
+        {"chunk of 2^32 - 1 counts as empty", list_of(0xFFFFFFFF), heard},
+        {"10000 chunks", wav({.before_data = bytes(80000)}), heard},
         {"cut in a size", first_of(good, 18), {}, short_number},
         {"RIFF", text("RIFF"), {}, short_tag},
         {"RIF", text("RIF"), {}, short_tag + short_tag + short_tag}, // all but the first reader
@@ -187,7 +163,7 @@ TEST(readers, wav_headers)
     });
 }
 
-TEST(readers, rf64_headers)
+TEST(readers, rf64_sizes_must_agree)
 {
     const bytes good = make_rf64({.data = heard});
     const auto told = [](int64_t size) { return make_rf64({.channels = 1, .data_size = size}); };
@@ -195,7 +171,6 @@ TEST(readers, rf64_headers)
     bytes long_sizes = patched(good, 16, le(41, 4));
     long_sizes.insert(long_sizes.begin() + 48, 13, 0xEE);
     check_all({
-        {"good", good, heard},
         {"size word", patched(good, 4, {0xFE})},
         {"form", patched(good, 8, {'w'})},
         {"first chunk", patched(good, 12, {'x'})},
@@ -211,7 +186,6 @@ TEST(readers, rf64_headers)
         {"largest share", told(0x3FFFFFFFFFFFFFFE), bytes{}, "", INT64_MAX - 3},
         // Twice this is below 0 in 64 bits, and a large positive number in the low 32.
         {"share of 2^64 - 2^32 - 2^31 - 32", told(0x7FFFFFFF3FFFFFF0)},
-        {"cut in a size", first_of(good, 30), {}, short_number},
     });
 }
 
@@ -224,11 +198,12 @@ std::string block_report(uint32_t size)
                               std::to_string(static_cast<int32_t>(size)) + "\n";
 }
 
-TEST(readers, dsf_headers)
+TEST(readers, dsf_headers_play_or_are_refused)
 {
     const bytes good = make_dsf({.left = left, .right = right});
-    const bytes long_chunks =
-        make_dsf({.left = left, .right = right, .dsd_chunk_bytes = 40, .format_chunk_bytes = 61});
+    bytes long_chunks = patched(patched(good, 4, {40}), 32, {61});
+    long_chunks.insert(long_chunks.begin() + 80, 9, 0);
+    long_chunks.insert(long_chunks.begin() + 28, 12, 0);
     const auto with = [&](size_t at, const bytes &bytes) { return patched(good, at, bytes); };
     const auto blocks = [&](uint32_t size) { return patched(good, 72, le(size, 4)); };
     const bytes filler(4060, 0x77); // of the blocks, turned
@@ -268,7 +243,7 @@ TEST(readers, dsf_headers)
 
 // Ends inside a byte, a group of 8, a block. The buffer keeps its largest size: what an earlier
 // file left in it is never heard.
-TEST(readers, dsf_blocks)
+TEST(readers, dsf_sound_ends_inside_a_byte_a_group_or_a_block)
 {
     const struct {
         uint32_t channels;
@@ -297,25 +272,14 @@ TEST(readers, dsf_blocks)
 // --- DSDIFF -------------------------------------------------------------------------------------
 
 constexpr auto chunk = dsdiff_chunk;
+constexpr auto form = dsdiff_form;
+constexpr auto properties = dsdiff_properties;
+constexpr auto channels = dsdiff_channels;
+constexpr auto head_of = dsdiff_head;
 const bytes version = chunk("FVER", be(0x01050000, 4));
 const bytes rate = chunk("FS  ", be(2822400, 4));
 const bytes sound = chunk("DSD ", heard);
-
-bytes channels(const std::string &names, size_t count)
-{
-    return chunk("CHNL", joined({be(count, 2), text(names)}));
-}
 const bytes stereo = channels("SLFTSRGT", 2);
-
-bytes properties(std::initializer_list<bytes> parts)
-{
-    return chunk("PROP", joined({text("SND "), joined(parts)}));
-}
-
-bytes form(std::initializer_list<bytes> parts)
-{
-    return chunk("FRM8", joined({text("DSD "), joined(parts)}));
-}
 
 // A file with more among its properties; with more before its sound.
 bytes dff_property(const bytes &chunks)
@@ -327,13 +291,7 @@ bytes dff_before(const bytes &chunks)
     return form({version, properties({rate, stereo}), chunks, sound});
 }
 
-// The head of a chunk, with a size of its own.
-bytes head_of(const char *name, uint64_t size)
-{
-    return joined({text(name), be(size, 8)});
-}
-
-TEST(readers, dsdiff_headers)
+TEST(readers, dsdiff_headers_play_or_are_refused)
 {
     const bytes good = dff_before({});
     const bytes least = form({properties({rate, stereo}), sound});
@@ -347,7 +305,6 @@ TEST(readers, dsdiff_headers)
     };
     const bytes all_from_the_first = joined({bytes(2), text("DSD "), be(72, 8), heard, {150, 150}});
     check_all({
-        {"no version", least, heard},
         {"any version", patched(good, 28, bytes(4, 0xFF)), heard},
         {"version of 8 bytes", dff_before(joined({head_of("FVER", 8), bytes(4)}))},
         {"another tag", patched(good, 3, {'9'})},
@@ -373,21 +330,16 @@ TEST(readers, dsdiff_headers)
         {"DST sound", dff_before(chunk("DST ", {}))},
         {"DST index", dff_before(chunk("DSTI", {}))},
         {"one byte told for two", patched(patched(least, 27, {40}), 59, {8})},
-        {"one name told more", dff_property(channels("SLFTSRGT", 3))},
         {"bytes behind the names", dff_property(channels("SLFTSRGT\n\n", 2))},
-        {"another list", dff_property(other), swapped},
         {"another list, of 1", dff_property(channels("", 1))},
         {"another list, of 7", dff_property(channels("", 7))},
         {"three channels, then two", form({properties({rate, three, other}), sound}), swapped},
-        {"two \"PROP\"", dff_before(properties({other})), swapped},
         {"comment of 2^32 + 4", dff_before(joined({head_of("COMT", huge + 4), bytes(4)}))},
         {"odd comment", dff_before(chunk("COMT", bytes(7, 0xEE))), heard},
-        {"comment of 400 kB", dff_before(chunk("COMT", bytes(400000, 'D'))), heard},
         {"form of 3 bytes", patched(good, 4, be(3, 8)), heard},
         {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8))},
         {"properties of 0 bytes", patched(least, 20, bytes(8))},
         {"properties that go on", patched(least, 20, be(1000, 8))},
-        {"properties in properties", dff_property(repeated(head_of("PROP", 0), 200)), heard},
         {"chunk of 2^64 - 12", dff_before(head_of("COMT", UINT64_MAX - 11))},
         {"property of 2^64 - 12", dff_property(head_of("ODD ", UINT64_MAX - 11))},
         {"sound of 2^64 - 1", patched(good, good.size() - 80, bytes(8, 0xFF)), heard, "",
@@ -395,22 +347,30 @@ TEST(readers, dsdiff_headers)
         {"two sounds", dff_before(chunk("DSD ", bytes(2))), all_from_the_first, "", 1},
         {"words behind the sound", joined({good, text("MANFMANF")}),
          joined({heard, text("MANFMANF")}), "", 36},
-        {"cut in 64 bits", first_of(good, 10), {}, short_number},
-        {"cut in 32 bits", first_of(good, 62), {}, short_number},
         {"cut in 16 bits", first_of(good, 77), {}, short_number},
     });
 }
 
+// A header, and behind it frames of left and right at their places and a part of a frame; place -1:
+// the file is refused.
+void check_places(const std::string &what, const bytes &header, size_t count, int left_at,
+                  size_t right_at)
+{
+    const auto place = static_cast<size_t>(std::max(left_at, 0));
+    file_row row = {what, joined({header, dsd_frames(left, right, count, place, right_at),
+                                  bytes(count - 1, 0xEE)})};
+    if (left_at >= 0) row.delivered = heard;
+    check(row);
+}
+
 // The last one of a name counts; a right channel found before place 1 stays.
-TEST(readers, dsdiff_channel_lists)
+TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
 {
     const struct {
         std::string names;
-        int left; // place in a frame; -1: refused
+        int left;
         size_t right;
     } cases[] = {
-        {"SLFTSRGT", 0, 1},
-        {"SRGTSLFT", 1, 0},
         {"MLFTMRGTC   LFE LS  RS  ", 0, 1},
         {"C   SLFTSRGT", 1, 2},
         {"C   LFE MRGTMLFT", 3, 2},
@@ -428,38 +388,16 @@ TEST(readers, dsdiff_channel_lists)
     };
     for (const auto &[names, left_at, right_at] : cases) {
         const size_t count = names.size() / 4;
-        file_row row = {names, form({properties({rate, channels(names, count)}), sound})};
-        if (left_at >= 0) {
-            const auto place = static_cast<size_t>(left_at);
-            row.content.resize(row.content.size() - heard.size());
-            put_bytes(row.content, dsd_frames(left, right, count, place, right_at));
-            row.delivered = heard;
-            row.length = 36 * 2 / static_cast<int64_t>(count); // as the chunk tells
-        }
-        check(row);
-    }
-}
-
-// The sound ends with the file, inside a group or a frame.
-TEST(readers, dsdiff_tails)
-{
-    for (const size_t frames : {0U, 1U, 3U, 4U, 7U, 12U, 1500U, 4096U}) {
-        for (const size_t count : {2U, 3U, 6U}) {
-            const bytes one = noise(8, frames);
-            const bytes two = noise(9, frames);
-            const auto names = std::string("SLFTSRGTC   LFE LS  RS  ").substr(0, 4 * count);
-            const bytes head = form({properties({rate, channels(names, count)})});
-            const bytes file = joined({head, head_of("DSD ", frames * count),
-                                       dsd_frames(one, two, count), bytes(count - 1, 0xEE)});
-            check({std::to_string(frames) + " frames", patched(file, 4, bytes(8, 0xFE)),
-                   dsd_stream_of(one, two), "", static_cast<int64_t>(frames)});
-        }
+        check_places(names,
+                     form({properties({rate, channels(names, count)}),
+                           head_of("DSD ", left.size() * count)}),
+                     std::max<size_t>(count, 1), left_at, right_at);
     }
 }
 
 // --- WSD ----------------------------------------------------------------------------------------
 
-TEST(readers, wsd_headers)
+TEST(readers, wsd_headers_play_or_are_refused)
 {
     const bytes good = make_wsd({.data_offset = 64, .frames = heard});
     const auto told = [](int64_t size) { return make_wsd({.file_size = size, .frames = heard}); };
@@ -482,12 +420,10 @@ TEST(readers, wsd_headers)
         {"one channel, right last", wsd(1, 0x7C000000, left), both},
         {"one channel, left last", wsd(1, 0x68000000, left), both},
         {"right beyond the frame", wsd(2, 0x54000000, heard)},
-        {"right last in the frame", wsd(3, 0x54000000, dsd_frames(left, right, 3, 0, 2)), heard},
-        {"cut in a number", first_of(good, 26), {}, short_number},
     });
 }
 
-TEST(readers, wsd_channel_assignments)
+TEST(readers, wsd_channels_lie_where_the_assignment_puts_them)
 {
     const struct {
         uint32_t assignment;
@@ -502,30 +438,16 @@ TEST(readers, wsd_channel_assignments)
         {0x20000000, -1, 0}, {0x08000000, -1, 0}, {0x80000000, -1, 0}, {0x03000000, -1, 0},
         {0x14000000, -1, 0},
     };
-    for (const auto &[assignment, left_at, right_at] : cases) {
-        const auto place = static_cast<size_t>(std::max(left_at, 0));
-        const bytes frames = dsd_frames(left, right, 6, place, right_at);
-        file_row row = {std::to_string(assignment),
-                        make_wsd({.channels = 6, .assignment = assignment, .frames = frames})};
-        if (left_at >= 0) row.delivered = heard;
-        check(row);
-    }
+    const int64_t size = 2048 + 6 * std::ssize(left);
+    for (const auto &[assignment, left_at, right_at] : cases)
+        check_places(std::to_string(assignment),
+                     make_wsd({.channels = 6, .assignment = assignment, .file_size = size}), 6,
+                     left_at, right_at);
 }
 
 // --- The opener ---------------------------------------------------------------------------------
 
-TEST(readers, the_stored_width_decides_of_the_format)
-{
-    const std::pair<wav_settings, int32_t> cases[] = {
-        {{.bits = 24, .block_align = 8}, SND_PCM_FORMAT_S32_LE},
-        {{.tag = 0xFFFE, .bits = 32, .valid_bits = 24}, SND_PCM_FORMAT_S32_LE},
-        {{.tag = 0xFFFE, .bits = 32, .sub_format = 3}, SND_PCM_FORMAT_FLOAT_LE},
-    };
-    for (const auto &[settings, format] : cases)
-        EXPECT_EQ(played(wav(settings), 8).file.sample_format, format);
-}
-
-TEST(readers_death, samples_that_have_no_format)
+TEST(readers, samples_without_a_format_end_the_program)
 {
     const std::pair<wav_settings, int> cases[] = {
         {{.tag = 3, .bits = 64}, 64},
@@ -543,23 +465,7 @@ TEST(readers_death, samples_that_have_no_format)
     }
 }
 
-TEST(readers, all_dsd_containers_look_alike)
-{
-    const wave_format expected = {0, 2, 2822400, 705600, 2, 1, 22, 0, 1, {}, {}};
-    const std::pair<bytes, int32_t> cases[] = {
-        {make_dsf({.left = left, .right = right}), container_dsf},
-        {make_dsdiff({.frames = heard}), container_dsdiff},
-        {make_wsd({.frames = heard}), container_wsd},
-    };
-    for (const auto &[content, container] : cases) {
-        const played p(content, 8);
-        EXPECT_EQ(p.file.container, container);
-        EXPECT_EQ(p.file.bytes_left, 36);
-        EXPECT_EQ(std::memcmp(&p.file.wave, &expected, sizeof expected), 0);
-    }
-}
-
-TEST(readers, nothing_open_gives_nothing)
+TEST(readers, a_file_that_is_not_open_gives_nothing)
 {
     soundfile closed{};
     for (soundfile *file : {static_cast<soundfile *>(nullptr), &closed}) {
@@ -568,16 +474,15 @@ TEST(readers, nothing_open_gives_nothing)
     }
 }
 
-// --- Cut files and skipping ---------------------------------------------------------------------
+// --- Cut files ----------------------------------------------------------------------------------
 
 // Every beginning of a file is refused while its header is not whole. Behind that the sound that is
 // there is played.
-TEST(readers, files_cut_at_every_byte)
+TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
 {
     const bytes odd = wav_chunk("LIST", noise(3, 5));
     const wav_settings settings = {
         .tag = 0xFFFE, .before_format = odd, .before_data = odd, .data = heard};
-    const bytes more = joined({chunk("ABSS", bytes(8)), chunk("LSCO", bytes(2))});
     const struct {
         bytes content;
         size_t header; // bytes that must be there
@@ -586,35 +491,25 @@ TEST(readers, files_cut_at_every_byte)
         {make_wav(settings), 96, 4},
         {make_rf64(settings), 132, 4},
         {make_dsf({.block_bytes = 9, .left = left, .right = right}), 92, 18},
-        {make_dsdiff({.more_properties = more, .frames = heard}), 164, 2},
+        {make_dsdiff({.frames = heard}), 130, 2},
         {make_wsd({.data_offset = 52, .frames = heard}), 52, 2},
     };
     for (const auto &[content, header, unit] : cases) {
         ASSERT_EQ(content.size(), header + heard.size());
         for (size_t length = 0; length <= content.size(); ++length) {
-            SCOPED_TRACE(testing::Message() << length << " bytes, sound at " << header);
-            const played p(first_of(content, length), 24);
-            EXPECT_EQ(p.verdict, length < header ? -1 : 0);
-            if (length < header) continue;
-            const size_t there = (length - header) / unit * unit / 2;
-            bytes expected = dsd_stream_of(first_of(left, there), first_of(right, there));
-            if (p.file.container == container_wav) expected.resize(2 * there);
-            EXPECT_EQ(p.delivered, expected);
+            file_row row = {std::to_string(length) + " of " + std::to_string(content.size()),
+                            first_of(content, length)};
+            row.printed.reset();
+            const bool pcm = unit == 4;
+            row.length = pcm ? 72 : 36;
+            const size_t there = length < header ? 0 : (length - header) / unit * unit / 2;
+            bytes told = dsd_stream_of(first_of(left, there), first_of(right, there));
+            if (pcm) told.resize(2 * there);
+            if (length >= header) row.delivered = told;
+            check(row);
         }
     }
     dsf_release();
-}
-
-// Nothing to skip, nothing to call: a stream that cannot tell its place takes it all the same.
-TEST(readers, skipping_nothing_asks_nothing)
-{
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    std::FILE *stream = fdopen(ends[0], "rb");
-    EXPECT_TRUE(skip_bytes(stream, 0));
-    EXPECT_FALSE(skip_bytes(stream, 1));
-    std::fclose(stream);
-    close(ends[1]);
 }
 
 } // namespace

@@ -64,27 +64,16 @@ bytes pad_byte(const bytes &body)
     return bytes(body.size() % 2);
 }
 
-int block_align_of(const wav_settings &s)
-{
-    return s.block_align >= 0 ? s.block_align : s.channels * s.bits / 8;
-}
-
-uint64_t data_size_of(const wav_settings &s)
-{
-    return s.data_size >= 0 ? static_cast<uint64_t>(s.data_size) : s.data.size();
-}
-
 bytes format_body(const wav_settings &s)
 {
-    const int align = block_align_of(s);
+    const int align = s.block_align.value_or(s.channels * s.bits / 8);
     bytes body = joined({le(s.tag, 2), le(s.channels, 2), le(s.rate, 4),
                          le(int64_t{s.rate} * align, 4), le(align, 2), le(s.bits, 2)});
     if (s.tag == extended_tag) {
-        put_bytes(body,
-                  joined({le(22, 2), le(s.valid_bits != 0 ? s.valid_bits : s.bits, 2), le(3, 4),
-                          le(s.sub_format, 2), be(0x1000, 6), be(0x800000AA00389B71, 8)}));
+        put_bytes(body, joined({le(22, 2), le(s.bits, 2), le(3, 4), le(s.sub_format, 2),
+                                be(0x1000, 6), be(0x800000AA00389B71, 8)}));
     }
-    if (s.format_bytes >= 0) body.resize(static_cast<size_t>(s.format_bytes));
+    body.resize(s.format_bytes.value_or(body.size()));
     return body;
 }
 
@@ -92,8 +81,7 @@ bytes format_body(const wav_settings &s)
 bytes wav_body(const wav_settings &s, uint64_t data_size)
 {
     return joined({s.before_format, wav_chunk("fmt ", format_body(s)), s.before_data, text("data"),
-                   le(data_size, 4), s.data, s.after_data.empty() ? bytes{} : pad_byte(s.data),
-                   s.after_data});
+                   le(data_size, 4), s.data, pad_byte(s.data), s.after_data});
 }
 
 } // namespace
@@ -105,15 +93,15 @@ bytes wav_chunk(const std::string &name, const bytes &body)
 
 bytes make_wav(const wav_settings &s)
 {
-    const bytes body = wav_body(s, data_size_of(s));
+    const bytes body = wav_body(s, s.data_size.value_or(s.data.size()));
     return joined({text("RIFF"), le(body.size() + 4, 4), text("WAVE"), body});
 }
 
 bytes make_rf64(const wav_settings &s)
 {
     const bytes body = wav_body(s, 0xFFFFFFFF);
-    const uint64_t size = data_size_of(s);
-    const auto align = static_cast<uint64_t>(block_align_of(s));
+    const uint64_t size = s.data_size.value_or(s.data.size());
+    const auto align = static_cast<uint64_t>(s.block_align.value_or(s.channels * s.bits / 8));
     const bytes sizes = joined(
         {le(body.size() + 4 + 36, 8), le(size, 8), le(align == 0 ? 0 : size / align, 8), le(0, 4)});
     return joined({text("RF64"), le(0xFFFFFFFF, 4), text("WAVE"), wav_chunk("ds64", sizes), body});
@@ -131,57 +119,64 @@ uint8_t turned(uint8_t byte)
     return result;
 }
 
-// One channel's block; behind the channel's end it is filled with a byte that must never be heard.
-void put_dsf_block(bytes &to, const bytes &channel, size_t from, size_t length)
-{
-    for (size_t i = from; i < from + length; ++i)
-        to.push_back(i < channel.size() ? turned(channel[i]) : uint8_t{0xEE});
-}
-
 } // namespace
-
-bytes dsdiff_chunk(const std::string &name, const bytes &body)
-{
-    return joined({text(name), be(body.size(), 8), body, pad_byte(body)});
-}
 
 bytes make_dsf(const dsf_settings &s)
 {
-    const auto all = static_cast<int64_t>(s.left.size() * 8);
     bytes sound;
-    for (size_t from = 0; s.block_bytes > 0 && from < s.left.size(); from += s.block_bytes) {
-        put_dsf_block(sound, s.left, from, s.block_bytes);
-        put_dsf_block(sound, s.right, from, s.block_bytes);
+    for (size_t from = 0; from < s.left.size(); from += s.block_bytes) {
+        for (const bytes *side : {&s.left, &s.right}) // filled with what must never be heard
+            for (size_t i = from; i < from + s.block_bytes; ++i)
+                sound.push_back(i < side->size() ? turned((*side)[i]) : uint8_t{0xEE});
         put_bytes(sound, noise(77, (s.channels - 2) * s.block_bytes));
     }
-    const size_t size = s.dsd_chunk_bytes + s.format_chunk_bytes + 12 + sound.size();
-    bytes head = joined({text("DSD "), le(s.dsd_chunk_bytes, 8), le(size, 8), le(0, 8)});
-    head.resize(s.dsd_chunk_bytes);
-    bytes format =
-        joined({text("fmt "), le(s.format_chunk_bytes, 8), le(1, 4), le(0, 4), le(2, 4),
-                le(s.channels, 4), le(s.rate, 4), le(1, 4),
-                le(s.sample_count >= 0 ? s.sample_count : all, 8), le(s.block_bytes, 4)});
-    format.resize(s.format_chunk_bytes);
-    return joined({head, format, text("data"), le(sound.size() + 12, 8), sound});
+    const auto all = static_cast<int64_t>(s.left.size() * 8);
+    return joined({text("DSD "), le(28, 8), le(92 + sound.size(), 8), le(0, 8), text("fmt "),
+                   le(52, 8), le(1, 4), le(0, 4), le(2, 4), le(s.channels, 4), le(s.rate, 4),
+                   le(1, 4), le(s.sample_count >= 0 ? s.sample_count : all, 8),
+                   le(s.block_bytes, 4), le(0, 4), text("data"), le(sound.size() + 12, 8), sound});
+}
+
+bytes dsdiff_head(const std::string &name, uint64_t size)
+{
+    return joined({text(name), be(size, 8)});
+}
+
+bytes dsdiff_chunk(const std::string &name, const bytes &body)
+{
+    return joined({dsdiff_head(name, body.size()), body, pad_byte(body)});
+}
+
+bytes dsdiff_form(std::initializer_list<bytes> chunks)
+{
+    return dsdiff_chunk("FRM8", joined({text("DSD "), joined(chunks)}));
+}
+
+bytes dsdiff_properties(std::initializer_list<bytes> chunks)
+{
+    return dsdiff_chunk("PROP", joined({text("SND "), joined(chunks)}));
+}
+
+bytes dsdiff_channels(const std::string &names, size_t count)
+{
+    return dsdiff_chunk("CHNL", joined({be(count, 2), text(names)}));
 }
 
 bytes make_dsdiff(const dsdiff_settings &s)
 {
-    bytes channels = be(s.channels.size(), 2);
-    for (const std::string &name : s.channels) put_bytes(channels, text(name));
-    const bytes properties =
-        joined({text("SND "), dsdiff_chunk("FS  ", be(s.rate, 4)), dsdiff_chunk("CHNL", channels),
-                dsdiff_chunk("CMPR", joined({text("DSD "), {14}, text("not compressed"), {0}})),
-                s.more_properties});
-    return dsdiff_chunk("FRM8", joined({text("DSD "), dsdiff_chunk("FVER", {1, 5, 0, 0}),
-                                        dsdiff_chunk("PROP", properties), s.before_sound,
-                                        text("DSD "), be(s.frames.size(), 8), s.frames}));
+    std::string names;
+    for (const std::string &name : s.channels) names += name;
+    return dsdiff_form(
+        {dsdiff_chunk("FVER", {1, 5, 0, 0}),
+         dsdiff_properties(
+             {dsdiff_chunk("FS  ", be(s.rate, 4)), dsdiff_channels(names, s.channels.size()),
+              dsdiff_chunk("CMPR", joined({text("DSD "), {14}, text("not compressed"), {0}}))}),
+         dsdiff_head("DSD ", s.frames.size()), s.frames});
 }
 
 bytes make_wsd(const wsd_settings &s)
 {
-    const uint64_t size =
-        s.file_size >= 0 ? static_cast<uint64_t>(s.file_size) : s.data_offset + s.frames.size();
+    const uint64_t size = s.file_size.value_or(s.data_offset + s.frames.size());
     bytes head = joined({text("1bit"), be(0x11, 8), be(size & 0xFFFFFFFF, 4), be(size >> 32, 4),
                          be(128, 4), be(s.data_offset, 4), be(0, 8), be(s.rate, 4), be(0, 4),
                          be(s.channels, 1), be(0, 3), be(s.assignment, 4)});

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,20 +42,25 @@ bytes noise(uint32_t seed, size_t n);
 bytes wav_chunk(const std::string &name, const bytes &body);
 bytes dsdiff_chunk(const std::string &name, const bytes &body);
 
+// Parts of a DSDIFF file: the head of a chunk, the form, its properties, their channel list.
+bytes dsdiff_head(const std::string &name, uint64_t size);
+bytes dsdiff_form(std::initializer_list<bytes> chunks);
+bytes dsdiff_properties(std::initializer_list<bytes> chunks);
+bytes dsdiff_channels(const std::string &names, size_t count);
+
 struct wav_settings {
     int tag = 1; // 1 PCM, 3 float, 0xFFFE extended
     int channels = 2;
-    int rate = 44100;      // Hz
-    int bits = 16;         // stored width of a sample
-    int sub_format = 1;    // of the extended form
-    int valid_bits = 0;    // of the extended form; 0: bits
-    int block_align = -1;  // bytes of a frame; -1: as channels and bits give it
-    int format_bytes = -1; // length of the "fmt " body; -1: 16, or 40 extended
-    bytes before_format;   // whole chunks
+    int rate = 44100;                   // Hz
+    int bits = 16;                      // stored width of a sample
+    int sub_format = 1;                 // of the extended form
+    std::optional<int> block_align;     // bytes of a frame; else as channels and bits give it
+    std::optional<size_t> format_bytes; // of the "fmt " body; else 16, or 40 extended
+    bytes before_format;                // whole chunks
     bytes before_data;
     bytes after_data;
-    int64_t data_size = -1; // as the header tells it; -1: the truth
-    bytes data;             // stored frames
+    std::optional<uint64_t> data_size; // as the header tells it; else the truth
+    bytes data;                        // stored frames
 };
 bytes make_wav(const wav_settings &s);
 bytes make_rf64(const wav_settings &s); // data_size stands in the "ds64" chunk
@@ -66,17 +72,13 @@ struct dsf_settings {
     int64_t sample_count = -1; // bits per channel; -1: all of left
     bytes left;                // oldest bit highest; the file gets it turned
     bytes right;               // as long as left; further channels get noise
-    size_t dsd_chunk_bytes = 28;
-    size_t format_chunk_bytes = 52;
 };
 bytes make_dsf(const dsf_settings &s);
 
 struct dsdiff_settings {
     std::vector<std::string> channels = {"SLFT", "SRGT"};
     uint32_t rate = 2822400;
-    bytes more_properties; // whole chunks behind the channels
-    bytes before_sound;    // whole chunks
-    bytes frames;          // stored frames, one byte a channel
+    bytes frames; // stored frames, one byte a channel
 };
 bytes make_dsdiff(const dsdiff_settings &s);
 
@@ -85,7 +87,7 @@ struct wsd_settings {
     uint32_t rate = 2822400;
     uint32_t assignment = 0; // four bytes, the first one highest
     uint32_t data_offset = 2048;
-    int64_t file_size = -1; // as the header tells it; -1: the truth
+    std::optional<uint64_t> file_size; // as the header tells it; else the truth
     bytes frames;
 };
 bytes make_wsd(const wsd_settings &s);

@@ -1,22 +1,16 @@
 // The oversampling filter: its run against the scalar one, its set-up and its coefficient sets.
-#include "common.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <numbers>
-#include <numeric>
 #include <random>
-#include <string>
-#include <vector>
 
+#include "common.h"
 #include "scalar_filter.h"
 
 // Aligned allocations that succeed before one fails; below 0: none fails.
@@ -38,18 +32,6 @@ void operator delete(void *memory, std::align_val_t) noexcept
 namespace
 {
 
-// Of vectors, in floats. The processor may lack any but the first.
-constexpr std::array<int32_t, 3> widths{4, 8, 16};
-
-struct filter_test : testing::Test {
-    void TearDown() override
-    {
-        coeff_filter_take_form(0);
-        left_cut = right_cut = flag_off;
-        allocations_left = -1;
-    }
-};
-
 // Noise, impulses, denormals and full scale in turn. Repeatable.
 std::array<float, 2> next_frame(std::minstd_rand &noise, int64_t at)
 {
@@ -61,129 +43,89 @@ std::array<float, 2> next_frame(std::minstd_rand &noise, int64_t at)
     return kinds[at / 1499 % std::ssize(kinds)];
 }
 
-void feed_filter(const std::array<float, 2> &input, std::vector<float> &output)
-{
-    int32_t count = -1;
-    const float *floats = coeff_filter_run(input.data(), &count);
-    output.insert(output.end(), floats, floats + count);
-}
+// The sets of both families. The last ones are shorter than what is worked out at a time.
+struct set_pair {
+    coeff_set family44;
+    coeff_set family48;
+} const pairs[]{{set_44k_normal, set_48k_normal},
+                {set_44k_short, set_48k_short},
+                {{24, set_44k_short.taps + 388}, {16, set_48k_short.taps + 88}}};
 
 // One stream over source rates, that many frames of each, whose channels are cut left, right and
 // both in turn: through the scalar filter, or, if it is null, through the shipped one.
-std::vector<float> run_rates(const std::vector<int32_t> &rates, int32_t use_short, int64_t frames,
-                             scalar_filter *model)
+std::vector<float> run_rates(const std::vector<int32_t> &rates, const set_pair &sets,
+                             int64_t frames, scalar_filter *model)
 {
+    const coeff_row rows[]{
+        {44100, 352800, &sets.family44}, {0, 352800, &sets.family48}, {-1, -1, nullptr}};
     std::minstd_rand noise;
     std::vector<float> output;
+    const auto run_shipped = [&output](const std::array<float, 2> &input) {
+        int32_t count = -1;
+        const float *floats = coeff_filter_run(input.data(), &count);
+        output.insert(output.end(), floats, floats + count);
+    };
     for (size_t i = 0; i < rates.size(); ++i) {
         left_cut = (i & 1) != 0 ? flag_on : flag_off;
         right_cut = (i & 2) != 0 ? flag_on : flag_off;
-        if (model == nullptr) coeff_filter_init(rates[i], 352800, 2, use_short);
+        if (model == nullptr) coeff_filter_init_rows(rows, rates[i], 352800, 2);
         for (int64_t k = rates[i] < 2 ? frames - 1 : 0; k < frames; ++k) // 1 Hz gives a lot
-            model == nullptr ? feed_filter(next_frame(noise, k), output)
+            model == nullptr ? run_shipped(next_frame(noise, k))
                              : scalar_filter_run(*model, rates[i], next_frame(noise, k), output);
     }
+    coeff_filter_free(); // it knows the rows
+    left_cut = right_cut = flag_off;
     return output;
 }
 
-void compare_forms(const std::vector<int32_t> &rates, int32_t use_short, int64_t frames)
+void compare_forms(const std::vector<int32_t> &rates, const set_pair &sets, int64_t frames)
 {
-    auto model = use_short != 0 ? make_scalar_filter(set_44k_short, set_48k_short)
-                                : make_scalar_filter(set_44k_normal, set_48k_normal);
-    const auto expected = run_rates(rates, use_short, frames, &model);
-    for (const int32_t width : widths) {
-        if (!coeff_filter_take_form(width)) continue;
-        const auto output = run_rates(rates, use_short, frames, nullptr);
+    scalar_filter model = make_scalar_filter(sets.family44, sets.family48);
+    const auto expected = run_rates(rates, sets, frames, &model);
+    for (const int32_t width : {4, 8, 16}) { // of vectors, in floats
+        const bool present = coeff_filter_take_form(width);
+        ASSERT_TRUE(present || width > 4);
+        if (!present) continue;
+        const auto output = run_rates(rates, sets, frames, nullptr);
         ASSERT_EQ(output.size(), expected.size()) << width << " " << rates[0];
         ASSERT_EQ(std::memcmp(output.data(), expected.data(), output.size() * sizeof(float)), 0)
-            << width << " floats, " << rates[0] << " Hz, short " << use_short;
+            << width << " floats, " << rates[0] << " Hz, " << sets.family44.tap_count << " taps";
     }
+    coeff_filter_take_form(0);
 }
 
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-constexpr int64_t frames_to_compare = 72000; // a million over all rates and sets
+constexpr int64_t frames_to_compare = 72000; // over a million over all rates and sets
 #else
 constexpr int64_t frames_to_compare = 3000; // more than the longest table, twice
 #endif
 
-TEST_F(filter_test, equals_the_scalar_filter_bit_for_bit)
+TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
     const int64_t frames = std::getenv("SONIVANE_FULL") != nullptr ? 1000000 : frames_to_compare;
     for (const int32_t rate : {44100, 48000, 88200, 96000, 192000, 352800, 384000})
-        for (const int32_t use_short : {0, 1}) compare_forms({rate}, use_short, frames);
+        for (const set_pair &sets : pairs) compare_forms({rate}, sets, frames);
 }
 
 // A second set-up changes the rates of a running stream, and nothing else. Most of these demand
-// more room for the output than the one before.
-TEST_F(filter_test, keeps_its_stream_over_set_ups_cuts_and_hostile_rates)
+// more room for the output than the one before; from those below 1 nothing comes.
+TEST(filter, keeps_its_stream_over_set_ups_cuts_and_hostile_rates)
 {
     compare_forms({384000, 352801, 352799,  48000,       44101,   44100, 44100,
                    44100,  44100,  44099,   22050,       10000,   8000,  1,
                    0,      -1,     INT_MIN, INT_MAX - 1, INT_MAX, 44100, 48000},
-                  1, std::min<int64_t>(frames_to_compare, 7000));
+                  pairs[1], std::min<int64_t>(frames_to_compare, 7000));
 }
 
-TEST_F(filter_test, gives_nothing_without_a_filter_a_rate_or_a_place_for_the_count)
+int32_t set_up(int32_t allocations, int32_t source_rate, int32_t target_rate, int32_t channels)
 {
-    const std::array<float, 2> input{1, 1};
-    int32_t count = -1;
-    EXPECT_EQ(coeff_filter_run(input.data(), &count), nullptr);
-    for (const int32_t rate : {48000, 0, -1, INT_MIN}) {
-        coeff_filter_init(rate, 352800, 2, 1);
-        EXPECT_EQ(coeff_filter_run(input.data(), rate > 0 ? nullptr : &count), nullptr) << rate;
-        EXPECT_EQ(count, 0) << rate;
-    }
-}
-
-// Taps that count upward answer an impulse of 1.0 left and 2.0 right, in an early call of the first
-// turn of the table or of a later one.
-TEST_F(filter_test, answers_an_impulse_as_reckoned_by_hand)
-{
-    std::array<float, 24> taps{};
-    std::iota(taps.begin(), taps.end(), 1.0F);
-    const coeff_set set_24{24, taps.data()};
-    const coeff_set set_16{16, taps.data()};
-    const coeff_row rows[]{{44100, 352800, &set_24}, {0, 352800, &set_16}, {-1, -1, nullptr}};
-    const struct {
-        int32_t rate, turn, call, first; // calls of a turn; the first output frame of the figures
-        std::vector<double> figures;     // in units of the gain, 0.9
-    } cases[]{
-        {44100, 4, 3, 32, {147, 129, 110, 90,  69,  47, 24, 0,  108, 116, 124,
-                           132, 140, 148, 156, 164, 44, 52, 60, 68,  76,  84,
-                           92,  100, 1,   3,   6,   10, 15, 21, 28,  36}},
-        {352800, 20, 0, 1, {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 0, 0, 0, 0, 1}},
-        {352800, 20, 1, 4, {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1}},
-        {352800, 20, 2, 4, {3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2}},
-        {352800, 20, 3, 4, {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2, 3}},
-    };
-    for (const auto &[rate, turn, call, first, figures] : cases)
-        for (const int32_t width : widths)
-            for (const int32_t at : {call, turn + call, 17 * turn + call}) {
-                const bool present = coeff_filter_take_form(width);
-                ASSERT_TRUE(present || width > 4);
-                if (!present) continue;
-                coeff_filter_init_rows(rows, rate, 352800, 2);
-                std::vector<float> output;
-                for (int32_t i = 0; i < at + 60; ++i)
-                    feed_filter({i == at ? 1.0F : 0.0F, i == at ? 2.0F : 0.0F}, output);
-                std::vector<double> due(output.size() / 2);
-                std::copy(figures.begin(), figures.end(),
-                          due.begin() + (at - call) * (352800 / rate) + first);
-                for (size_t i = 0; i < output.size(); ++i)
-                    ASSERT_NEAR(output[i], (i % 2 == 0 ? 0.9 : 1.8) * due[i / 2], 4e-5)
-                        << width << " floats, " << rate << " Hz, call " << at << ", float " << i;
-            }
-}
-
-// Prints the flags when the process leaves, which only a plain exit does.
-void init_at_exit(int32_t target_rate, int32_t channels, int32_t allocations)
-{
-    std::atexit([] { std::fprintf(stderr, " flags %d %d", int{stop_output}, int{interrupted}); });
     allocations_left = allocations;
-    coeff_filter_init(48000, target_rate, channels, 0);
+    const int32_t result = coeff_filter_init(source_rate, target_rate, channels, 0);
+    allocations_left = -1;
+    return result;
 }
 
-TEST_F(filter_test, leaves_with_its_report_when_set_up_fails)
+TEST(filter, leaves_with_its_report_when_set_up_fails)
 {
     const struct {
         int32_t target_rate, channels, allocations, number; // allocations that succeed
@@ -202,16 +144,14 @@ TEST_F(filter_test, leaves_with_its_report_when_set_up_fails)
         {352800, 2, 6, 253, "work area could not allocated\\."},
     };
     for (const auto &[target_rate, channels, allocations, number, text] : cases)
-        EXPECT_EXIT(init_at_exit(target_rate, channels, allocations),
+        EXPECT_EXIT(set_up(allocations, 48000, target_rate, channels),
                     testing::ExitedWithCode(number),
-                    "\nERROR common " + std::to_string(number) + " " + text + " flags -1 -1$");
-    allocations_left = 7; // no more are made
-    EXPECT_EQ(coeff_filter_init(48000, 352800, 2, 0), -1);
-    // A source of so low a rate needs more room for the output, of which there is none left.
-    EXPECT_EXIT(coeff_filter_init(1, 352800, 2, 0), testing::ExitedWithCode(241), "common 241 ");
+                    "\nERROR common " + std::to_string(number) + " " + text + "$");
+    EXPECT_EQ(set_up(7, 48000, 352800, 2), -1); // no more are made
+    // A source of so low a rate needs more room for the output.
+    EXPECT_EXIT(set_up(0, 1, 352800, 2), testing::ExitedWithCode(241), "common 241 ");
+    coeff_filter_free();
 }
-
-// --- The coefficient sets -----------------------------------------------------------------------
 
 // In Hz: the rate; flat within 0.01 dB up to, -3 dB, -6 dB, and under -60, -80 and -100 dB from.
 const struct {
@@ -260,12 +200,10 @@ TEST(coefficient_sets, respond_as_published_and_are_what_the_tool_computes)
         const std::vector<double> level = levels(*set);
         const double bin = rate / (4.0 * tap_count);
         constexpr std::array<double, 6> limits{-0.01, -3, -6, -60, -80, -100};
-        for (size_t i = 0; i < limits.size(); ++i) {
+        for (size_t i = 0; i < limits.size(); ++i) { // the last bin that is not under the limit
             const auto under = [&](double dB) { return dB < limits[i]; };
-            // The first bin under the limit, or the last that is not.
-            auto at = std::find_if(level.begin(), level.end(), under);
-            if (i >= 3) at = std::find_if_not(level.rbegin(), level.rend(), under).base() - 1;
-            EXPECT_NEAR(static_cast<double>(at - level.begin()) * bin, edges[i], bin) << i;
+            const auto from = std::find_if_not(level.rbegin(), level.rend(), under).base();
+            EXPECT_NEAR(double(from - level.begin() - 1) * bin, edges[i], bin) << i;
         }
         const auto from_30k = level.begin() + static_cast<int64_t>(30000 / bin) + 1;
         EXPECT_NEAR(*std::max_element(from_30k, level.end()), highest_above_30k, 0.1);
