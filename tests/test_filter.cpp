@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <numbers>
+#include <numeric>
 #include <random>
 
 #include "common.h"
@@ -105,6 +106,37 @@ TEST(filter, equals_the_scalar_filter_bit_for_bit)
     const int64_t frames = std::getenv("SONIVANE_FULL") != nullptr ? 1000000 : frames_to_compare;
     for (const int32_t rate : {44100, 48000, 88200, 96000, 192000, 352800, 384000})
         for (const set_pair &sets : pairs) compare_forms({rate}, sets, frames);
+}
+
+// The judge of the scalar filter: taps that count upward, and an impulse of 1.0 left and 2.0 right.
+TEST(filter, the_scalar_one_answers_an_impulse_as_reckoned_by_hand)
+{
+    std::array<float, 24> taps;
+    std::iota(taps.begin(), taps.end(), 1.0F);
+    const struct {
+        int32_t rate, turn, call, first; // calls of a turn; the first output frame of the figures
+        std::vector<double> figures;     // in units of the gain, 0.9
+    } cases[]{
+        {44100, 4, 3, 32, {147, 129, 110, 90,  69,  47, 24, 0,  108, 116, 124,
+                           132, 140, 148, 156, 164, 44, 52, 60, 68,  76,  84,
+                           92,  100, 1,   3,   6,   10, 15, 21, 28,  36}},
+        {352800, 20, 0, 1, {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 0, 0, 0, 0, 1}},
+        {352800, 20, 1, 4, {2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1}},
+        {352800, 20, 2, 4, {3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2}},
+        {352800, 20, 3, 4, {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2, 3}},
+    };
+    for (const auto &[rate, turn, call, first, figures] : cases) {
+        const int32_t at = 17 * turn + call;
+        scalar_filter filter = make_scalar_filter({24, taps.data()}, {16, taps.data()});
+        std::vector<float> output;
+        for (int32_t i = 0; i < at + 60; ++i)
+            scalar_filter_run(filter, rate, {i == at ? 1.0F : 0.0F, i == at ? 2.0F : 0.0F}, output);
+        std::vector<double> due(output.size() / 2);
+        std::copy(figures.begin(), figures.end(),
+                  due.begin() + (at - call) * (352800 / rate) + first);
+        for (size_t i = 0; i < output.size(); ++i)
+            ASSERT_NEAR(output[i], (i % 2 == 0 ? 0.9 : 1.8) * due[i / 2], 4e-5) << rate << " " << i;
+    }
 }
 
 // A second set-up changes the rates of a running stream, and nothing else. Most of these demand
