@@ -1,7 +1,7 @@
 // The oversampling filter's speed, in times real time, beside what the machine can do at most with
 // separate products and sums of the same vector width.
 //
-// Each line: x_real_time, of the form; peak, the limit in the same unit; share, of the limit.
+// Each line: x_real_time, of the width; peak, the limit in the same unit; share, of the limit.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -37,15 +37,15 @@ namespace
 #define VECTOR_KERNEL "../bench/peak_kernel.inc"
 #include "vector_widths.inc"
 
-// The forms of the filter by the floats of a vector, 1 for the plain loop, and each one's limit.
-struct filter_form {
+// The widths of the filter by the floats of a vector, 1 for the plain loop, and each one's limit.
+struct filter_width {
     int32_t vector_floats;
     const char *name;
     float (*run_peak)(int64_t);
 };
 // Versions of clang-format differ about a table with an #if.
 // clang-format off
-constexpr auto forms = std::to_array<filter_form>({
+constexpr auto widths = std::to_array<filter_width>({
     {1, "scalar", vectors_128::run_peak},
     {4, "128", vectors_128::run_peak},
 #if defined(__x86_64__)
@@ -58,7 +58,7 @@ constexpr auto forms = std::to_array<filter_form>({
 struct filter_case {
     int32_t source_rate;
     int32_t use_short;
-    filter_form form;
+    filter_width width;
 };
 
 double products_a_frame(const filter_case &c)
@@ -96,7 +96,7 @@ void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runn
         for (int64_t i = 0; i < frames; ++i, at = (at + 2) % noise_size) run(&noise[at]);
     };
     const auto run_peak = [&](int64_t rounds) {
-        benchmark::DoNotOptimize(c.form.run_peak(rounds));
+        benchmark::DoNotOptimize(c.width.run_peak(rounds));
     };
     const int64_t frames = amount_for(slice_seconds, tile_calls, run_frames);
     const int64_t rounds = amount_for(slice_seconds, 1000, run_peak);
@@ -107,7 +107,7 @@ void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runn
     }
     // One lane of the limit is the plain loop's.
     const double products =
-        static_cast<double>(rounds * vectors_128::round_vectors) * c.form.vector_floats;
+        static_cast<double>(rounds * vectors_128::round_vectors) * c.width.vector_floats;
     const double speed = static_cast<double>(frames) / c.source_rate / best_few(ours);
     const double peak = products / products_a_frame(c) / c.source_rate / best_few(limits);
     state.counters["x_real_time"] = speed;
@@ -127,9 +127,9 @@ void bench_scalar(benchmark::State &state, const filter_case &c)
     });
 }
 
-void bench_form(benchmark::State &state, const filter_case &c)
+void bench_width(benchmark::State &state, const filter_case &c)
 {
-    if (!coeff_filter_take_form(c.form.vector_floats)) {
+    if (!coeff_filter_take_width(c.width.vector_floats)) {
         state.SkipWithError("this machine has no such vectors");
         return;
     }
@@ -138,7 +138,7 @@ void bench_form(benchmark::State &state, const filter_case &c)
         int32_t count = 0;
         benchmark::DoNotOptimize(coeff_filter_run(frame, &count));
     });
-    coeff_filter_take_form(0);
+    coeff_filter_take_width(0);
 }
 
 // The time that -os adds to the player's start.
@@ -155,12 +155,12 @@ bool register_benchmarks()
 {
     for (const int32_t rate : {44100, 48000})
         for (const int32_t use_short : {0, 1}) {
-            for (const filter_form &form : forms) {
+            for (const filter_width &width : widths) {
                 const auto name = "filter/" + std::to_string(rate) +
-                                  (use_short != 0 ? "/short/" : "/long/") + form.name;
+                                  (use_short != 0 ? "/short/" : "/long/") + width.name;
                 benchmark::RegisterBenchmark(name.c_str(),
-                                             form.vector_floats == 1 ? bench_scalar : bench_form,
-                                             filter_case{rate, use_short, form});
+                                             width.vector_floats == 1 ? bench_scalar : bench_width,
+                                             filter_case{rate, use_short, width});
             }
         }
     return true;

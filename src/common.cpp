@@ -114,7 +114,7 @@ int64_t steps_of_input()
 #include "vector_widths.inc"
 
 // One way to run the filter. All give the same bits.
-struct filter_form {
+struct filter_width {
     int32_t vector_floats;
     bool (*present)(); // the processor has such vectors
     const float *(*run_family44)(const float *input, int32_t *count);
@@ -122,10 +122,10 @@ struct filter_form {
 };
 
 #define RUN(width) vectors_##width::run_family44, vectors_##width::run_family48
-// The last form that is present is the one taken.
+// The last width that is present is the one taken.
 // Versions of clang-format differ about a table with an #if.
 // clang-format off
-constexpr auto filter_forms = std::to_array<filter_form>({
+constexpr auto filter_widths = std::to_array<filter_width>({
     {4, [] { return true; }, RUN(128)},
 #if defined(__x86_64__)
     {8, [] { return __builtin_cpu_supports("avx2") != 0; }, RUN(256)},
@@ -135,7 +135,7 @@ constexpr auto filter_forms = std::to_array<filter_form>({
 // clang-format on
 #undef RUN
 
-const filter_form *form; // null: not chosen yet
+const filter_width *width; // null: not chosen yet
 
 // --- Set-up -------------------------------------------------------------------------------------
 
@@ -190,7 +190,7 @@ const coeff_row *find_row(const coeff_row *rows, int32_t target_rate, int32_t fa
 // Entries of each side.
 ptrdiff_t tile_size()
 {
-    return ptrdiff_t{tile_vectors} * form->vector_floats;
+    return ptrdiff_t{tile_vectors} * width->vector_floats;
 }
 
 // Nothing before the first input is the same as silence.
@@ -261,7 +261,7 @@ float rotated_tap(int32_t distance, int32_t turn)
 // start at multiples of four entries, so that the distance tells how far behind one the step is.
 void fill_rotated_table()
 {
-    const int32_t lanes = form->vector_floats;
+    const int32_t lanes = width->vector_floats;
     for (int32_t distance = 1 - lanes; distance <= family48.reach; ++distance)
         for (int32_t lane = 0; lane < lanes; ++lane)
             family48.taps[distance * lanes + lane] = rotated_tap(distance + lane, -distance & 3);
@@ -285,20 +285,20 @@ void make_family48()
     if (!make_inputs(&family48, family48_row->coeffs->tap_count + 4) || !size_output())
         fail(241, no_work_area);
     if (!make_tile(&family48)) fail(248, no_work_area);
-    if (!make_table(&family48, 1, form->vector_floats)) fail(253, no_work_area);
+    if (!make_table(&family48, 1, width->vector_floats)) fail(253, no_work_area);
     fill_rotated_table();
 }
 
 } // namespace
 
-bool coeff_filter_take_form(int32_t vector_floats)
+bool coeff_filter_take_width(int32_t vector_floats)
 {
     coeff_filter_free();
-    form = nullptr;
-    for (const filter_form &candidate : filter_forms)
+    width = nullptr;
+    for (const filter_width &candidate : filter_widths)
         if ((vector_floats == 0 || vector_floats == candidate.vector_floats) && candidate.present())
-            form = &candidate;
-    return form != nullptr;
+            width = &candidate;
+    return width != nullptr;
 }
 
 int32_t coeff_filter_init_rows(const coeff_row *rows, int32_t source_rate, int32_t target_rate,
@@ -315,7 +315,7 @@ int32_t coeff_filter_init_rows(const coeff_row *rows, int32_t source_rate, int32
         return -1;
     }
     coeff_filter_free();
-    if (form == nullptr) coeff_filter_take_form(0);
+    if (width == nullptr) coeff_filter_take_width(0);
     rate_accumulator = 0;
     family44_row = find_row(rows, target_rate, family44_rate);
     if (family44_row == nullptr) fail(171, "44k coeff table not found.");
@@ -351,6 +351,6 @@ const float *coeff_filter_run(const float *input, int32_t *count)
     if (count == nullptr) return nullptr;
     *count = 0;
     if (filter_source_rate < 1 || family48_row == nullptr) return nullptr;
-    return filter_source_rate == family44_rate ? form->run_family44(input, count)
-                                               : form->run_family48(input, count);
+    return filter_source_rate == family44_rate ? width->run_family44(input, count)
+                                               : width->run_family48(input, count);
 }

@@ -79,12 +79,12 @@ std::vector<float> run_rates(const std::vector<int32_t> &rates, const set_pair &
     return output;
 }
 
-void compare_forms(const std::vector<int32_t> &rates, const set_pair &sets, int64_t frames)
+void compare_widths(const std::vector<int32_t> &rates, const set_pair &sets, int64_t frames)
 {
     scalar_filter model = make_scalar_filter(sets.family44, sets.family48);
     const auto expected = run_rates(rates, sets, frames, &model);
     for (const int32_t width : {4, 8, 16}) { // of vectors, in floats
-        const bool present = coeff_filter_take_form(width);
+        const bool present = coeff_filter_take_width(width);
         ASSERT_TRUE(present || width > 4);
         if (!present) continue;
         const auto output = run_rates(rates, sets, frames, nullptr);
@@ -92,7 +92,7 @@ void compare_forms(const std::vector<int32_t> &rates, const set_pair &sets, int6
         ASSERT_EQ(std::memcmp(output.data(), expected.data(), output.size() * sizeof(float)), 0)
             << width << " floats, " << rates[0] << " Hz, " << sets.family44.tap_count << " taps";
     }
-    coeff_filter_take_form(0);
+    coeff_filter_take_width(0);
 }
 
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -105,7 +105,7 @@ TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
     const int64_t frames = std::getenv("SONIVANE_FULL") != nullptr ? 1000000 : frames_to_compare;
     for (const int32_t rate : {44100, 48000, 88200, 96000, 192000, 352800, 384000})
-        for (const set_pair &sets : pairs) compare_forms({rate}, sets, frames);
+        for (const set_pair &sets : pairs) compare_widths({rate}, sets, frames);
 }
 
 // The judge of the scalar filter: taps that count upward, and an impulse of 1.0 left and 2.0 right.
@@ -143,10 +143,10 @@ TEST(filter, the_scalar_one_answers_an_impulse_as_reckoned_by_hand)
 // more room for the output than the one before; from those below 1 nothing comes.
 TEST(filter, keeps_its_stream_over_set_ups_cuts_and_hostile_rates)
 {
-    compare_forms({384000, 352801, 352799,  48000,       44101,   44100, 44100,
-                   44100,  44100,  44099,   22050,       10000,   8000,  1,
-                   0,      -1,     INT_MIN, INT_MAX - 1, INT_MAX, 44100, 48000},
-                  pairs[1], std::min<int64_t>(frames_to_compare, 7000));
+    compare_widths({384000, 352801, 352799,  48000,       44101,   44100, 44100,
+                    44100,  44100,  44099,   22050,       10000,   8000,  1,
+                    0,      -1,     INT_MIN, INT_MAX - 1, INT_MAX, 44100, 48000},
+                   pairs[1], std::min<int64_t>(frames_to_compare, 7000));
 }
 
 int32_t set_up(int32_t allocations, int32_t source_rate, int32_t target_rate, int32_t channels)
