@@ -2,13 +2,13 @@
 // exit statuses and the version, as they stand in the sources, the manual page, the completions and
 // the changelogs.
 #include <gtest/gtest.h>
-#include <regex.h>
 
 #include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -28,21 +28,13 @@ std::string text_of(const fs::path &name)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// All that the extended expression finds, by the last of its two groups that took part, put behind
-// a prefix.
+// What the group that took part of each match is, put behind a prefix.
 words find_all(const std::string &text, const char *pattern, const std::string &prefix = "")
 {
-    regex_t expression{};
-    EXPECT_EQ(regcomp(&expression, pattern, REG_EXTENDED | REG_NEWLINE), 0) << pattern;
     words found;
-    std::array<regmatch_t, 3> match{};
-    const char *at = text.c_str();
-    for (int how = 0; regexec(&expression, at, 3, match.data(), how) == 0; how = REG_NOTBOL) {
-        const auto [begin, end] = match[2].rm_so >= 0 ? match[2] : match[1];
-        found.insert(prefix + std::string(at + begin, at + end));
-        at += match[0].rm_eo;
-    }
-    regfree(&expression);
+    const std::regex expression(pattern, std::regex::ECMAScript | std::regex::multiline);
+    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+        found.insert(prefix + at->format("$1$2"));
     return found;
 }
 
@@ -62,18 +54,18 @@ TEST(documents, tell_the_options_of_the_parser)
     EXPECT_GT(options.size(), 8U);
     const std::string page = text_of("docs/sonivane.1");
     const std::string synopsis = page.substr(0, page.find(".Sh DESCRIPTION"));
-    EXPECT_EQ(find_all(synopsis, R"(\bFl ([^ \=]+))", "-"), options);
-    EXPECT_EQ(find_all(page, R"(\bFl ([^ \=]+))", "-"), options);
-    EXPECT_EQ(find_all(page, R"(^\.It Fl ([^ =]+)|, Fl (.)\\&$)", "-"), options);
+    EXPECT_EQ(find_all(synopsis, R"(\bFl ([^\s\\=]+))", "-"), options);
+    EXPECT_EQ(find_all(page, R"(\bFl ([^\s\\=]+))", "-"), options);
+    EXPECT_EQ(find_all(page, R"(^\.It Fl ([^\s=]+)|, Fl (.)\\&$)", "-"), options);
     std::string bash = text_of("docs/completions/sonivane.bash");
     bash.erase(0, bash.find("'-os"));
-    EXPECT_EQ(find_all(bash.substr(0, bash.find("' --")), "(-[^ '=]+)"), options);
+    EXPECT_EQ(find_all(bash.substr(0, bash.find("' --")), R"((-[^\s'=]+))"), options);
     std::string zsh = text_of("docs/completions/_sonivane");
     std::erase(zsh, '\\');
     EXPECT_EQ(find_all(zsh, R"re(^ +'\*?(-[^=[]+)|^ +'\(- \*\)(-[^[]+))re"), options);
     const std::string fish = text_of("docs/completions/sonivane.fish");
-    words offered = find_all(fish, "^complete -c sonivane -[so] '?([^ ']+)", "-");
-    offered.merge(find_all(fish, "^complete -c sonivane -l ([^ ]+)", "--"));
+    words offered = find_all(fish, R"(^complete -c sonivane -[so] '?([^\s']+))", "-");
+    offered.merge(find_all(fish, R"(^complete -c sonivane -l (\S+))", "--"));
     EXPECT_EQ(offered, options);
 }
 
@@ -113,12 +105,12 @@ TEST(documents, tell_the_modes_of_the_parser)
 }
 
 // A report's number stands in front of its text, or in a constant named after it. The mild ones are
-// printed by a call that returns, but for the filter, which leaves by a road of its own.
+// printed by a call that returns, but for the filter, which leaves in a way of its own.
 TEST(documents, tell_every_report_and_its_exit_status)
 {
     const words printed = find_in_sources(R"re(\b([0-9]{2,4}),\s*["n]|report_\w+ = ([0-9]+))re");
     EXPECT_GT(printed.size(), 55U);
-    words mild = find_in_sources(R"re(\breport(\(\s*[a-z"]+,|_system_error\()\s*([0-9]+))re");
+    words mild = find_in_sources(R"re(\breport(?:\(\s*[a-z"]+,|_system_error\()\s*([0-9]+))re");
     mild.insert("ringbuffer 16");
     mild.erase("common 153");
     words entries;
@@ -133,7 +125,7 @@ TEST(documents, tell_every_report_and_its_exit_status)
 
 TEST(documents, tell_one_version)
 {
-    const words version = find_all(text_of("CMakeLists.txt"), "sonivane VERSION ([^ ]+)");
+    const words version = find_all(text_of("CMakeLists.txt"), R"(sonivane VERSION (\S+))");
     ASSERT_EQ(version.size(), 1U);
     EXPECT_TRUE(text_of("debian/changelog").starts_with("sonivane (" + *version.begin() + ") "));
     EXPECT_TRUE(find_all(text_of("CHANGELOG.md"), "^## ([0-9.]+)").contains(*version.begin()));

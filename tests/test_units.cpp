@@ -1,0 +1,418 @@
+// What no run of the whole player reaches or can name: the ring's arithmetic at its borders, values
+// of options at their limits, names that are cut, sorted and stored, lines of long times, and the
+// terminal between keys, signals and a shell.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <limits>
+#include <numeric>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dir2files.h"
+#include "parse_param.h"
+#include "ringbuffer.h"
+#include "sonivane.h"
+#include "util.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using words = std::vector<std::string>;
+
+words words_of(const std::string &line)
+{
+    std::istringstream stream(line);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// --- The ring -----------------------------------------------------------------------------------
+
+TEST(ring, tells_and_takes_what_fits)
+{
+    const struct {
+        uint32_t size, frame, read, used; // read: where the stored bytes begin
+        uint32_t percent, free, free_run, used_run;
+    } rows[] = {
+        {800, 8, 0, 0, 0, 792, 792, 0},        // empty at 0: the writer may not wrap
+        {800, 8, 400, 0, 0, 792, 400, 0},      // empty elsewhere: up to the end
+        {800, 8, 0, 792, 99, 0, 0, 792},       // full from 0
+        {800, 8, 8, 792, 99, 0, 0, 792},       // full, the writer wrapped
+        {800, 8, 400, 600, 75, 192, 192, 400}, // the writer is behind
+        {800, 8, 200, 200, 25, 592, 400, 200}, // the reader is behind
+        {800, 8, 792, 16, 2, 776, 776, 8},     // the stored bytes wrap
+        {806, 8, 8, 784, 98, 8, 8, 784},       // the odd end of the data is out of use
+        {16, 8, 0, 4, 25, 4, 4, 4},            // half frames
+        {16, 8, 0, 12, 75, 0, 0, 12},          // less than a frame left: nothing is free
+        {2147483640, 8, 8, 2147483632, 99, 0, 0, 2147483632},
+    };
+    std::vector<uint8_t> given(1000);
+    std::iota(given.begin(), given.end(), uint8_t{1});
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << row.size << " " << row.read << " " << row.used);
+        ringbuffer *r = ringbuffer_new(row.size, row.frame, 1);
+        ASSERT_NE(r, nullptr);
+        r->bytes_sent = uint64_t{r->usable_size} * 3000000000U + row.read;
+        r->bytes_put = r->bytes_sent + row.used;
+        EXPECT_EQ(ring_percent(r), static_cast<int32_t>(row.percent));
+        EXPECT_EQ(ring_free(r), row.free);
+        EXPECT_EQ(ring_free_run(r), row.free_run);
+        EXPECT_EQ(ring_used_run(r), row.used_run);
+        ring_put(r, given.data(), 1000);
+        EXPECT_EQ(ring_used(r), row.used + row.free);
+        for (uint32_t i = 0; i < row.free; ++i)
+            EXPECT_EQ(ring_data(r)[(row.read + row.used + i) % r->usable_size], given[i]) << i;
+        EXPECT_EQ(r->track_marks[1], mark_unset);
+        ringbuffer_free(&r);
+        ringbuffer_free(&r); // null by now
+    }
+    EXPECT_EQ(ringbuffer_new(1572864, 0, 1), nullptr);
+    EXPECT_EQ(ringbuffer_new(0x80000000U, 8, 1), nullptr);
+}
+
+// --- Options ------------------------------------------------------------------------------------
+
+// The entries taken, and the options that are not as at the start.
+std::string parse(words arguments, int32_t with_frequency = 0)
+{
+    oversample = flag_off;
+    device_name = {};
+    buffer_bytes = 0;
+    mode_label = "";
+    arguments.insert(arguments.begin(), "sonivane");
+    std::vector<char *> argv;
+    for (std::string &argument : arguments) argv.push_back(argument.data());
+    parse_options(static_cast<int32_t>(arguments.size()), argv.data(), with_frequency);
+
+    std::string text = std::to_string(args_used) + (oversample == flag_on ? " os" : "");
+    if (device_name[0] != '\0') text += std::string(" D=") + device_name.data();
+    const bool huge = buffer_bytes > INT32_MAX; // more than any ring takes
+    if (buffer_bytes != 0) text += " B=" + (huge ? "huge" : std::to_string(buffer_bytes));
+    return text + mode_label;
+}
+
+TEST(options, are_counted_and_set)
+{
+    const std::pair<const char *, const char *> rows[] = {
+        {"", "2"},
+        {"a.wav b.wav -os", "2 os"},
+        {"- -- --- -x a.wav", "1"},
+        {"-D a -D b --mode=2 -B 2M -B 3M f", "10 D=b B=3145728Bi-Naural"},
+        {"--skip -os a", "3"},
+        {"-D -os a", "3 D=-os"},
+        {"-os -D", "2 os"}, // no value, no option
+        {"--mode 1 -mode=1 --os -silent --D x --B 2 -skip 1", "1"},
+        {"-OS -d x -Dx --Silent --silentx --silen", "1"},
+        {"--frequency 44100 a.wav", "1"},
+        {"-B 1m", "3 B=1048576"},
+        {"-B 2k", "3 B=2048"},
+        {"-B 1000x", "3 B=1000"},
+        {"-B 2147483647", "3 B=2147483647"},
+        // Numbers of more than 32 bits must not wrap into a size that would be taken.
+        {"-B 4296015872", "3 B=huge"},
+        {"-B 17592186044416M", "3 B=huge"},
+        {"-B 18446744073709551617k", "3 B=huge"},
+        {"-B -99999999999999999999M", "3 B=huge"},
+    };
+    for (const auto &[line, expected] : rows) EXPECT_EQ(parse(words_of(line)), expected) << line;
+    EXPECT_EQ(parse({"--frequency", "44100", "-os"}, -1), "4 os") << "admitted by the caller";
+    EXPECT_EQ(parse({"-D", std::string(1024, 'd')}), "3 D=" + std::string(1023, 'd'));
+    const std::string longest(1024, 'x'), longer = longest + "x";
+    EXPECT_EQ(strings_equal(longest.c_str(), longest.c_str()), -1);
+    EXPECT_EQ(strings_equal(longer.c_str(), longer.c_str()), 0);
+}
+
+// --- Names --------------------------------------------------------------------------------------
+
+// A fresh folder, the current one from now on.
+fs::path enter_folder()
+{
+    std::string name = (fs::temp_directory_path() / "sonivane-XXXXXX").string();
+    fs::current_path(mkdtemp(name.data()));
+    return name;
+}
+
+// The list for the arguments, each name behind a blank, and behind it what standard error got.
+std::string expand(const std::string &line)
+{
+    words given = words_of(line);
+    std::vector<char *> argv;
+    for (std::string &word : given) argv.push_back(word.data());
+    testing::internal::CaptureStderr();
+    std::string result;
+    for (char **list = expand_file_list(0, static_cast<int32_t>(argv.size()), argv.data());
+         *list != nullptr; ++list)
+        result += std::string(" ") + *list;
+    return result + testing::internal::GetCapturedStderr();
+}
+
+TEST(names, are_those_of_files_and_of_the_files_in_directories)
+{
+    const fs::path folder = enter_folder();
+    for (const char *path : {"music/sub", "only/sub"}) fs::create_directories(path);
+    for (const char *path :
+         {"b.wav", "a.wav", "A.wav", "music/z.txt", "music/.hidden", "music/sub/x", "only/sub/x"})
+        std::ofstream file(path);
+    for (const auto &[to, path] : {std::pair("z.txt", "music/link"), {"music", "linked"}})
+        fs::create_symlink(to, path);
+    EXPECT_EQ(mkfifo("pipe", 0600), 0);
+    const std::pair<const char *, const char *> rows[] = {
+        {"b.wav a.wav A.wav b.wav", " A.wav a.wav b.wav b.wav"},
+        {"", " ./A.wav ./a.wav ./b.wav"},
+        {"music a.wav", " a.wav music/.hidden music/z.txt"},
+        {"music/ linked", " linked/.hidden linked/z.txt music/.hidden music/z.txt"},
+        {"music/link pipe /dev/null", " music/link"},
+        {"only pipe", ""},
+        {"a.wav/x b.wav", " b.wavNot a directory\n\nERROR dir2files 136 cannot stat a.wav/x\n"},
+    };
+    for (const auto &[arguments, expected] : rows) EXPECT_EQ(expand(arguments), expected);
+
+    // No free descriptor: the one fault of opendir that even root meets.
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    testing::internal::CaptureStderr();
+    const rlimit none = {0, saved.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    walk_path("music");
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Too many open files\n\nERROR dir2files 151 directory music open failed.\n");
+    fs::remove_all(folder);
+}
+
+TEST(names, are_cut_and_sorted_up_to_a_limit)
+{
+    const fs::path folder = enter_folder();
+    std::string deep;
+    while (deep.size() < 1990) deep += std::string(198, 'd') + "/";
+    fs::create_directories(deep);
+    const std::string path = deep + std::string(50, 'a') + "123456789";
+    std::ofstream file(path);
+    EXPECT_EQ(expand(deep), std::string(1, ' ').append(path, 0, 2046));
+
+    // What tells the names apart is byte 2048, or the one behind it, where they keep their order.
+    for (const char *name : {"1", "2"}) std::ofstream empty(name);
+    for (const size_t same : {2047U, 2048U}) {
+        std::string given, halves[2];
+        for (int i = 0; i < 50; ++i) {
+            const std::string name = " ." + std::string(same - 1, '/') + (i % 3 == 0 ? "1" : "2");
+            given += name;
+            halves[i % 3 != 0] += name;
+        }
+        EXPECT_EQ(expand(given), same < 2048 ? halves[0] + halves[1] : given);
+    }
+    fs::remove_all(folder);
+}
+
+TEST(names, lie_in_blocks_that_double)
+{
+    const std::string name(5000, 'n');
+    pool_free();
+    // The last byte of a block may be a name's terminator, and no more.
+    for (const auto &[length, size] : {std::pair(1022, 1024), {0, 1024}, {0, 2048}, {5000, 8192}}) {
+        pool_add(length, name.c_str());
+        EXPECT_EQ(pool_chars_size, size);
+    }
+    while (pool_count < 128) pool_add(1, "n");
+    EXPECT_EQ(pool_capacity, 128);
+    pool_add(1, "n");
+    EXPECT_EQ(pool_capacity, 256);
+    EXPECT_STREQ(pool_chars + pool_offsets[128], "n");
+    pool_reset();
+    EXPECT_EQ(pool_count + pool_chars_used, 0);
+    EXPECT_EQ(pool_capacity + pool_chars_size, 256 + 8192) << "kept for the next list";
+
+    // The number alone is brought to its limit: what would pass it must not be stored.
+    pool_chars_used = std::numeric_limits<int32_t>::max();
+    pool_add(1, "n");
+    EXPECT_EQ(pool_count, 0);
+}
+
+// --- Lines, reports, pauses ---------------------------------------------------------------------
+
+TEST(console, tells_long_times_and_names)
+{
+    const std::string forty = std::string(36, 'a') + ".wav";
+    const std::string head = blank_line + std::string("\nplaying file 2/10 total ");
+    const struct {
+        int64_t seconds;
+        std::string path, banner;
+        const char *label, *time;
+    } rows[] = {
+        {307, "/m/n/a", "5:07 \"a\" \"/m/n/a\"\n", "DoP   ", "05:07"},
+        {3599, "%s/", "59:59 \"\" \"%s/\"\n", "", "59:59"},
+        {3600, forty, "1:00:00 \"" + forty + "\"\n", "", "1:00:00"},
+        {360061, "a" + forty, "100:01:01 \n\"a" + forty + "\"\n", "", "100:01:01"},
+        {0, "\x1b[2J\n\x1f\x7f \xc3\xa9\xff", "0:00 \"?[2J??? \xc3\xa9\xff\"\n", "", "00:00"},
+    };
+    for (const auto &row : rows) {
+        testing::internal::CaptureStdout();
+        show_file_banner(2, 10, row.seconds, row.path.c_str());
+        show_status(row.seconds, 7, row.label[0] == 0 ? nullptr : "DoP");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), head + row.banner + "\rposition " +
+                                                              row.time + " buffer 7[%]   " +
+                                                              row.label + "\r");
+    }
+}
+
+// Of two threads that leave, the first one gives the status.
+TEST(console, stops_both_threads_at_a_fatal_report)
+{
+    const auto leave = [] {
+        std::atexit([] { std::fprintf(stderr, "flags %d %d", +interrupted, +stop_output); });
+        std::atexit([] {
+            std::thread([] { fatal_exit(2); }).detach();
+            usleep(50000);
+        });
+        fatal_report("util", 1033, "%s failed.\n", "it");
+    };
+    EXPECT_EXIT(leave(), testing::ExitedWithCode(9), "^\nERROR util 1033 it failed.\nflags -1 -1$");
+}
+
+TEST(console, pauses_a_quarter_of_what_a_refill_leaves_at_most)
+{
+    const struct {
+        uint32_t frames;
+        int32_t rate;
+        uint32_t microseconds;
+    } rows[] = {{22050, 44100, 40000}, {2048, 44100, 5793}, {2048, 768000, 332},
+                {1026, 44100, 100},    {1, 44100, 100},     {4294967295, 1, 40000}};
+    for (const auto &row : rows) EXPECT_EQ(pause_of(row.frames, row.rate), row.microseconds);
+}
+
+// --- The terminal -------------------------------------------------------------------------------
+
+// Puts a new terminal on standard input; the keyboard's end of it.
+int open_terminal()
+{
+    int keyboard = -1, screen = -1;
+    EXPECT_EQ(openpty(&keyboard, &screen, nullptr, nullptr, nullptr), 0);
+    dup2(screen, STDIN_FILENO);
+    return keyboard;
+}
+
+termios mode()
+{
+    termios t{};
+    tcgetattr(STDIN_FILENO, &t);
+    return t;
+}
+
+bool is_raw()
+{
+    return (mode().c_lflag & ICANON) == 0;
+}
+
+bool comes_true(const std::function<bool()> &condition)
+{
+    for (int i = 0; i < 500; ++i, usleep(10000))
+        if (condition()) return true;
+    return false;
+}
+
+bool has_input(int milliseconds)
+{
+    pollfd input = {STDIN_FILENO, POLLIN, 0};
+    return poll(&input, 1, milliseconds) == 1;
+}
+
+// Exits with the number of the first step that went wrong, or with 0.
+[[noreturn]] void take_and_give_back(int keyboard)
+{
+    const termios canonical = mode();
+    std::signal(SIGHUP, SIG_IGN); // as nohup has it
+    install_terminal_signals();
+    if (write(keyboard, "typed ahead\n", 12) != 12 || !has_input(5000)) _exit(1);
+    terminal_raw();
+    if (has_input(0)) _exit(2); // from before the switch: dropped
+    const termios raw = mode();
+    if (write(keyboard, "q", 1) != 1 || !has_input(5000)) _exit(3);
+    tcsetattr(STDIN_FILENO, TCSANOW, &canonical); // by a shell, while the player is stopped
+    kill(getpid(), SIGHUP);
+    kill(getpid(), SIGCONT);
+    if (!comes_true(is_raw)) _exit(4);
+    terminal_raw(); // taken already: these settings are not those to put back
+    usleep(50000);
+    if (!has_input(0)) _exit(5); // typed while the terminal was ours: kept
+    terminal_restore();
+    if (is_raw()) _exit(6);
+    tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+    terminal_restore(); // nothing is left to put back
+    _exit(is_raw() ? 0 : 7);
+}
+
+TEST(terminal, is_taken_and_given_back_and_keeps_its_keys)
+{
+    EXPECT_EXIT(take_and_give_back(open_terminal()), testing::ExitedWithCode(0), "");
+}
+
+// A job that takes the terminal and gives it back all the time, beside a second thread that a
+// signal may choose. A shell that ignores signals hands that on.
+[[noreturn]] void run_job()
+{
+    for (const int signal_number : {SIGTTOU, SIGTERM, SIGHUP, SIGTSTP, SIGCONT})
+        std::signal(signal_number, SIG_DFL);
+    comes_true([] { return tcgetpgrp(STDIN_FILENO) == getpid(); });
+    install_terminal_signals();
+    std::thread([] {
+        while (true) pause();
+    }).detach();
+    while (true) {
+        terminal_raw();
+        usleep(100);
+        terminal_restore();
+    }
+}
+
+// The shell that starts jobs, stops each, and ends it while it is stopped. Exits with the number of
+// the first job that did not leave the terminal, on standard input, as before; or with 0.
+[[noreturn]] void run_shell()
+{
+    std::signal(SIGTTOU, SIG_IGN);
+    alarm(60); // a job that neither stops nor ends must not hang the test
+    setsid();
+    ioctl(STDIN_FILENO, TIOCSCTTY, 0);
+    for (int i = 1; i <= 100; ++i) {
+        const pid_t job = fork();
+        if (job == 0) run_job();
+        setpgid(job, job);
+        tcsetpgrp(STDIN_FILENO, job);
+        bool left = comes_true(is_raw);
+        for (const int signal_number : {SIGTSTP, i % 2 == 0 ? SIGTERM : SIGHUP}) {
+            int status = 0;
+            kill(job, signal_number);
+            if (signal_number != SIGTSTP) kill(job, SIGCONT);
+            left =
+                waitpid(job, &status, WUNTRACED) == job && !is_raw() && left &&
+                (signal_number == SIGTSTP ? WIFSTOPPED(status) : WTERMSIG(status) == signal_number);
+        }
+        if (!left) _exit(i);
+    }
+    _exit(0);
+}
+
+TEST(terminal, is_never_left_raw_by_a_job_that_is_stopped_and_ended)
+{
+    open_terminal();
+    EXPECT_EXIT(run_shell(), testing::ExitedWithCode(0), "");
+}
+
+} // namespace
