@@ -337,7 +337,9 @@ bool has_input(int milliseconds)
 // Exits with the number of the first step that went wrong, or with 0.
 [[noreturn]] void take_and_give_back(int keyboard)
 {
-    const termios canonical = mode();
+    const termios before = mode();
+    termios of_shell = before;
+    of_shell.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     std::signal(SIGHUP, SIG_IGN); // as nohup has it
     install_terminal_signals();
     if (write(keyboard, "typed ahead\n", 12) != 12 || !has_input(5000)) _exit(1);
@@ -345,14 +347,14 @@ bool has_input(int milliseconds)
     if (has_input(0)) _exit(2); // from before the switch: dropped
     const termios raw = mode();
     if (write(keyboard, "q", 1) != 1 || !has_input(5000)) _exit(3);
-    tcsetattr(STDIN_FILENO, TCSANOW, &canonical); // by a shell, while the player is stopped
+    tcsetattr(STDIN_FILENO, TCSANOW, &of_shell); // while the player is stopped
     kill(getpid(), SIGHUP);
     kill(getpid(), SIGCONT);
     if (!comes_true(is_raw)) _exit(4);
     terminal_raw();              // taken already: these settings are not those to put back
     if (!has_input(0)) _exit(5); // typed while the terminal was ours: kept
     terminal_restore();
-    if (is_raw()) _exit(6);
+    if (mode().c_lflag != before.c_lflag) _exit(6);
     tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     terminal_restore(); // nothing is left to put back
     _exit(is_raw() ? 0 : 7);
