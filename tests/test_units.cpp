@@ -393,6 +393,7 @@ TEST(terminal, is_taken_and_given_back_and_keeps_its_keys)
     ioctl(STDIN_FILENO, TIOCSCTTY, 0);
     for (int i = 1; i <= 100; ++i) {
         const pid_t job = fork();
+        if (job < 0) _exit(i); // kill would take it for everybody
         if (job == 0) run_job();
         setpgid(job, job);
         tcsetpgrp(STDIN_FILENO, job);
