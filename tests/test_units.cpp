@@ -255,21 +255,21 @@ TEST(console, tells_long_times_and_names)
     const struct {
         int64_t seconds;
         std::string path, banner;
-        const char *label, *time;
+        const char *label, *time; // of the status line
     } rows[] = {
-        {307, "/m/n/a", "5:07 \"a\" \"/m/n/a\"\n", "DoP   ", "05:07"},
-        {3599, "%s/", "59:59 \"\" \"%s/\"\n", "", "59:59"},
-        {3600, forty, "1:00:00 \"" + forty + "\"\n", "", "1:00:00"},
-        {360061, "a" + forty, "100:01:01 \n\"a" + forty + "\"\n", "", "100:01:01"},
-        {0, "\x1b[2J\n\x1f\x7f \xc3\xa9\xff", "0:00 \"?[2J??? \xc3\xa9\xff\"\n", "", "00:00"},
+        {307, "/m/n/a", "5:07 \"a\" \"/m/n/a\"\n", "DoP", "05:07"},
+        {3599, "%s/", "59:59 \"\" \"%s/\"\n", nullptr, "59:59"},
+        {3600, forty, "1:00:00 \"" + forty + "\"\n", nullptr, "1:00:00"},
+        {360061, "a" + forty, "100:01:01 \n\"a" + forty + "\"\n", nullptr, "100:01:01"},
+        {0, "\x1b[2J\n\x1f\x7f \xc3\xa9\xff", "0:00 \"?[2J??? \xc3\xa9\xff\"\n", nullptr, "00:00"},
     };
     for (const auto &row : rows) {
         testing::internal::CaptureStdout();
         show_file_banner(2, 10, row.seconds, row.path.c_str());
-        show_status(row.seconds, 7, row.label[0] == 0 ? nullptr : "DoP");
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), head + row.banner + "\rposition " +
-                                                              row.time + " buffer 7[%]   " +
-                                                              row.label + "\r");
+        show_status(row.seconds, 7, row.label);
+        const std::string label = row.label == nullptr ? "" : row.label + std::string("   ");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  head + row.banner + "\rposition " + row.time + " buffer 7[%]   " + label + "\r");
     }
 }
 
@@ -337,7 +337,9 @@ bool has_input(int milliseconds)
 // Exits with the number of the first step that went wrong, or with 0.
 [[noreturn]] void take_and_give_back(int keyboard)
 {
-    const termios canonical = mode();
+    const termios before = mode();
+    termios of_shell = before;
+    of_shell.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     std::signal(SIGHUP, SIG_IGN); // as nohup has it
     install_terminal_signals();
     if (write(keyboard, "typed ahead\n", 12) != 12 || !has_input(5000)) _exit(1);
@@ -345,15 +347,14 @@ bool has_input(int milliseconds)
     if (has_input(0)) _exit(2); // from before the switch: dropped
     const termios raw = mode();
     if (write(keyboard, "q", 1) != 1 || !has_input(5000)) _exit(3);
-    tcsetattr(STDIN_FILENO, TCSANOW, &canonical); // by a shell, while the player is stopped
+    tcsetattr(STDIN_FILENO, TCSANOW, &of_shell); // while the player is stopped
     kill(getpid(), SIGHUP);
     kill(getpid(), SIGCONT);
     if (!comes_true(is_raw)) _exit(4);
-    terminal_raw(); // taken already: these settings are not those to put back
-    usleep(50000);
+    terminal_raw();              // taken already: these settings are not those to put back
     if (!has_input(0)) _exit(5); // typed while the terminal was ours: kept
     terminal_restore();
-    if (is_raw()) _exit(6);
+    if (mode().c_lflag != before.c_lflag) _exit(6);
     tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     terminal_restore(); // nothing is left to put back
     _exit(is_raw() ? 0 : 7);
@@ -392,18 +393,17 @@ TEST(terminal, is_taken_and_given_back_and_keeps_its_keys)
     ioctl(STDIN_FILENO, TIOCSCTTY, 0);
     for (int i = 1; i <= 100; ++i) {
         const pid_t job = fork();
+        if (job < 0) _exit(i); // kill would take it for everybody
         if (job == 0) run_job();
         setpgid(job, job);
         tcsetpgrp(STDIN_FILENO, job);
         bool left = comes_true(is_raw);
-        for (const int signal_number : {SIGTSTP, i % 2 == 0 ? SIGTERM : SIGHUP}) {
-            int status = 0;
-            kill(job, signal_number);
-            if (signal_number != SIGTSTP) kill(job, SIGCONT);
-            left =
-                waitpid(job, &status, WUNTRACED) == job && !is_raw() && left &&
-                (signal_number == SIGTSTP ? WIFSTOPPED(status) : WTERMSIG(status) == signal_number);
-        }
+        int status = 0;
+        kill(job, SIGTSTP);
+        left = waitpid(job, &status, WUNTRACED) == job && WIFSTOPPED(status) && !is_raw() && left;
+        kill(job, SIGTERM);
+        kill(job, SIGCONT);
+        left = waitpid(job, &status, 0) == job && WTERMSIG(status) == SIGTERM && !is_raw() && left;
         if (!left) _exit(i);
     }
     _exit(0);
