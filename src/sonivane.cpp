@@ -849,9 +849,10 @@ constexpr int32_t filled_percent = 79; // the first filling ends above it
 void fill_ring()
 {
     while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
-        exit_if_interrupted();
         poll_keyboard();
-        if (load_acquire(stop_output) != 0 || fill_buffer() == 0) return;
+        const bool fed = load_acquire(stop_output) == 0 && fill_buffer() != 0;
+        exit_if_interrupted(); // after the feeder, which does nothing more then
+        if (!fed) return;
         show_status(0, ring_percent(ring), "filling buffer");
         event_filling(ring_percent(ring));
     }
