@@ -72,6 +72,7 @@ TEST(ring, tells_and_takes_what_fits)
         ASSERT_NE(r, nullptr);
         r->bytes_sent = uint64_t{r->usable_size} * 3000000000U + row.read;
         r->bytes_put = r->bytes_sent + row.used;
+        EXPECT_EQ(ring_frames(r), row.used / row.frame);
         EXPECT_EQ(ring_percent(r), static_cast<int32_t>(row.percent));
         EXPECT_EQ(ring_free(r), row.free);
         EXPECT_EQ(ring_free_run(r), row.free_run);
