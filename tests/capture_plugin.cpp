@@ -276,8 +276,9 @@ int on_prepare(snd_pcm_ioplug_t *)
     return 0;
 }
 
-int on_close(snd_pcm_ioplug_t *)
+int on_close(snd_pcm_ioplug_t *io)
 {
+    if (io->state == SND_PCM_STATE_RUNNING) play_on(); // since it was asked last
     log_line("close %lu sounded %lu\n", static_cast<unsigned long>(device.written),
              static_cast<unsigned long>(device.played));
     close(device.capture_fd);
