@@ -13,7 +13,6 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <limits>
 #include <new>
 #include <span>
 #include <utility>
