@@ -678,6 +678,7 @@ int32_t find_last_card()
 
 void *output_thread(void *)
 {
+    raise_output_priority();
     // stop_output is not cleared here: a stop that came since main looked would be lost.
     stream_settings stream{};
     const bool opened = sound_open(&stream);

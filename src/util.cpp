@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
@@ -317,6 +318,13 @@ void raise_priority()
     if (nice(raised_priority) >= 0 || errno == 0) return;
     std::perror("nice()");
     fatal_report(unit, 145, "nice() failed.\n");
+}
+
+void raise_output_priority()
+{
+    sched_param least{};
+    least.sched_priority = sched_get_priority_min(SCHED_FIFO);
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &least);
 }
 
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate)

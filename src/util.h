@@ -72,8 +72,12 @@ bool poll_keyboard();
 // Run by root: asks for nice -10; a refusal is report 145. Otherwise nothing. Main thread.
 void raise_priority();
 
+// Asks for the lowest real-time priority for the calling thread, which then runs as soon as it
+// wakes, whatever other programs do. Most users are refused that; nothing is said. Output thread.
+void raise_output_priority();
+
 // How long a thread that polls may sleep, in microseconds, when nothing can be done before the
 // other side of a buffer has moved. buffer_frames: the buffer's size; rate: frames per second
 // through it. A refill may leave 1026 frames free, and of the time that the rest lasts a quarter is
-// slept, at most 50 ms. Any thread.
+// slept, at most 40 ms. Any thread.
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate);
