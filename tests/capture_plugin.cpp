@@ -241,7 +241,8 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
 
 int on_start(snd_pcm_ioplug_t *)
 {
-    log_line("start %lu\n", static_cast<unsigned long>(device.written));
+    log_line("start %lu policy %d\n", static_cast<unsigned long>(device.written),
+             sched_getscheduler(0));
     device.clock = device.last_transfer = now();
     start_ticking();
     return answer("start");

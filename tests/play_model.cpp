@@ -1,30 +1,19 @@
 #include "play_model.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <random>
-#include <sstream>
 #include <utility>
-
-std::vector<std::string> cut_options(const cuts &cut)
-{
-    std::vector<std::string> options;
-    if (cut.left) options.emplace_back("--left-cut");
-    if (cut.right) options.emplace_back("--right-cut");
-    return options;
-}
 
 // --- Sound --------------------------------------------------------------------------------------
 
-pcm_sound random_pcm(const sample_row &sample, size_t channels, int rate, size_t frames,
-                     uint32_t seed)
+pcm_sound random_pcm(int rate, size_t frames, uint32_t seed, sample_row sample, size_t channels)
 {
-    pcm_sound sound = {sample.bytes, sample.floats, channels, rate,
-                       noise(seed, frames * channels * sample.bytes)};
+    pcm_sound sound = {sample, channels, rate, noise(seed, frames * channels * sample.bytes)};
     if (!sample.floats) return sound;
     const float odd_ones[] = {1.0F, -1.0F, NAN, -NAN, INFINITY, -INFINITY, 1e-40F, 0.9999999F};
     std::mt19937 random(seed);
@@ -38,11 +27,11 @@ pcm_sound random_pcm(const sample_row &sample, size_t channels, int rate, size_t
 
 bytes wave_file(const pcm_sound &sound, wave_kind kind)
 {
-    const int code = sound.floats ? 3 : 1;
+    const int code = sound.sample.floats ? 3 : 1;
     const wav_settings settings = {.tag = kind == wave_kind::extensible ? 0xFFFE : code,
                                    .channels = static_cast<int>(sound.channels),
                                    .rate = sound.rate,
-                                   .bits = static_cast<int>(sound.sample_bytes * 8),
+                                   .bits = static_cast<int>(sound.sample.bytes * 8),
                                    .sub_format = code,
                                    .before_format = {},
                                    .before_data = {},
@@ -51,73 +40,63 @@ bytes wave_file(const pcm_sound &sound, wave_kind kind)
     return kind == wave_kind::rf64 ? make_rf64(settings) : make_wav(settings);
 }
 
+std::string scratch_wave(const std::string &name, int rate, size_t frames, uint32_t seed)
+{
+    return scratch_file(name, wave_file(random_pcm(rate, frames, seed)));
+}
+
 dsd_sound random_dsd(size_t bytes_per_channel, uint32_t seed, uint32_t rate)
 {
     return {noise(seed, bytes_per_channel), noise(seed + 1000, bytes_per_channel), rate};
 }
 
+const std::array<bytes (*)(const dsd_sound &), 3> dsd_containers = {
+    [](const dsd_sound &s) { // ends inside a byte
+        const int64_t bits = std::ssize(s.left) * 8;
+        return make_dsf({.rate = s.rate,
+                         .sample_count = std::max(bits - 3, int64_t{0}),
+                         .left = s.left,
+                         .right = s.right});
+    },
+    [](const dsd_sound &s) { // right comes first
+        return make_dsdiff({.channels = {"SRGT", "SLFT"},
+                            .rate = s.rate,
+                            .frames = dsd_frames(s.left, s.right, 2, 1, 0)});
+    },
+    [](const dsd_sound &s) { // a channel between left and right
+        return make_wsd({.channels = 3,
+                         .rate = s.rate,
+                         .assignment = 0x54000000,
+                         .frames = dsd_frames(s.left, s.right, 3, 0, 2)});
+    }};
+
 namespace
 {
-
-bytes as_dsf(const dsd_sound &s) // ends inside a byte
-{
-    const auto bits = static_cast<int64_t>(s.left.size() * 8);
-    return make_dsf({.rate = s.rate,
-                     .sample_count = std::max(bits - 3, int64_t{0}),
-                     .left = s.left,
-                     .right = s.right});
-}
-
-bytes as_dsdiff(const dsd_sound &s) // right comes first
-{
-    return make_dsdiff({.channels = {"SRGT", "SLFT"},
-                        .rate = s.rate,
-                        .frames = dsd_frames(s.left, s.right, 2, 1, 0)});
-}
-
-bytes as_wsd(const dsd_sound &s) // a channel between left and right
-{
-    return make_wsd({.channels = 3,
-                     .rate = s.rate,
-                     .assignment = 0x54000000,
-                     .frames = dsd_frames(s.left, s.right, 3, 0, 2)});
-}
-
-} // namespace
-
-const std::array<container_row, 3> containers = {
-    {{"a.dsf", as_dsf}, {"b.dff", as_dsdiff}, {"c.wsd", as_wsd}}};
 
 // --- What the device gets of PCM ----------------------------------------------------------------
-
-namespace
-{
-
-// 2^31 x value, toward zero, saturating.
-int32_t word_of_float(float value)
-{
-    if (std::isnan(value)) return 0;
-    const double word = std::trunc(static_cast<double>(value) * 2147483648.0);
-    return static_cast<int32_t>(std::fmin(std::fmax(word, -2147483648.0), 2147483647.0));
-}
 
 // The stored sample, left-justified: a signed integer, or a float's bits.
 uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
 {
+    const size_t width = sound.sample.bytes;
     uint32_t word = 0;
-    for (size_t i = 0; i < sound.sample_bytes; ++i)
-        word |= static_cast<uint32_t>(sample[i]) << 8 * (4 - sound.sample_bytes + i);
-    return sound.sample_bytes == 1 ? word ^ 0x80000000 : word; // unsigned in the file
+    for (size_t i = 0; i < width; ++i)
+        word |= static_cast<uint32_t>(sample[i]) << 8 * (4 - width + i);
+    return width == 1 ? word ^ 0x80000000 : word; // unsigned in the file
 }
 
 // What goes out for it: its top bytes, or on a device of floats the word times 2^-31.
-uint32_t device_word(uint32_t word, bool is_float, const device_form &device)
+uint32_t device_word(uint32_t word, bool is_float, const stream_form &form)
 {
+    if (form.floats && is_float) return word;
     float value = 0;
     std::memcpy(&value, &word, sizeof value);
-    if (device.floats && is_float) return word;
-    const int32_t number = is_float ? word_of_float(value) : static_cast<int32_t>(word);
-    if (!device.floats) return static_cast<uint32_t>(number >> device.padding);
+    auto number = static_cast<int32_t>(word);
+    if (is_float) { // 2^31 x value, toward zero, saturating
+        const double wide = std::isnan(value) ? 0 : std::trunc(double{value} * 2147483648.0);
+        number = static_cast<int32_t>(std::clamp(wide, -2147483648.0, 2147483647.0));
+    }
+    if (!form.floats) return static_cast<uint32_t>(number >> form.padding);
     value = static_cast<float>(number) * 0x1p-31F;
     std::memcpy(&word, &value, sizeof word);
     return word;
@@ -125,34 +104,26 @@ uint32_t device_word(uint32_t word, bool is_float, const device_form &device)
 
 } // namespace
 
-bytes device_bytes(const pcm_sound &sound, const device_form &device, cuts cut)
+bytes device_bytes(const pcm_sound &sound, const stream_form &form, cuts cut)
 {
     bytes out;
-    const size_t frame = sound.sample_bytes * sound.channels;
+    const size_t frame = sound.sample.bytes * sound.channels;
     for (size_t at = 0; at + frame <= sound.data.size(); at += frame) {
         for (const bool right : {false, true}) {
-            const size_t place = right && sound.channels > 1 ? sound.sample_bytes : 0;
-            uint32_t word =
-                device_word(stored_word(sound, &sound.data[at + place]), sound.floats, device);
+            const uint8_t *sample = &sound.data[at];
+            if (right && sound.channels > 1) sample += sound.sample.bytes;
+            uint32_t word = device_word(stored_word(sound, sample), sound.sample.floats, form);
             if (right ? cut.right : cut.left) word = 0;
-            for (size_t i = 4 - device.bytes; i < 4; ++i)
-                out.push_back(static_cast<uint8_t>(word >> 8 * i));
+            put_le(out, word >> 8 * (4 - form.bytes), static_cast<int>(form.bytes));
         }
     }
     return out;
 }
 
-// --- What the device gets of DSD ----------------------------------------------------------------
-
 namespace
 {
 
-// The low 24 bits at the place where the device's samples lie.
-void put_dop_sample(bytes &out, const device_form &device, uint32_t sample)
-{
-    const bool top = device.bytes == 4 && device.padding == 0;
-    put_le(out, top ? sample << 8 : sample, static_cast<int>(device.bytes));
-}
+// --- What the device gets of DSD ----------------------------------------------------------------
 
 // Four bytes of a channel, oldest first, as one number.
 uint32_t native_word(const uint8_t *stream)
@@ -173,7 +144,8 @@ uint32_t i2s_word(uint8_t left, uint8_t right)
 bytes packed(const bytes &stream, const stream_form &form)
 {
     // Where 16 bits are all that the device has, a DoP frame takes two of its frames.
-    const device_form &device = form.device.bytes == 2 ? s32_le : form.device;
+    const int width = form.bytes == 2 ? 4 : static_cast<int>(form.bytes);
+    const int below = width == 4 && form.padding == 0 ? 8 : 0; // bits under the sample's
     bytes out;
     for (size_t at = 0; at < stream.size(); at += 4) {
         const uint8_t *b = &stream[at];
@@ -184,9 +156,8 @@ bytes packed(const bytes &stream, const stream_form &form)
             if (at % 8 == 0) put_be(out, native_word(b + 1), 4);
         } else {
             const uint32_t marker = (at % 8 == 0 ? 0xFAU : 0x05U) << 16;
-            for (const int side : {0, 1})
-                put_dop_sample(out, device,
-                               marker | static_cast<uint32_t>(b[side] << 8) | b[side + 2]);
+            for (const uint8_t *side : {b, b + 1})
+                put_le(out, (marker | uint32_t{side[0]} << 8 | side[2]) << below, width);
         }
     }
     return out;
@@ -195,16 +166,9 @@ bytes packed(const bytes &stream, const stream_form &form)
 // An even and an odd frame.
 bytes silence_of(const stream_form &form)
 {
-    switch (form.kind) {
-    case packing::native:
-        return bytes(16, 0x55);
-    case packing::i2s:
-        return bytes(16, 0x33);
-    case packing::dop:
-        return packed(bytes(8, 0x55), form);
-    default:
-        return bytes(form.device.bytes * 4, 0);
-    }
+    if (form.kind == packing::pcm) return bytes(form.bytes * 4, 0);
+    if (form.kind == packing::dop) return packed(bytes(8, 0x55), form);
+    return bytes(16, form.kind == packing::native ? 0x55 : 0x33);
 }
 
 } // namespace
@@ -218,16 +182,10 @@ bytes device_bytes(const dsd_sound &sound, const stream_form &form, cuts cut)
     return packed(stream, form);
 }
 
-int device_rate(const stream_form &form, int64_t file_rate)
-{
-    const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
-    return static_cast<int>(file_rate / divisor);
-}
-
 play_settings settings_for(const stream_form &form, std::vector<std::string> arguments)
 {
     play_settings settings = {.arguments = std::move(arguments),
-                              .capture = {{"FORMATS", form.device.name}}};
+                              .capture = {{"FORMATS", form.name}}};
     if (form.kind != packing::i2s) return settings;
     shared_block()->state = -1; // told already: no signal
     return beside_controller(settings);
@@ -241,104 +199,76 @@ namespace
 constexpr uint64_t silence_frames = 8192; // that the player has at hand
 constexpr uint64_t nearly_full = 1025;    // room in frames with which a device is left alone
 
-// One write to the device, from its log: frames asked for, taken, and the room there was.
-struct device_write {
-    uint64_t asked;
-    uint64_t taken;
-    uint64_t room;
-};
-
-bool read_write(const std::string &line, device_write &w)
-{
-    return std::sscanf(line.c_str(), "write %lu took %lu room %lu", &w.asked, &w.taken, &w.room) ==
-           3;
-}
-
 // Frames of silence that come first, from the writes as the device took them: even, at least rate,
 // and not one write more.
-uint64_t told_silence(const play_result &result, uint64_t rate, std::ostream &trouble)
+uint64_t told_silence(const play_result &result, uint64_t rate)
 {
     uint64_t sent = 0;
-    device_write w{};
     for (const std::string &line : result.log) {
-        if (!read_write(line, w)) continue;
-        if (w.room <= nearly_full || w.asked >= w.room)
-            trouble << "too much for the room: " << line;
+        uint64_t asked = 0;
+        uint64_t taken = 0;
+        uint64_t room = 0;
+        if (std::sscanf(line.c_str(), "write %lu took %lu room %lu", &asked, &taken, &room) != 3)
+            continue;
+        EXPECT_TRUE(room > nearly_full && asked < room) << "too much for the room: " << line;
         if (sent % 2 == 0 && sent >= rate) continue;
-        const bool right =
-            sent % 2 == 0 ? w.asked % 2 == 0 && w.asked <= silence_frames : w.asked == 1;
-        if (!right) trouble << "silence out of step: " << line;
-        sent += w.taken;
+        EXPECT_TRUE(sent % 2 == 0 ? asked % 2 == 0 && asked <= silence_frames : asked == 1)
+            << "silence out of step: " << line;
+        sent += taken;
     }
     return sent;
 }
 
 } // namespace
 
-std::string stream_trouble(const play_result &result, const stream_form &form, int64_t file_rate,
-                           const bytes &sound, extent told)
+void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
+                   const bytes &sound, extent told)
 {
-    std::ostringstream trouble;
-    trouble << result.trouble;
-    const int rate = device_rate(form, file_rate);
-    const uint64_t silent = told_silence(result, static_cast<uint64_t>(rate), trouble);
+    const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
+    const auto rate = static_cast<uint64_t>(file_rate / divisor);
+    const uint64_t silent = told_silence(result, rate);
     bytes whole;
     for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(whole, silence_of(form));
     put_bytes(whole, sound);
     if (told == extent::broken_off) whole.resize(std::min(whole.size(), result.capture.size()));
-
-    const std::string params =
-        std::string("params ") + form.device.name + " rate " + std::to_string(rate) + " ";
-    if (told == extent::whole && result.status != 0)
-        trouble << "status " << result.status << "\n" << result.err;
-    // A device that took a frame has not played it yet.
-    if (told == extent::whole && !all_sounded(result)) trouble << "not all frames sounded\n";
-    if (!result.capture.empty() && !log_has(result, params)) trouble << "not " << params << "\n";
-    if (result.capture != whole) {
-        const auto [at, other] =
-            std::mismatch(result.capture.begin(), result.capture.end(), whole.begin(), whole.end());
-        trouble << result.capture.size() << " bytes for " << whole.size()
-                << ", the first other one at " << at - result.capture.begin() << "\n";
+    if (told == extent::whole) {
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_TRUE(all_sounded(result)); // a device that took a frame has not played it yet
     }
-    return trouble.str();
+    if (!result.capture.empty()) {
+        EXPECT_TRUE(log_has(result, std::string("params ") + form.name + " rate " +
+                                        std::to_string(rate) + " "));
+    }
+    const auto [at, other] = std::ranges::mismatch(result.capture, whole);
+    EXPECT_TRUE(result.capture == whole)
+        << form.name << ": " << result.capture.size() << " bytes for " << whole.size()
+        << ", the first other one at " << at - result.capture.begin();
 }
 
 // --- Mixed lists --------------------------------------------------------------------------------
 
-mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, uint32_t seed,
-                           cuts cut)
+mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, cuts cut)
 {
     static int lists;
     const std::string name = "list" + std::to_string(++lists);
-    mixed_list list = {
-        scratch_directory() + "/" + name, form.kind == packing::pcm ? 8000 : 256000, {}};
-    std::filesystem::create_directory(list.directory);
-    std::mt19937 random(seed);
-    for (size_t i = 0; i < files; ++i) {
+    mixed_list list = {name, form.kind == packing::pcm ? 8000 : 256000, {}};
+    std::mt19937 random(1);
+    for (uint32_t i = 0; i < files; ++i) {
         std::array<char, 32> path;
-        std::snprintf(path.data(), path.size(), "%s/%05zu", name.c_str(), i);
+        std::snprintf(path.data(), path.size(), "%s/%05u", name.c_str(), i);
         const bool dsd = i == 0 ? form.kind != packing::pcm : random() % 2 == 0;
-        const auto rate = i == 0 ? list.rate : list.rate + static_cast<int64_t>(random() % 1000);
+        const auto rate = static_cast<uint32_t>(list.rate + (i == 0 ? 0 : random() % 1000));
         const size_t frames = random() % (most_frames + 1);
         if (dsd) {
-            const auto sound =
-                random_dsd(frames * 2 + random() % 2, seed + static_cast<uint32_t>(i),
-                           static_cast<uint32_t>(rate));
-            scratch_file(path.data(), containers[random() % containers.size()].make(sound));
+            const auto sound = random_dsd(frames * 2 + random() % 2, i, rate);
+            scratch_file(path.data(), dsd_containers[random() % 3](sound));
             put_bytes(list.sound, device_bytes(sound, form, cut));
         } else {
-            const auto sound =
-                random_pcm(samples[random() % samples.size()], 1 + random() % 6,
-                           static_cast<int>(rate), frames, seed + static_cast<uint32_t>(i));
+            const auto sound = random_pcm(static_cast<int>(rate), frames, i,
+                                          samples[random() % samples.size()], 1 + random() % 6);
             scratch_file(path.data(), wave_file(sound, wave_kind(random() % 3)));
-            put_bytes(list.sound, device_bytes(sound, form.device, cut));
+            put_bytes(list.sound, device_bytes(sound, form, cut));
         }
     }
     return list;
-}
-
-int soak_size(int usual)
-{
-    const char *wanted = std::getenv("SONIVANE_SOAK");
-    return wanted != nullptr ? std::stoi(wanted) : usual;
 }

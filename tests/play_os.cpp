@@ -13,7 +13,7 @@ namespace
 
 // Appends what the filter gives for the sound of a list whose first file has the rate.
 void put_oversampled(bytes &out, scalar_filter &filter, int rate, const pcm_sound &sound,
-                     const device_form &device)
+                     const stream_form &form)
 {
     const bytes input = device_bytes(sound, s32_le); // left-justified
     std::vector<int32_t> words(input.size() / sizeof(int32_t));
@@ -23,8 +23,8 @@ void put_oversampled(bytes &out, scalar_filter &filter, int rate, const pcm_soun
     for (size_t i = 0; i < words.size(); i += 2)
         scalar_filter_run(filter, rate, {scaled(i), scaled(i + 1)}, output);
     const auto *raw = reinterpret_cast<const uint8_t *>(output.data());
-    const pcm_sound floats = {4, true, 2, 352800, {raw, raw + output.size() * sizeof(float)}};
-    put_bytes(out, device_bytes(floats, device));
+    const pcm_sound floats = {{4, true}, 2, 352800, {raw, raw + output.size() * sizeof(float)}};
+    put_bytes(out, device_bytes(floats, form));
 }
 
 // On a device of floats they go out as they are, beyond full scale too.
@@ -32,27 +32,26 @@ TEST(play_os, gives_what_the_plain_filter_gives)
 {
     const struct {
         std::vector<int> rates;
-        device_form device;
+        stream_form form;
     } cases[] = {{{44100}, s32_le},
                  {{48000}, s24_3le},
                  {{96000}, float_le},
                  {{44100, 48000, 44100}, float_le}};
-    for (const auto &[rates, device] : cases)
+    for (const auto &[rates, form] : cases)
         for (const bool use_short : {false, true}) {
             scalar_filter filter = use_short ? make_scalar_filter(set_44k_short, set_48k_short)
                                              : make_scalar_filter(set_44k_normal, set_48k_normal);
             std::vector<std::string> arguments = {use_short ? "--short-filter" : "-os", "-os"};
             bytes told;
             for (size_t i = 0; i < rates.size(); ++i) {
-                const auto sound = random_pcm(samples[4 - i], 2, rates[i], 5003, 1);
+                const auto sound = random_pcm(rates[i], 5003, 1, samples[4 - i]);
                 arguments.push_back(scratch_file(std::to_string(i) + ".wav", wave_file(sound)));
-                put_oversampled(told, filter, rates[0], sound, device);
+                put_oversampled(told, filter, rates[0], sound, form);
             }
-            const stream_form form = {device, packing::pcm};
             auto settings = settings_for(form, arguments);
             settings.capture["CAPS"] = "random 5000 1";
-            EXPECT_EQ(stream_trouble(run_player(settings), form, 352800, told), "")
-                << rates.size() << " files from " << rates[0] << " Hz, short " << use_short;
+            SCOPED_TRACE(std::to_string(rates[0]) + " Hz, " + arguments[0]);
+            expect_stream(run_player(settings), form, 352800, told);
         }
 }
 

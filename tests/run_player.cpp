@@ -1,13 +1,11 @@
 #include "run_player.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/shm.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -28,32 +27,37 @@ namespace
 
 using clock_type = std::chrono::steady_clock;
 
+constexpr size_t voice = 3;
+
+// The player's surroundings of one run.
+struct run_state {
+    std::string directory; // of this run: log, capture, gate, configuration
+    pid_t process;
+    std::array<int, 4> near; // our ends of the standard streams and the voice; -1: none
+    std::array<int, 4> far;  // the player's ends
+    int terminal;            // our end of the terminal; -1: none
+    int terminal_far;
+    termios mode_before;
+    size_t clogged; // the stream that nobody reads, and that is full; 0: none
+};
+
 std::string file_text(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Of the three standard streams and the voice.
-using descriptors = std::array<int, 4>;
-constexpr size_t voice = 3;
-
-// The player's surroundings of one run.
-struct run_state {
-    std::string directory; // of this run: log, capture, configuration
-    pid_t process;
-    descriptors near; // our ends; -1: none
-    descriptors far;  // the player's ends
-    int terminal;     // our end of the terminal; -1: none
-    int terminal_far;
-    bool clogged; // nobody reads standard output, and it is full
-    bool muted;   // so is the voice
-};
+const std::string &scratch_directory()
+{
+    static const std::string path = make_directory();
+    return path;
+}
 
 // --- Setting up ---------------------------------------------------------------------------------
 
 void write_configuration(const std::string &directory)
 {
+    std::filesystem::create_directory(directory);
     std::ofstream(directory + "/asound.conf")
         << "pcm_type.capture { lib \"" CAPTURE_PLUGIN_PATH "\" }\n"
            "pcm.capture { type capture }\n"
@@ -61,71 +65,64 @@ void write_configuration(const std::string &directory)
            "  @args.DEV { type integer } type capture }\n";
 }
 
-void open_terminal(run_state &state, const play_settings &settings)
+void open_terminal(run_state &state, tcflag_t without)
 {
-    state.terminal = state.terminal_far = -1;
-    const auto wires = {settings.input, settings.output, settings.error};
-    if (std::find(wires.begin(), wires.end(), wire::terminal) == wires.end()) return;
-    if (openpty(&state.terminal, &state.terminal_far, nullptr, nullptr, nullptr) != 0) std::abort();
-    termios mode{};
-    tcgetattr(state.terminal_far, &mode);
-    mode.c_lflag &= ~settings.terminal_mode;
-    mode.c_oflag &= ~static_cast<tcflag_t>(OPOST); // shows the player's bytes as they are
-    tcsetattr(state.terminal_far, TCSANOW, &mode);
+    ASSERT_EQ(openpty(&state.terminal, &state.terminal_far, nullptr, nullptr, nullptr), 0);
+    tcgetattr(state.terminal_far, &state.mode_before);
+    state.mode_before.c_lflag &= ~without;
+    state.mode_before.c_oflag &= ~static_cast<tcflag_t>(OPOST); // shows bytes as they are
+    tcsetattr(state.terminal_far, TCSANOW, &state.mode_before);
 }
 
 void open_wire(run_state &state, size_t stream, wire kind)
 {
-    std::array<int, 2> ends = {-1, -1}; // reading, writing
-    state.near[stream] = state.far[stream] = -1;
-    if (kind == wire::null) {
-        state.far[stream] = open("/dev/null", O_RDWR | O_CLOEXEC);
-    } else if (kind == wire::terminal) {
-        state.far[stream] = fcntl(state.terminal_far, F_DUPFD_CLOEXEC, 10);
-        state.near[stream] = fcntl(state.terminal, F_DUPFD_CLOEXEC, 10);
+    std::array<int, 2> ends = {-1, -1}; // near, far
+    if (kind == wire::null) ends[1] = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (kind == wire::terminal) {
+        ends = {fcntl(state.terminal, F_DUPFD_CLOEXEC, 10),
+                fcntl(state.terminal_far, F_DUPFD_CLOEXEC, 10)};
     } else if (kind == wire::pipe || kind == wire::gone) {
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
-        state.far[stream] = ends[stream == 0 ? 0 : 1];
-        state.near[stream] = ends[stream == 0 ? 1 : 0];
+        ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        if (stream == 0) std::swap(ends[0], ends[1]);
     }
-    if (kind == wire::socket) {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) std::abort();
-        state.near[stream] = ends[0];
-        state.far[stream] = ends[1];
-    }
-    if (kind == wire::gone) close(std::exchange(state.near[stream], -1));
-    if (state.near[stream] >= 0) fcntl(state.near[stream], F_SETFL, O_NONBLOCK);
+    if (kind == wire::gone) close(std::exchange(ends[0], -1));
+    if (ends[0] >= 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    state.near[stream] = ends[0];
+    state.far[stream] = ends[1];
 }
 
-void close_all(const descriptors &all)
+void open_wires(run_state &state, const play_settings &settings)
 {
-    for (const int fd : all)
-        if (fd >= 0) close(fd);
+    const std::array kinds = {settings.input, settings.output, settings.error, settings.voice};
+    state.terminal = state.terminal_far = -1;
+    if (std::ranges::find(kinds, wire::terminal) != kinds.end())
+        open_terminal(state, settings.terminal_without);
+    for (size_t stream = 0; stream < kinds.size(); ++stream)
+        open_wire(state, stream, kinds[stream]);
 }
 
 // --- The player's side --------------------------------------------------------------------------
-
-void add_option(const char *name, const std::string &option)
-{
-    const char *options = std::getenv(name);
-    setenv(name, (option + ":" + (options != nullptr ? options : "")).c_str(), 1);
-}
 
 void set_environment(const run_state &state, const play_settings &settings)
 {
     const auto set = [](const std::string &name, const std::string &value) {
         setenv(name.c_str(), value.c_str(), 1);
     };
+    const auto add = [set](const char *name, const std::string &option) {
+        const char *options = std::getenv(name);
+        set(name, option + ":" + (options != nullptr ? options : ""));
+    };
     set("ALSA_CONFIG_PATH", state.directory + "/asound.conf");
     set("CAPTURE_LOG", state.directory + "/log");
     set("CAPTURE_FILE", state.directory + "/capture");
-    if (settings.gated) set("CAPTURE_GATE", state.directory + "/gate");
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
+    for (const play_event &event : settings.events)
+        if (event.allow >= 0) set("CAPTURE_GATE", state.directory + "/gate");
     set("HISTFILE", ""); // of a shell
-    if (settings.stand_ins) set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
+    set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
     // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
-    add_option("ASAN_OPTIONS", "verify_asan_link_order=0");
-    add_option("TSAN_OPTIONS", "report_thread_leaks=0");
+    add("ASAN_OPTIONS", "verify_asan_link_order=0");
+    add("TSAN_OPTIONS", "report_thread_leaks=0");
 }
 
 // The player of the foreground: a session with the terminal as its own, so that keys make signals.
@@ -133,16 +130,13 @@ void take_streams(const run_state &state)
 {
     setsid();
     if (state.terminal_far >= 0) ioctl(state.terminal_far, TIOCSCTTY, 0);
-    for (int stream = 0; stream < 3; ++stream) {
+    for (int stream = 0; stream < 4; ++stream) {
         const int fd = state.far[static_cast<size_t>(stream)];
-        if (fd >= 0)
-            dup2(fd, stream);
-        else
+        if (fd == stream)
+            fcntl(fd, F_SETFD, 0);
+        else if (fd < 0 || dup2(fd, stream) < 0)
             close(stream);
     }
-    if (state.far[voice] < 0) return;
-    dup2(state.far[voice], voice);
-    fcntl(voice, F_SETFD, 0);
 }
 
 [[noreturn]] void become_player(const run_state &state, const play_settings &settings)
@@ -150,13 +144,8 @@ void take_streams(const run_state &state)
     for (const int number : {SIGINT, SIGQUIT, SIGPIPE, SIGHUP, SIGTERM, SIGTSTP})
         std::signal(number, SIG_DFL);
     set_environment(state, settings);
-    if (chdir(scratch_directory().c_str()) != 0) _exit(254);
-    if (settings.memory_limit != 0) {
-        const rlimit limit = {settings.memory_limit, settings.memory_limit};
-        setrlimit(RLIMIT_AS, &limit);
-    }
+    std::filesystem::current_path(scratch_directory());
     std::vector<std::string> words = settings.launcher;
-    if (settings.in_shell) words = {"bash", "--norc", "--noediting", "-is"};
     words.emplace_back(PLAYER_PATH);
     if (settings.voice != wire::closed) words.emplace_back("--events=3");
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
@@ -172,32 +161,26 @@ void take_streams(const run_state &state)
 
 // --- While it runs ------------------------------------------------------------------------------
 
-// Takes what waits in a stream. False once it has ended.
-bool read_some(int fd, std::string &text)
-{
-    std::array<char, 65536> bytes;
-    const ssize_t got = read(fd, bytes.data(), bytes.size());
-    if (got > 0) text.append(bytes.data(), static_cast<size_t>(got));
-    return got > 0 || (got < 0 && errno == EAGAIN);
-}
-
 std::array<std::string *, 4> texts_of(play_result &result)
 {
     return {nullptr, &result.out, &result.err, &result.told};
 }
 
+// Takes what waits in the streams; closes those that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
-    const auto texts = texts_of(result);
-    std::array<pollfd, 3> polled{};
-    for (size_t stream = 1; stream < 4; ++stream) // below 0: passed over
-        polled[stream - 1] = {state.near[stream], POLLIN, 0};
+    std::array<pollfd, 4> polled{};
+    for (size_t stream = 0; stream < 4; ++stream)
+        polled[stream] = {stream == 0 ? -1 : state.near[stream], POLLIN, 0};
     poll(polled.data(), polled.size(), wait_ms);
     for (size_t stream = 1; stream < 4; ++stream) {
-        const bool unread = stream == 1 ? state.clogged : stream == voice && state.muted;
-        if (polled[stream - 1].revents == 0 || unread) continue;
-        if (read_some(state.near[stream], *texts[stream])) continue;
-        close(std::exchange(state.near[stream], -1));
+        if (polled[stream].revents == 0 || stream == state.clogged) continue;
+        std::array<char, 65536> text;
+        const ssize_t got = read(state.near[stream], text.data(), text.size());
+        if (got > 0)
+            texts_of(result)[stream]->append(text.data(), static_cast<size_t>(got));
+        else if (got == 0 || errno != EAGAIN)
+            close(std::exchange(state.near[stream], -1));
     }
 }
 
@@ -208,17 +191,31 @@ size_t captured_bytes(const run_state &state)
     return error ? 0 : size;
 }
 
+// The terminal's mode is the same in all that a program can set.
+bool same_mode(const termios &a, const termios &b)
+{
+    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+           a.c_lflag == b.c_lflag && std::equal(a.c_cc, a.c_cc + NCCS, b.c_cc);
+}
+
+termios mode_now(const run_state &state)
+{
+    termios mode{};
+    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
+    return mode;
+}
+
 bool is_due(const play_event &event, const run_state &state, const play_result &result,
             clock_type::time_point since)
 {
     const auto has = [](const std::string &text, const std::string &part) {
         return part.empty() || text.find(part) != std::string::npos;
     };
-    termios mode{};
-    if (event.mode_is) tcgetattr(state.terminal_far, &mode);
+    const bool raw = (mode_now(state).c_lflag & ICANON) == 0;
     return clock_type::now() - since >= std::chrono::milliseconds(event.after_ms) &&
-           (!event.mode_is || event.mode_is(mode)) && has(result.out, event.out_has) &&
-           has(result.err, event.err_has) && has(result.told, event.told_has) &&
+           (event.mode_is == line_mode::any || raw == (event.mode_is == line_mode::raw)) &&
+           has(result.out, event.out_has) && has(result.err, event.err_has) &&
+           has(result.told, event.told_has) &&
            (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
            captured_bytes(state) >= event.captured;
 }
@@ -230,99 +227,105 @@ void open_gate(const std::string &path, int64_t frames)
     std::filesystem::rename(path + ".new", path);
 }
 
-// Fills a pipe, whose reading end we have, to its last byte.
-void clog(int reading_end, const char *byte)
+// Fills a pipe, whose reading end we have, to its last byte with what no line of the player has.
+void clog(int reading_end)
 {
     const int fd = open(("/proc/self/fd/" + std::to_string(reading_end)).c_str(),
                         O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    while (write(fd, byte, 1) == 1) {
+    while (write(fd, "\n", 1) == 1) {
     }
     close(fd);
 }
 
-void let_happen(const play_event &event, bool in_shell, run_state &state, play_result &result)
+void let_happen(const play_event &event, run_state &state, play_result &result)
 {
-    termios mode{};
-    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
-    result.at_events.push_back(mode);
-    result.captured_at_events.push_back(captured_bytes(state));
-    result.shown_at_events.push_back(result.out.size());
-    if (!event.type.empty() && write(state.near[0], event.type.data(), event.type.size()) !=
-                                   static_cast<ssize_t>(event.type.size()))
-        result.trouble += "keys were not taken\n";
-    const pid_t job = in_shell ? -tcgetpgrp(state.terminal) : state.process;
-    if (event.signal != 0) kill(job, event.signal);
+    result.at_events.push_back({captured_bytes(state), result.out.size()});
+    termios mode = mode_now(state);
+    mode.c_lflag |= ICANON;
+    EXPECT_TRUE(state.terminal < 0 || same_mode(mode, state.mode_before));
+    const std::string &keys = event.type;
+    if (!keys.empty()) {
+        EXPECT_EQ(write(state.near[0], keys.data(), keys.size()), std::ssize(keys));
+    }
+    const pid_t foreground = state.terminal >= 0 ? tcgetpgrp(state.terminal) : 0; // 0: it ended
+    if (event.signal != 0) kill(foreground > 0 ? -foreground : state.process, event.signal);
     if (event.call) event.call();
     state.clogged = event.clogs;
-    if (event.clogs) clog(state.near[1], ".");
-    state.muted = event.mutes;
-    if (event.mutes) clog(state.near[voice], "\n");
+    if (event.clogs != 0) clog(state.near[event.clogs]);
     if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
 }
 
 // Runs the events until the player has ended. Its exit as waitpid gives it.
-int watch_player(run_state &state, const play_settings &settings, play_result &result)
+int watch_player(run_state &state, const std::vector<play_event> &events, play_result &result)
 {
-    const auto start = clock_type::now();
-    auto last_event = start;
-    auto event = settings.events.begin();
+    auto last_event = clock_type::now();
+    const auto latest = last_event + std::chrono::minutes(soak_size(1));
+    auto event = events.begin();
     int exit = 0;
-    bool killed = false;
     while (waitpid(state.process, &exit, WNOHANG) == 0) {
         read_streams(state, result, 1);
-        if (event != settings.events.end() && is_due(*event, state, result, last_event)) {
-            let_happen(*event++, settings.in_shell, state, result);
+        if (event != events.end() && is_due(*event, state, result, last_event)) {
+            let_happen(*event++, state, result);
             last_event = clock_type::now();
         }
-        if (killed || clock_type::now() - start < std::chrono::seconds(settings.timeout_seconds))
-            continue;
-        result.trouble += "the player did not end\n";
+        if (clock_type::now() < latest) continue;
+        ADD_FAILURE() << "the player did not end";
         kill(state.process, SIGKILL);
-        killed = true;
+        waitpid(state.process, &exit, 0);
+        break;
     }
-    if (event != settings.events.end() && !event->may_miss)
-        result.trouble += "an event did not come\n";
+    EXPECT_TRUE(event == events.end() || event->may_miss) << "an event did not come";
     return exit;
 }
 
+// --- What came of it ----------------------------------------------------------------------------
+
 void read_rest(run_state &state, play_result &result)
 {
-    for (size_t stream = 1; stream < 4; ++stream) {
-        std::string &text = *texts_of(result)[stream];
-        if (state.near[stream] < 0) continue;
-        size_t before = 0;
-        do before = text.size();
-        while (read_some(state.near[stream], text) && text.size() > before);
+    state.clogged = 0;
+    for (size_t before = 1; before != 0;) {
+        before = result.out.size() + result.err.size() + result.told.size();
+        read_streams(state, result, 0);
+        if (before == result.out.size() + result.err.size() + result.told.size()) before = 0;
     }
-}
-
-void look_for_findings(play_result &result)
-{
-    for (const char *finding : {"Sanitizer", "runtime error:"})
-        if (result.err.find(finding) != std::string::npos) result.trouble += result.err;
-}
-
-void read_files(const run_state &state, play_result &result)
-{
     const std::string bytes = file_text(state.directory + "/capture");
     result.capture.assign(bytes.begin(), bytes.end());
     std::istringstream log(file_text(state.directory + "/log"));
     for (std::string line; std::getline(log, line);) result.log.push_back(line);
 }
 
-} // namespace
-
-const std::string &scratch_directory()
+void read_end(play_result &result)
 {
-    static const std::string path = make_directory();
-    return path;
+    const std::string status = std::to_string(result.status);
+    result.end = told_words(result, "end");
+    EXPECT_TRUE(result.end.empty() || result.end.ends_with("," + status)) << result.end << status;
+    if (result.end.empty()) result.end = status;
 }
 
-std::string scratch_file(const std::string &name, const bytes &content)
+} // namespace
+
+play_result run_player(const play_settings &settings)
 {
-    std::string path = scratch_directory() + "/" + name;
-    write_file(path, content);
-    return path;
+    static int runs;
+    play_result result;
+    run_state state{};
+    state.directory = scratch_directory() + "/.run" + std::to_string(++runs);
+    write_configuration(state.directory);
+    open_wires(state, settings);
+    state.process = fork();
+    if (state.process == 0) become_player(state, settings);
+    for (const int fd : state.far) close(fd);
+    const int exit = watch_player(state, settings.events, result);
+    result.status = WIFEXITED(exit) ? WEXITSTATUS(exit) : -WTERMSIG(exit);
+    read_rest(state, result);
+    read_end(result);
+    EXPECT_TRUE(state.terminal < 0 || same_mode(mode_now(state), state.mode_before));
+    for (const char *finding : {"Sanitizer", "runtime error:"})
+        EXPECT_EQ(result.err.find(finding), std::string::npos) << result.err;
+    for (const int fd : state.near) close(fd);
+    for (const int fd : {state.terminal, state.terminal_far}) close(fd);
+    std::filesystem::remove_all(state.directory);
+    return result;
 }
 
 controller_words *shared_block()
@@ -338,54 +341,33 @@ controller_words *shared_block()
 play_settings beside_controller(play_settings settings)
 {
     settings.device_name = "hw:3,0";
-    settings.stand_ins = true;
     settings.capture["CARD_NAME"] = "snd_rpi_dac";
     settings.capture["KEY"] = std::to_string(getpid());
     return settings;
 }
 
-play_result run_player(const play_settings &settings)
+std::string scratch_file(const std::string &name, const bytes &content)
 {
-    static int runs;
-    play_result result;
-    run_state state{};
-    state.directory = scratch_directory() + "/.run" + std::to_string(++runs);
-    mkdir(state.directory.c_str(), 0777);
-    write_configuration(state.directory);
-    open_terminal(state, settings);
-    open_wire(state, 0, settings.input);
-    open_wire(state, 1, settings.output);
-    open_wire(state, 2, settings.error);
-    open_wire(state, voice, settings.voice);
-    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.before);
-
-    state.process = fork();
-    if (state.process == 0) become_player(state, settings);
-    close_all(state.far);
-    const int exit = watch_player(state, settings, result);
-    result.status = WIFEXITED(exit) ? WEXITSTATUS(exit) : -WTERMSIG(exit);
-    read_rest(state, result);
-    if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &result.after);
-    close_all(state.near);
-    close_all({state.terminal, state.terminal_far, -1, -1});
-
-    read_files(state, result);
-    std::filesystem::remove_all(state.directory);
-    look_for_findings(result);
-    return result;
+    const std::filesystem::path path = std::filesystem::path(scratch_directory()) / name;
+    std::filesystem::create_directories(path.parent_path());
+    write_file(path, content);
+    return path;
 }
 
-bool same_mode(const termios &a, const termios &b)
+std::string told_words(const play_result &result, const std::string &kind)
 {
-    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
-           a.c_lflag == b.c_lflag && std::equal(a.c_cc, a.c_cc + NCCS, b.c_cc);
+    const std::string head = R"({"event":")" + kind + R"(",)";
+    const size_t at = result.told.rfind(head);
+    if (at == std::string::npos) return "";
+    const size_t start = at + head.size();
+    const std::string fields = result.told.substr(start, result.told.find("}\n", start) - start);
+    return std::regex_replace(fields, std::regex(R"re("\w+":|")re"), "");
 }
 
 bool log_has(const play_result &result, const std::string &text)
 {
-    for (const std::string &line : result.log)
-        if (line.find(text) != std::string::npos) return true;
-    return false;
+    return std::ranges::any_of(
+        result.log, [&](const std::string &line) { return line.find(text) != std::string::npos; });
 }
 
 bool all_sounded(const play_result &result)
@@ -404,4 +386,10 @@ bool all_sounded(const play_result &result)
 std::string report_text(const char *unit, int number, const std::string &message)
 {
     return "\nERROR " + std::string(unit) + " " + std::to_string(number) + " " + message;
+}
+
+int soak_size(int usual)
+{
+    const char *wanted = std::getenv("SONIVANE_SOAK");
+    return wanted != nullptr ? std::stoi(wanted) : usual;
 }
