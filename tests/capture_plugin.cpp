@@ -506,13 +506,13 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("CAPTURE_KEY", "-1"));
 }
 
-// Waiting for a busy device, which the player does in slices of this length, takes no time.
+// Waiting for a busy device, which the player does in slices of this length, takes a fiftieth.
 int usleep(useconds_t microseconds)
 {
     static auto *real = reinterpret_cast<decltype(&usleep)>(dlsym(RTLD_NEXT, "usleep"));
     if (!busy_now || microseconds != 50000) return real(microseconds);
     log_line("pause %u\n", microseconds);
-    return 0;
+    return real(microseconds / 50);
 }
 
 // The machine has CAPTURE_CARDS cards, all of the name CAPTURE_CARD_NAME.

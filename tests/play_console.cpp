@@ -19,7 +19,8 @@ namespace
 // The kinds of output, one letter each, tried in this order. The first group is a number.
 const std::vector<std::pair<char, std::regex>> kinds = {
     {'B',
-     std::regex("\r {72}\nplaying file (\\d+)/\\d+ total 0:0\\d (\"[^\"/]+\" ?)?\n?\"[^\"]+\"\n")},
+     std::regex(
+         "\r {72}\nplaying file (\\d+)/\\d+ total \\d+:\\d\\d (\"[^\"/]+\" ?)?\n?\"[^\"]+\"\n")},
     {'F', std::regex("\rposition 00:00 buffer (\\d+)\\[%\\]   filling buffer   \r")},
     {'S', std::regex("\rposition 00:(\\d\\d) buffer \\d+\\[%\\]   (DoP   |Bi-Naural   )?\r")},
     {'T', std::regex("0 (\\d+)\n")},
@@ -67,7 +68,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
         const char *shape;
         const char *text; // one of many
         char kind;        // of the lines
-    } rows[] = {{"--mode=0", "F+BS[SwW]*WN", "%]   \r", 'S'},
+    } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
                 {"--silent", "F+BTT+WWN", "total 0:03", 'T'}};
@@ -115,9 +116,10 @@ struct ending_row {
     const char *name;
     std::vector<play_event> events;
     const char *end;
-    const char *shape;      // of what was shown
-    tcflag_t without = 0;   // bits of the terminal's mode
-    bool plays_out = false; // what the ring held at the last event is still heard
+    const char *shape;             // of what was shown
+    tcflag_t without = 0;          // bits of the terminal's mode
+    bool plays_out = false;        // what the ring held at the last event is still heard
+    std::string err = stream_line; // what standard error ends with
 };
 
 // A second of the file has gone to the device, and more than the ring holds is still to be read.
@@ -150,13 +152,16 @@ const std::vector<ending_row> endings = {
      true},
     {"interrupt_then_key",
      {then_send(SIGINT), {.out_has = wiped_status, .type = key_3}},
-     "interrupt,0",
+     "key,0",
      "F+BS+WWN",
      ISIG | ECHO},
     {"two_interrupts", // the thread sanitizer keeps a signal back for a while
      {then_send(SIGINT), {.out_has = wiped_status, .signal = SIGINT}},
      "report,sonivane,799,31",
-     "F+BS+WW?"},
+     "F+BS+WW?",
+     0,
+     false,
+     report_text("sonivane", 799, "Interrupt stack. Abort\n")},
     {"stop_that_no_shell_could_continue", // ^Z and ^C
      {then_type("\x1a"), {.mode_is = line_mode::raw, .after_ms = 100, .type = key_3}},
      "interrupt,0",
@@ -172,39 +177,30 @@ const std::vector<ending_row> endings = {
     {"quit", {then_send(SIGQUIT)}, "-3", "F+BS+"},
 };
 
-void PrintTo(const ending_row &row, std::ostream *out)
+TEST(play_console, every_end_leaves_the_terminal_as_it_was)
 {
-    *out << row.name;
-}
-
-class play_ending : public testing::TestWithParam<ending_row>
-{
-};
-
-TEST_P(play_ending, leaves_the_terminal_as_it_was)
-{
-    const ending_row &row = GetParam();
-    const auto result = run_player({.arguments = {scratch_wave("a.wav", 44100, 12 * 44100)},
-                                    .capture = {{"SPEED", "4"}},
-                                    .events = row.events,
-                                    .input = wire::terminal,
-                                    .output = wire::terminal,
-                                    .terminal_without = row.without});
-    EXPECT_EQ(result.end, row.end);
-    shown all = read_shown(result.out);
-    expect_shape(all, row.shape);
-    EXPECT_EQ(all.numbers['F'].back(), 80); // per cent, then the device starts
-    const bool hard = row.name == std::string("two_interrupts");
-    EXPECT_EQ(result.err,
-              stream_line + (hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : ""));
-    EXPECT_LT(result.capture.size(), 13 * device_second);
-    EXPECT_EQ(all_sounded(result), row.plays_out);
-    if (row.plays_out) {
-        EXPECT_GT(result.capture.size(), result.at_events.back().captured + 400000);
+    const auto file = scratch_wave("a.wav", 44100, 12 * 44100);
+    for (const ending_row &row : endings) {
+        SCOPED_TRACE(row.name);
+        const auto result = run_player({.arguments = {file},
+                                        .capture = {{"SPEED", "4"}},
+                                        .events = row.events,
+                                        .input = wire::terminal,
+                                        .output = wire::terminal,
+                                        .terminal_without = row.without});
+        EXPECT_EQ(result.end, row.end);
+        shown all = read_shown(result.out);
+        expect_shape(all, row.shape);
+        EXPECT_EQ(all.numbers['F'].back(), 80); // per cent, then the device starts
+        EXPECT_TRUE(result.err.starts_with(stream_line)) << result.err;
+        EXPECT_TRUE(result.err.ends_with(row.err)) << result.err;
+        EXPECT_LT(result.capture.size(), 13 * device_second);
+        EXPECT_EQ(all_sounded(result), row.plays_out);
+        if (row.plays_out) {
+            EXPECT_GT(result.capture.size(), result.at_events.back().captured + 400000);
+        }
     }
 }
-INSTANTIATE_TEST_SUITE_P(all, play_ending, testing::ValuesIn(endings),
-                         testing::PrintToStringParamName());
 
 // A file that the feeder comes to while the ring is filled cannot be opened, nor fail to be.
 TEST(play_console, a_read_that_stalls_does_not_hold_up_the_end)

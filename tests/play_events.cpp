@@ -96,26 +96,6 @@ TEST(play_events, tell_the_position_that_is_heard)
     EXPECT_EQ(std::lround(seconds * 1000000), (stands_at - silence) * 10 / 4);
 }
 
-// A file that loses its end while another one plays, and one that never had what it promises.
-TEST(play_events, tell_a_file_that_breaks_off)
-{
-    scratch_wave("1.wav", 44100, 400000);
-    bytes promising = wave_file(random_pcm(44100, 1000));
-    promising.resize(2000);
-    scratch_file("3.wav", promising);
-    std::vector<bytes> files = {wave_file(random_pcm(44100, 10000))};
-    for (const auto make : dsd_containers) files.push_back(make(random_dsd(20000, 3, 2822400)));
-    for (const bytes &content : files) {
-        const std::string path = scratch_file("2", content);
-        const auto cut = [&] { std::filesystem::resize_file(path, 10000); };
-        const auto result = run_player(
-            {.arguments = {"1.wav", "2", "3.wav"},
-             .events = {{.out_has = "playing file 1/3", .allow = 100000000, .call = cut}}});
-        EXPECT_EQ(pick(result, "read error"), head + "read error\",\"index\":1}\n");
-        EXPECT_EQ(result.end, "read error,0");
-    }
-}
-
 TEST(play_events, tell_names_of_any_bytes)
 {
     const std::pair<std::string, std::string> rows[] = {
@@ -143,17 +123,6 @@ TEST(play_events, tell_names_of_any_bytes)
 }
 
 // --- Readers ------------------------------------------------------------------------------------
-
-TEST(play_events, need_a_descriptor_that_is_open_for_writing)
-{
-    for (const std::string bad : {"", "x", "3x", "-1", "99", "0", "4294967299"}) {
-        const auto result = run_player(
-            {.arguments = {"--events=" + bad}, .input = wire::pipe, .voice = wire::closed});
-        EXPECT_EQ(result.end, "61");
-        EXPECT_EQ(result.err, report_text("parse_param", 61,
-                                          "--events needs an open descriptor, not " + bad + ".\n"));
-    }
-}
 
 // Nothing waits for a reader that does not read, and the first line that it then gets counts what
 // it missed.
