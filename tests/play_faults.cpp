@@ -121,8 +121,7 @@ TEST(play_faults, nothing_holds_the_player_before_it_plays)
         const auto result = run_player({.arguments = {"-B", "512M", file},
                                         .capture = {{"BUSY", openings}},
                                         .events = {event},
-                                        .input = wire::terminal,
-                                        .terminal_without = ISIG});
+                                        .input = wire::pipe});
         EXPECT_EQ(result.end, end) << openings;
         EXPECT_TRUE(result.capture.empty());
         EXPECT_EQ(result.err.ends_with(report_text("sonivane", 1045, "exit by interrupt\n")),
