@@ -232,27 +232,24 @@ TEST(play_console, a_job_shares_the_terminal_with_its_shell)
     }
 }
 
-// Whatever the standard streams are, the sound is whole and nothing else reaches the device: input
-// at its end, which select reports for ever; a reader of the output that left; streams closed at
+// Whatever the standard streams are, the sound is whole and nothing else reaches the device: an
+// input that is read and never gives anything; a reader of the output that left; streams closed at
 // the start, whose numbers no file may get.
 TEST(play_console, the_streams_do_not_matter_to_the_sound)
 {
     const auto file = scratch_wave("a.wav", 8000, 8000);
     const bytes sound = device_bytes(random_pcm(8000, 8000), s32_le);
-    for (const auto &[input, output, error] :
-         std::initializer_list<std::array<wire, 3>>{{wire::null, wire::pipe, wire::pipe},
-                                                    {wire::pipe, wire::pipe, wire::pipe},
-                                                    {wire::closed, wire::pipe, wire::pipe},
-                                                    {wire::terminal, wire::gone, wire::pipe},
-                                                    {wire::terminal, wire::closed, wire::pipe},
-                                                    {wire::terminal, wire::pipe, wire::closed},
-                                                    {wire::terminal, wire::gone, wire::gone},
-                                                    {wire::closed, wire::closed, wire::closed}}) {
+    constexpr auto closed = wire::closed;
+    for (const auto &[input, output, error] : {std::array{wire::pipe, closed, wire::pipe},
+                                               {closed, wire::pipe, wire::pipe},
+                                               {wire::terminal, wire::pipe, closed},
+                                               {wire::terminal, wire::gone, wire::gone},
+                                               {closed, closed, closed}}) {
         const auto result = run_player({.arguments = {file},
                                         .input = input,
                                         .output = output,
                                         .error = error,
-                                        .voice = wire::closed});
+                                        .voice = closed});
         expect_stream(result, s32_le, 8000, sound);
     }
 }

@@ -129,16 +129,6 @@ TEST(play_faults, nothing_holds_the_player_before_it_plays)
     }
 }
 
-// A device that plays nothing: the ring is full, and there is more to read.
-TEST(play_faults, a_key_ends_a_run_whose_ring_is_full)
-{
-    const auto result = run_player(
-        {.arguments = {"-B", "1536K", scratch_wave("a.wav", 44100, 250000)},
-         .events = {{.out_has = "position 00:00", .allow = 0}, {.after_ms = 200, .type = key_3}},
-         .input = wire::pipe});
-    EXPECT_EQ(result.end, "key,0");
-}
-
 // A device that stands still with the end of the list in its queue: the player does not wait for it
 // longer than that could last.
 TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
