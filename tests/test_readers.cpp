@@ -100,7 +100,6 @@ const bytes right = noise(3, 36);
 const bytes heard = dsd_frames(left, right);
 
 constexpr int64_t huge = int64_t{1} << 32;
-const std::string short_number = "fread() failed.\n";
 const std::string short_tag = "\nERROR readwrite 223 read() 4 bytes failed.\n";
 
 // --- WAV and RF64 -------------------------------------------------------------------------------
@@ -138,8 +137,7 @@ TEST(readers, wav_headers_play_or_are_refused)
         // A size taken as a negative number seeks backward for ever; its sum with a header wraps.
         {"chunk of 2^32 - 8", list_of(0xFFFFFFF8)},
         {"chunk of 2^32 - 1 counts as empty", list_of(0xFFFFFFFF), heard},
-        {"cut in a size", first_of(good, 18), {}, short_number},
-        {"RIFF", text("RIFF"), {}, short_tag},
+        {"cut in a size", first_of(good, 18), {}, "fread() failed.\n"},
         {"RIF", text("RIF"), {}, short_tag + short_tag + short_tag}, // all but the first reader
         {"words", text("As they may lie beside the sound.\n")},
     });
@@ -170,9 +168,8 @@ TEST(readers, rf64_sizes_must_agree)
 
 std::string block_report(uint32_t size)
 {
-    return size == 4096 ? ""
-                        : "\nERROR dsf 142 DSF block size if " +
-                              std::to_string(static_cast<int32_t>(size)) + "\n";
+    const auto told = std::to_string(static_cast<int32_t>(size));
+    return "\nERROR dsf 142 DSF block size if " + told + "\n";
 }
 
 TEST(readers, dsf_headers_play_or_are_refused)
@@ -186,7 +183,6 @@ TEST(readers, dsf_headers_play_or_are_refused)
     const auto blocks = [&](uint32_t size) { return patched(good, 72, le(size, 4)); };
     check_all({
         {"longer chunks", long_chunks, heard},
-        {"second tag", with(28, {'F'})},
         {"third tag", with(80, {'D'})},
         {"sizes that wrap to the data", with(32, le(UINT64_MAX - 27, 8))},
         {"version and format id", with(40, {2, 0xFF, 0, 0, 1})},
@@ -195,13 +191,11 @@ TEST(readers, dsf_headers_play_or_are_refused)
         {"2^31 channels", with(52, le(0x80000000, 4)), heard},
         {"0 bits a sample", with(60, {0}), heard},
         {"8 bits a sample", with(60, {8})},
-        {"count of 0", with(64, bytes(8)), bytes{}},
         {"count of 2^63", patched(endless, 64, le(uint64_t{1} << 63, 8)), heard, block_report(36),
          INT64_MIN / 8},
         {"count of 2^64 - 1", with(64, bytes(8, 0xFF)), bytes{}},
         {"file and data of 0", patched(with(12, bytes(16)), 84, bytes(8)), heard},
         {"blocks of 0", blocks(0), bytes{}, block_report(0), 36},
-        {"blocks of 2^30 - 1", blocks(0x3FFFFFFF), bytes{}, block_report(0x3FFFFFFF), 36},
         {"blocks of 2^31 - 1", blocks(INT32_MAX), bytes{}, block_report(INT32_MAX), 36},
         {"blocks of 2^31", blocks(0x80000000), {}, block_report(0x80000000)},
     });
@@ -217,7 +211,7 @@ TEST(readers, dsf_sound_ends_inside_a_byte_a_group_or_a_block)
         uint32_t block_bytes;
         size_t samples;
     } cases[] = {{2, 64, 1},           {2, 64, 797}, {2, 64, 64 * 8},    {2, 8192, 9000 * 8},
-                 {6, 16, 100 * 8 - 3}, {3, 1, 184},  {2, 4096, 8192 * 8}};
+                 {6, 16, 100 * 8 - 3}, {3, 1, 184},  {2, 4095, 8192 * 8}};
     for (const auto &[channels, block_bytes, samples] : cases) {
         const bytes one = noise(6, (samples + 7) / 8);
         const bytes two = noise(7, one.size());
@@ -244,51 +238,44 @@ const bytes rate = chunk("FS  ", be(2822400, 4));
 const bytes sound = chunk("DSD ", heard);
 const bytes stereo = channels("SLFTSRGT", 2);
 
-// A file with more among its properties; with more before its sound.
-bytes dff_property(const bytes &chunks)
+// A file with more among its properties, and with more before its sound.
+bytes dff(const bytes &property, const bytes &before = {})
 {
-    return form({version, properties({rate, stereo, chunks}), sound});
-}
-bytes dff_before(const bytes &chunks)
-{
-    return form({version, properties({rate, stereo}), chunks, sound});
+    return form({version, properties({rate, stereo, property}), before, sound});
 }
 
 TEST(readers, dsdiff_headers_play_or_are_refused)
 {
-    const bytes good = dff_before({});
-    const bytes least = form({properties({rate, stereo}), sound});
+    const bytes good = dff({});
     const bytes others = joined({chunk("ABSS", bytes(8)), chunk("LSCO", bytes(2)),
                                  chunk("ODD ", {1}), chunk("EVEN", {2, 2}), rate});
     // A property of another size than its fields take, which the size of "PROP" bears out.
     const auto told = [](const char *name, uint64_t size, size_t taken) {
-        const bytes file = dff_property(joined({head_of(name, size), bytes(taken)}));
+        const bytes file = dff(joined({head_of(name, size), bytes(taken)}));
         return patched(file, 43, {static_cast<uint8_t>(file[43] + size - taken)});
     };
     check_all({
-        {"any version", patched(good, 28, bytes(4, 0xFF)), heard},
-        {"version of 8 bytes", dff_before(joined({head_of("FVER", 8), bytes(4)}))},
+        {"version of 8 bytes", dff({}, joined({head_of("FVER", 8), bytes(4)}))},
         {"another form", patched(good, 15, {'X'})},
-        {"another property type", patched(least, 28, text("snd "))},
+        {"another property type", patched(good, 44, text("snd "))},
         {"rate of 8 bytes", told("FS  ", 8, 4)},
         {"no rate", form({properties({stereo}), sound})},
         {"no channels", form({properties({rate}), sound})},
         {"no properties", form({properties({}), properties({rate, stereo}), sound}), heard},
-        {"time, layout, unknown ones", dff_property(others), heard},
+        {"time, layout, unknown ones", dff(others), heard},
         {"time of 6 bytes", told("ABSS", 6, 8)},
         {"layout of 4 bytes", told("LSCO", 4, 2)},
-        {"text of 0", dff_property(chunk("CMPR", joined({text("DSD "), {0, 0}}))), heard},
-        {"DST as a property", dff_property(chunk("CMPR", text("DST \3DST"))), heard},
-        {"another compression", dff_property(chunk("CMPR", text("MP3 \3raw")))},
-        {"DST sound", dff_before(chunk("DST ", {}))},
-        {"DST index", dff_before(chunk("DSTI", {}))},
-        {"bytes behind the names", dff_property(channels("SLFTSRGT\n\n", 2))},
-        {"comment of 2^32 + 4", dff_before(joined({head_of("COMT", huge + 4), bytes(4)}))},
-        {"odd comment", dff_before(chunk("COMT", bytes(7, 0xEE))), heard},
+        {"DST as a property", dff(chunk("CMPR", text("DST \3DST"))), heard},
+        {"another compression", dff(chunk("CMPR", text("MP3 \3raw")))},
+        {"DST sound", dff({}, chunk("DST ", {}))},
+        {"DST index", dff({}, chunk("DSTI", {}))},
+        {"bytes behind the names", dff(channels("SLFTSRGT\n\n", 2))},
+        {"comment of 2^32 + 4", dff({}, joined({head_of("COMT", huge + 4), bytes(4)}))},
+        {"odd comment", dff({}, chunk("COMT", bytes(7, 0xEE))), heard},
         {"form of 3 bytes", patched(good, 4, be(3, 8)), heard},
         {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8))},
-        {"properties of 0 bytes", patched(least, 20, bytes(8))},
-        {"chunk of 2^64 - 12", dff_before(head_of("COMT", UINT64_MAX - 11))},
+        {"properties of 0 bytes", patched(good, 36, bytes(8))},
+        {"chunk of 2^64 - 12", dff({}, head_of("COMT", UINT64_MAX - 11))},
         {"sound of 2^64 - 1", patched(good, good.size() - 80, bytes(8, 0xFF)), heard, "",
          int64_t{1} << 60},
         {"words behind the sound", joined({good, text("MANFMANF")}),
@@ -296,25 +283,22 @@ TEST(readers, dsdiff_headers_play_or_are_refused)
     });
 }
 
-// A header, and behind it frames of left and right at their places and a part of a frame; place -1:
-// the file is refused.
-void check_places(const std::string &what, const bytes &header, size_t count, int left_at,
+// A header, and behind it frames of left and right at their places and a part of a frame; where
+// both have one place the file is refused.
+void check_places(const std::string &what, const bytes &header, size_t count, size_t left_at,
                   size_t right_at)
 {
-    const auto place = static_cast<size_t>(std::max(left_at, 0));
-    file_row row = {what, joined({header, dsd_frames(left, right, count, place, right_at),
+    file_row row = {what, joined({header, dsd_frames(left, right, count, left_at, right_at),
                                   bytes(count - 1, 0xEE)})};
-    if (left_at >= 0) row.delivered = heard;
+    if (left_at != right_at) row.delivered = heard;
     check(row);
 }
 
-// The last one of a name counts; a right channel found before place 1 stays.
 TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
 {
     const struct {
         std::string names;
-        int left;
-        size_t right;
+        size_t left, right;
     } cases[] = {
         {"MLFTMRGTC   LFE LS  RS  ", 0, 1},
         {"C   SLFTSRGT", 1, 2},
@@ -323,18 +307,16 @@ TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
         {"SLFTSRGTSRGTSLFT", 3, 2},
         {"SRGTLS  ", 1, 0},
         {"LS  SLFT", 1, 0},
-        {"SLFTSLFT", 1, 0},
-        {"SRGTSRGT", 0, 1},
-        {"SLFTslft", -1, 1},
-        {"SLFT", -1, 0},
-        {"SLFTSRGTC   LFE LS  RS  C   ", -1, 1},
+        {"SLFTslft", 0, 0},
+        {"SLFT", 0, 0},
+        {"SLFTSRGTC   LFE LS  RS  C   ", 0, 0},
     };
     for (const auto &[names, left_at, right_at] : cases) {
         const size_t count = names.size() / 4;
         check_places(names,
                      form({properties({rate, channels(names, count)}),
                            head_of("DSD ", left.size() * count)}),
-                     std::max<size_t>(count, 1), left_at, right_at);
+                     count, left_at, right_at);
     }
 }
 
@@ -366,13 +348,12 @@ TEST(readers, wsd_channels_lie_where_the_assignment_puts_them)
 {
     const struct {
         uint32_t assignment;
-        int left; // -1: refused
-        size_t right;
+        size_t left, right;
     } cases[] = {
-        {0x00000001, -1, 0}, {0x00000100, -1, 0}, {0x00010000, -1, 0}, {0xC7FFFFFF, 0, 1},
-        {0x4C000000, 0, 2},  {0x54000000, 0, 2},  {0x64000000, 0, 2},  {0x7C000000, 0, 4},
-        {0x2C000000, 0, 1},  {0x38000000, 0, 2},  {0x68000000, 1, 0},  {0x78000000, 1, 0},
-        {0x14000000, -1, 0}, {0x40000000, -1, 0}, {0x20000000, -1, 0}, {0x8B000000, -1, 0},
+        {0x00000001, 0, 0}, {0x00000100, 0, 0}, {0x00010000, 0, 0}, {0xC7FFFFFF, 0, 1},
+        {0x4C000000, 0, 2}, {0x54000000, 0, 2}, {0x64000000, 0, 2}, {0x7C000000, 0, 4},
+        {0x2C000000, 0, 1}, {0x38000000, 0, 2}, {0x68000000, 1, 0}, {0x78000000, 1, 0},
+        {0x14000000, 0, 0}, {0x40000000, 0, 0}, {0x20000000, 0, 0}, {0x8B000000, 0, 0},
     };
     const int64_t size = 2048 + 6 * std::ssize(left);
     for (const auto &[assignment, left_at, right_at] : cases)
@@ -427,16 +408,18 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
     };
     for (const auto &[content, header, unit] : cases) {
         ASSERT_EQ(content.size(), header + heard.size());
+        const bool pcm = unit == 4;
         for (size_t length = 0; length <= content.size(); ++length) {
             file_row row = {std::to_string(length) + " of " + std::to_string(content.size()),
-                            first_of(content, length)};
-            row.printed.reset();
-            const bool pcm = unit == 4;
-            row.length = pcm ? 72 : 36;
-            const size_t there = length < header ? 0 : (length - header) / unit * unit / 2;
-            bytes told = dsd_stream_of(first_of(left, there), first_of(right, there));
-            if (pcm) told.resize(2 * there);
-            if (length >= header) row.delivered = told;
+                            first_of(content, length),
+                            {},
+                            {},
+                            pcm ? 72 : 36};
+            if (length >= header) {
+                bytes told = first_of(heard, (length - header) / unit * unit);
+                if (!pcm) told.resize((told.size() + 7) / 8 * 8, 0x96);
+                row.delivered = told;
+            }
             check(row);
         }
     }
