@@ -115,9 +115,6 @@ TEST(readers, wav_headers_play_or_are_refused)
     const bytes good = wav({});
     const bytes three = wav({.channels = 3, .bits = 8}, dsd_frames(left, right, 3));
     const bytes other = wav_chunk("fmt ", joined({le(1, 2), le(1, 2), bytes(8), le(0x80001, 4)}));
-    const auto list_of = [](uint32_t size) {
-        return wav({.before_data = joined({text("LIST"), le(size, 4)})});
-    };
     check_all({
         {"3 channels, cut in a frame", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "",
          72},
@@ -134,11 +131,11 @@ TEST(readers, wav_headers_play_or_are_refused)
         {"frame of -4", wav({.block_align = 0xFFFC})},
         {"samples of 4096 bytes", wav({.channels = 1, .block_align = 4096})},
         {"0 bits in a frame of 4", wav({.bits = 0, .block_align = 4}), heard},
-        // A size taken as a negative number seeks backward for ever; its sum with a header wraps.
-        {"chunk of 2^32 - 8", list_of(0xFFFFFFF8)},
-        {"chunk of 2^32 - 1 counts as empty", list_of(0xFFFFFFFF), heard},
+        // A size taken as a negative number seeks backward for ever.
+        {"chunk of 2^32 - 8", wav({.before_data = text("LIST\xF8\xFF\xFF\xFF")})},
+        {"chunk of 2^32 - 1", wav({.before_data = text("LIST\xFF\xFF\xFF\xFF")}), heard},
         {"cut in a size", first_of(good, 18), {}, "fread() failed.\n"},
-        {"RIF", text("RIF"), {}, short_tag + short_tag + short_tag}, // all but the first reader
+        {"RIF", text("RIF"), {}, short_tag + short_tag + short_tag},
         {"words", text("As they may lie beside the sound.\n")},
     });
 }
@@ -193,7 +190,6 @@ TEST(readers, dsf_headers_play_or_are_refused)
         {"8 bits a sample", with(60, {8})},
         {"count of 2^63", patched(endless, 64, le(uint64_t{1} << 63, 8)), heard, block_report(36),
          INT64_MIN / 8},
-        {"count of 2^64 - 1", with(64, bytes(8, 0xFF)), bytes{}},
         {"file and data of 0", patched(with(12, bytes(16)), 84, bytes(8)), heard},
         {"blocks of 0", blocks(0), bytes{}, block_report(0), 36},
         {"blocks of 2^31 - 1", blocks(INT32_MAX), bytes{}, block_report(INT32_MAX), 36},
@@ -206,24 +202,20 @@ TEST(readers, dsf_headers_play_or_are_refused)
 // file left in it is never heard.
 TEST(readers, dsf_sound_ends_inside_a_byte_a_group_or_a_block)
 {
-    const struct {
-        uint32_t channels;
-        uint32_t block_bytes;
-        size_t samples;
-    } cases[] = {{2, 64, 1},           {2, 64, 797}, {2, 64, 64 * 8},    {2, 8192, 9000 * 8},
-                 {6, 16, 100 * 8 - 3}, {3, 1, 184},  {2, 4095, 8192 * 8}};
+    const std::array<uint32_t, 3> cases[] = {{2, 64, 1},       {2, 64, 797}, {2, 64, 512},
+                                             {2, 8192, 72000}, {6, 16, 797}, {3, 1, 184},
+                                             {2, 4095, 65536}};
     for (const auto &[channels, block_bytes, samples] : cases) {
         const bytes one = noise(6, (samples + 7) / 8);
         const bytes two = noise(7, one.size());
         const bytes file = make_dsf({.channels = channels,
                                      .block_bytes = block_bytes,
-                                     .sample_count = static_cast<int64_t>(samples),
+                                     .sample_count = samples,
                                      .left = one,
                                      .right = two});
         check({std::to_string(samples) + " samples", file, dsd_stream_of(one, two),
                block_report(block_bytes), std::ssize(one)});
     }
-    dsf_release();
 }
 
 // --- DSDIFF -------------------------------------------------------------------------------------
@@ -276,10 +268,8 @@ TEST(readers, dsdiff_headers_play_or_are_refused)
         {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8))},
         {"properties of 0 bytes", patched(good, 36, bytes(8))},
         {"chunk of 2^64 - 12", dff({}, head_of("COMT", UINT64_MAX - 11))},
-        {"sound of 2^64 - 1", patched(good, good.size() - 80, bytes(8, 0xFF)), heard, "",
-         int64_t{1} << 60},
-        {"words behind the sound", joined({good, text("MANFMANF")}),
-         joined({heard, text("MANFMANF")}), "", 36},
+        {"sound of 2^32 told", patched(good, good.size() - 80, be(huge, 8)), heard, "", huge / 2},
+        {"sound of 2 told", patched(good, good.size() - 80, be(2, 8)), heard, "", 1},
     });
 }
 
@@ -332,7 +322,7 @@ TEST(readers, wsd_headers_play_or_are_refused)
     check_all({
         {"unknown bytes", patched(patched(good, 4, noise(3, 8)), 28, noise(4, 8)), heard},
         {"2^32 bytes", patched(good, 12, be(1, 8)), heard, "", (huge - 64) / 2},
-        {"offset behind the end", patched(good, 24, {0x7F}), bytes{}, "", (136 - 0x7F000040) / 2},
+        {"offset behind the end", patched(good, 24, {0x7F}), bytes{}, "", -0x3F7FFFDC},
         {"negative offset", patched(good, 24, {0x80})},
         {"8 channels", wsd(8, 0, dsd_frames(left, right, 8)), heard},
         {"9 channels", wsd(9, 0, dsd_frames(left, right, 9))},
@@ -410,11 +400,8 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
         ASSERT_EQ(content.size(), header + heard.size());
         const bool pcm = unit == 4;
         for (size_t length = 0; length <= content.size(); ++length) {
-            file_row row = {std::to_string(length) + " of " + std::to_string(content.size()),
-                            first_of(content, length),
-                            {},
-                            {},
-                            pcm ? 72 : 36};
+            const auto what = std::to_string(length) + " of " + std::to_string(content.size());
+            file_row row = {what, first_of(content, length), {}, {}, pcm ? 72 : 36};
             if (length >= header) {
                 bytes told = first_of(heard, (length - header) / unit * unit);
                 if (!pcm) told.resize((told.size() + 7) / 8 * 8, 0x96);
@@ -423,7 +410,6 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
             check(row);
         }
     }
-    dsf_release();
 }
 
 // --- The feeders --------------------------------------------------------------------------------
