@@ -117,8 +117,7 @@ TEST(readers, wav_headers_play_or_are_refused)
     const bytes three = wav({.channels = 3, .bits = 8}, dsd_frames(left, right, 3));
     const bytes other = wav_chunk("fmt ", joined({le(1, 2), le(1, 2), bytes(8), le(0x80001, 4)}));
     check_all({
-        {"3 channels, cut in a frame", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "",
-         72},
+        {"cut in a frame of 3", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "", 72},
         {"data inside a frame", wav({.data_size = 13}), first_of(heard, 12), "", 13},
         {"3 GiB told", wav({.data_size = huge / 4 * 3}), heard, "", huge / 4 * 3},
         {"\"fmt \" of 44", wav({.tag = 0xFFFE, .format_bytes = 44}), heard},
@@ -269,8 +268,8 @@ TEST(readers, dsdiff_headers_play_or_are_refused)
         {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8))},
         {"properties of 0 bytes", patched(good, 36, bytes(8))},
         {"chunk of 2^64 - 12", dff({}, head_of("COMT", UINT64_MAX - 11))},
-        {"sound of 2^32 told", patched(good, good.size() - 80, be(huge, 8)), heard, "", huge / 2},
-        {"sound of 2 told", patched(good, good.size() - 80, be(2, 8)), heard, "", 1},
+        {"sound of 2^32", patched(good, good.size() - 80, be(huge, 8)), heard, "", huge / 2},
+        {"sound of 2, and more", patched(good, good.size() - 80, be(2, 8)), heard, "", 1},
     });
 }
 
