@@ -284,6 +284,7 @@ void check_places(const std::string &what, const bytes &header, size_t count, si
     check(row);
 }
 
+// The last one of a name counts; a right channel found before place 1 stays.
 TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
 {
     const struct {
@@ -414,8 +415,8 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
 
 // --- The feeders --------------------------------------------------------------------------------
 
-// What one call stores of a file, in a ring of so many free bytes; the samples may be taken for
-// others.
+// What one call stores of a file, its samples taken for those of another format, in a ring of so
+// many free bytes.
 bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t sample_format = 0)
 {
     const int32_t width = snd_pcm_format_physical_width(device) / 8;
@@ -423,7 +424,7 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     soundfile &file = records[0];
     file_list = feeding_file = &file;
     EXPECT_EQ(open_content(&file, content), 0);
-    if (sample_format != 0) file.sample_format = sample_format;
+    file.sample_format = sample_format;
     file.out_sample_bytes = width;
     file.out_frame_bytes = 2 * width;
     file.next = &records[1];
