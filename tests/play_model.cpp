@@ -143,8 +143,8 @@ uint32_t i2s_word(uint8_t left, uint8_t right)
 // stream: left and right bytes in turn, in whole groups of 8: the first marker comes first in each.
 bytes packed(const bytes &stream, const stream_form &form)
 {
-    // Where 16 bits are all that the device has, a DoP frame takes two of its frames.
-    const int width = form.bytes == 2 ? 4 : static_cast<int>(form.bytes);
+    // Where 8 or 16 bits are all that the device has, a DoP frame takes several of its frames.
+    const int width = form.bytes < 3 ? 4 : static_cast<int>(form.bytes);
     const int below = width == 4 && form.padding == 0 ? 8 : 0; // bits under the sample's
     bytes out;
     for (size_t at = 0; at < stream.size(); at += 4) {

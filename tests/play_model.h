@@ -27,7 +27,8 @@ inline constexpr stream_form s24_le = {"S24_LE", 4, 8};
 inline constexpr stream_form s32_le = {"S32_LE", 4, 0};
 inline constexpr stream_form float_le = {"FLOAT_LE", 4, 0, packing::pcm, true};
 inline constexpr stream_form i2s = {"S32_LE", 4, 0, packing::i2s};
-inline constexpr std::array<stream_form, 10> stream_forms = {{s16_le,
+inline constexpr std::array<stream_form, 11> stream_forms = {{{"S8", 1, 0},
+                                                              s16_le,
                                                               s24_3le,
                                                               s24_le,
                                                               s32_le,
