@@ -165,7 +165,7 @@ TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
         {"music/ linked", " linked/.hidden linked/z.txt music/.hidden music/z.txt"},
         {"music/link pipe /dev/null only", " music/link"},
         {"a.wav/x b.wav", " b.wavNot a directory\n\nERROR dir2files 136 cannot stat a.wav/x\n"},
-        {deep, " " + longest.substr(0, 2046)},
+        {deep, std::string(1, ' ').append(longest, 0, 2046)},
     };
     for (const auto &[arguments, expected] : rows) EXPECT_EQ(expand(arguments), expected);
 
@@ -282,12 +282,14 @@ bool becomes_raw()
     termios of_shell = before;
     of_shell.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     pollfd input = {STDIN_FILENO, POLLIN, 0};
+    std::signal(SIGHUP, SIG_IGN); // as nohup has it
     install_terminal_signals();
     if (write(keyboard, "typed ahead\n", 12) != 12 || poll(&input, 1, 5000) != 1) _exit(1);
     terminal_raw();
     if (poll(&input, 1, 0) != 0) _exit(2); // from before the switch: dropped
     if (write(keyboard, "q", 1) != 1 || poll(&input, 1, 5000) != 1) _exit(3);
     tcsetattr(STDIN_FILENO, TCSANOW, &of_shell); // while the player is stopped
+    kill(getpid(), SIGHUP);
     kill(getpid(), SIGCONT);
     if (!becomes_raw()) _exit(4);
     terminal_raw(); // taken already: these settings are not those to put back
