@@ -32,12 +32,12 @@ TEST(play_os, gives_what_the_plain_filter_gives)
             }
             scalar_filter filter = use_short ? make_scalar_filter(set_44k_short, set_48k_short)
                                              : make_scalar_filter(set_44k_normal, set_48k_normal);
+            const bytes input = device_bytes({4, false, 2, rates[0], words}, float_le);
             std::vector<float> output;
-            for (size_t at = 0; at < words.size(); at += 8) {
-                int32_t frame[2];
-                std::memcpy(frame, &words[at], sizeof frame);
-                const auto scaled = [&](int side) { return float(frame[side]) * 0x1p-31F; };
-                scalar_filter_run(filter, rates[0], {scaled(0), scaled(1)}, output);
+            for (size_t at = 0; at < input.size(); at += 8) {
+                std::array<float, 2> frame;
+                std::memcpy(frame.data(), &input[at], sizeof frame);
+                scalar_filter_run(filter, rates[0], frame, output);
             }
             const auto *raw = reinterpret_cast<const uint8_t *>(output.data());
             const pcm_sound floats = {4, true, 2, 352800, {raw, raw + output.size() * 4}};

@@ -13,14 +13,13 @@
 #include "common.h"
 #include "scalar_filter.h"
 
-// Aligned allocations that succeed before one fails; below 0: none fails.
+// Aligned allocations that succeed before the one that fails; below 0: none fails.
 static int32_t allocations_left = -1;
 
 // The filter's allocations, replaced so that each of them can be made to fail.
 void *operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept
 {
-    if (allocations_left == 0) return nullptr;
-    if (allocations_left > 0) --allocations_left;
+    if (allocations_left >= 0 && allocations_left-- == 0) return nullptr;
     return memalign(static_cast<std::size_t>(alignment), size);
 }
 void operator delete(void *memory, std::align_val_t) noexcept
@@ -43,12 +42,10 @@ std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
 }
 
 // The sets of both families. The last ones are shorter than what is worked out at a time.
-struct set_pair {
-    coeff_set family44;
-    coeff_set family48;
-} const pairs[]{{set_44k_normal, set_48k_normal},
-                {set_44k_short, set_48k_short},
-                {{24, set_44k_short.taps + 388}, {16, set_48k_short.taps + 88}}};
+const std::array<coeff_set, 2> pairs[]{
+    {set_44k_normal, set_48k_normal},
+    {set_44k_short, set_48k_short},
+    {coeff_set{24, set_44k_short.taps + 388}, coeff_set{16, set_48k_short.taps + 88}}};
 
 // One stream over source rates, whose channels are cut left, right and both in turn. Most rates
 // demand more room for the output than the one before; from those below 1 nothing comes.
