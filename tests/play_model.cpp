@@ -237,7 +237,7 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     }
     if (!result.capture.empty()) {
         EXPECT_TRUE(log_has(result, std::string("params ") + form.name + " rate " +
-                                        std::to_string(rate) + " "));
+                                        std::to_string(rate) + " channels 2 "));
     }
     const auto [at, other] = std::ranges::mismatch(result.capture, whole);
     EXPECT_TRUE(result.capture == whole)

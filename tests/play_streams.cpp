@@ -1,6 +1,6 @@
 // Streams through the whole player: lists of files of every kind, gapless into one stream of every
 // form, whatever the device takes at a time and wherever the ring goes round; lists whose files
-// change while they play; the form, format and rate that each device is asked for; the controller.
+// change while they play; the controller.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -105,77 +105,6 @@ TEST(play_streams, a_file_that_changed_is_passed_over_or_ends_the_run)
     }
 }
 
-// --- Negotiation --------------------------------------------------------------------------------
-
-TEST(play_streams, the_widest_format_is_taken_and_the_lowest_of_equals)
-{
-    const struct {
-        const char *accepted;
-        const char *taken;
-        int not_filled; // number of a format that the player makes no samples for
-    } rows[] = {
-        {"U8 S8", "S8"},
-        {"S16_LE U16_LE S16_BE MU_LAW", "S16_LE"},
-        {"S24_3LE S24_LE S16_LE", "S24_LE"},
-        {"S24_3LE S20_3LE S16_LE DSD_U32_BE", "S24_3LE"}, // PCM as DSD would be noise
-        {"FLOAT_LE S32_LE S24_LE", "S32_LE"},
-        {"FLOAT_LE S24_LE", "FLOAT_LE"},
-        {"FLOAT64_LE S32_LE", "FLOAT64_LE", 16},
-        {"U32_LE S24_LE", "U32_LE", 12},
-    };
-    const auto file = scratch_wave("a.wav", 48000, 100);
-    for (const auto &[accepted, taken, not_filled] : rows) {
-        const auto result = run_player({.arguments = {file}, .capture = {{"FORMATS", accepted}}});
-        EXPECT_EQ(result.end, "played,0");
-        const std::string told = std::string("params ") + taken + " rate 48000 channels 2";
-        EXPECT_TRUE(log_has(result, told + " buffer 24000")) << accepted;
-        EXPECT_TRUE(log_has(result, "thresholds start 12000 avail_min 24000"));
-        std::string err = "Open 48000Hzfs PCM stream\n";
-        if (not_filled != 0) {
-            err += report_text("alsathread", 148,
-                               "the device's widest format, number " + std::to_string(not_filled) +
-                                   ", is one that this player cannot fill rightly. Try a hw "
-                                   "device.\n");
-        }
-        EXPECT_EQ(result.err, err);
-    }
-}
-
-std::string short_dsdiff(uint32_t rate)
-{
-    return scratch_file("b.dff", dsd_containers[1](random_dsd(400, 1, rate)));
-}
-
-TEST(play_streams, the_best_form_that_the_device_takes)
-{
-    const char *every_word = "S24_3LE S24_LE S32_LE DSD_U32_BE";
-    const struct {
-        uint32_t bit_rate;
-        const char *accepted;
-        const char *banner;
-        const char *told; // form, format, frames a second, device and ring in milliseconds
-    } rows[] = {
-        {2822400, every_word, "2.8fMHzfs native", "native,52,DSD_U32_BE,88200,500,2229"},
-        {5644800, every_word, "5.6fMHzfs native", "native,52,DSD_U32_BE,176400,500,1114"},
-        {11289600, "DSD_U32_BE DSD_U32_LE", "11.2fMHzfs native",
-         "native,52,DSD_U32_BE,352800,500,557"},
-        {2822400, "S24_3LE S24_LE S32_LE DSD_U32_LE", "2.8fMHzfs DoP",
-         "dop,10,S32_LE,176400,500,1114"},
-        {5644800, "S24_3LE S24_LE S16_LE", "5.6fMHzfs DoP", "dop,6,S24_LE,352800,500,557"},
-        {11289600, "S24_3LE S16_LE", "11.2fMHzfs DoP", "dop,32,S24_3LE,705600,500,371"},
-        {11289615, "S32_LE", "11.2fMHzfs DoP", "dop,10,S32_LE,705600,500,278"},
-        {128050, "S32_LE", "0.1fMHzfs DoP", "dop,10,S32_LE,8002,500,24569"},
-        {128050, "DSD_U32_BE", "0.1fMHzfs native", "native,52,DSD_U32_BE,4001,500,49139"},
-    };
-    for (const auto &[bit_rate, accepted, banner, told] : rows) {
-        const auto result = run_player(
-            {.arguments = {"-os", short_dsdiff(bit_rate)}, .capture = {{"FORMATS", accepted}}});
-        EXPECT_EQ(told_words(result, "stream"), std::string("capture,") + told);
-        EXPECT_EQ(result.err, std::string("Open ") + banner + " stream\n");
-        EXPECT_EQ(result.end, "played,0");
-    }
-}
-
 // --- The controller -----------------------------------------------------------------------------
 
 std::atomic<int> signals;
@@ -190,7 +119,7 @@ void on_news(int)
 
 TEST(play_streams, a_controller_is_told_of_changes_only)
 {
-    const auto dsd = short_dsdiff(2822400);
+    const auto dsd = scratch_file("b.dff", dsd_containers[1](random_dsd(400, 1, 2822400)));
     const auto wav = scratch_wave("a.wav", 44100, 100);
     const struct {
         const char *formats;

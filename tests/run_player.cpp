@@ -215,7 +215,6 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
     return clock_type::now() - since >= std::chrono::milliseconds(event.after_ms) &&
            (event.mode_is == line_mode::any || raw == (event.mode_is == line_mode::raw)) &&
            has(result.out, event.out_has) && has(result.err, event.err_has) &&
-           has(result.told, event.told_has) &&
            (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
            captured_bytes(state) >= event.captured;
 }

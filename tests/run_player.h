@@ -25,7 +25,6 @@ struct play_event {
     std::string out_has = {};           // standard output holds this text
     std::string err_has = {};           // standard error does
     std::string log_has = {};           // the device's log does
-    std::string told_has = {};          // the player's own events do
     size_t captured = 0;                // bytes the device has, at least
     line_mode mode_is = line_mode::any; // of the terminal
     int after_ms = 0;                   // milliseconds since the event before
