@@ -18,12 +18,12 @@ const std::string head = R"({"event":")"; // of every line
 // The lines of the events whose kinds, an expression, are wanted.
 std::string pick(const play_result &result, const std::string &kinds)
 {
-    const std::regex line(R"(\{"event":"()" + kinds + R"()"[^\n]*
-}\n)");
+    const std::regex line(R"re(\{"event":"()re" + kinds + R"re()"[^\n]*\}\n)re");
     std::string picked;
-for (std::sregex_iterator at(result.told.begin(), result.told.end(), line), end; at != end; ++at)
-    picked += at->str();
-return picked;
+    for (std::sregex_iterator at(result.told.begin(), result.told.end(), line), end; at != end;
+         ++at)
+        picked += at->str();
+    return picked;
 }
 
 // On a device that plays at once: files that share a write, one without a frame, names that do not
