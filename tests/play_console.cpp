@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "play_model.h"
 

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstring>
 #include <random>
-#include <string>
 
 #include "play_model.h"
 
@@ -81,13 +79,6 @@ TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
     EXPECT_FALSE(all_sounded(result));
 }
 
-TEST(play_faults, a_buffer_of_1027_frames_is_enough)
-{
-    const auto result = run_player({.arguments = {scratch_wave("a.wav", 8000, 10000)},
-                                    .capture = {{"BUFFER_BYTES", "8216-8216"}}});
-    expect_stream(result, s32_le, 8000, device_bytes(random_pcm(8000, 10000), s32_le));
-}
-
 // --- SIGINT in every stage ----------------------------------------------------------------------
 
 struct stage_row {
@@ -131,7 +122,7 @@ void interrupt_in(const stage_row &stage)
                                         .output = wire::terminal});
         const bool early = result.status == (1045 & 255) && stage.before_play;
         const bool hard = result.status == (799 & 255) && twice;
-        expect_stream(result, s32_le, 8000, told, extent::broken_off);
+        expect_stream(result, s32_le, 8000, told, false);
         EXPECT_TRUE(result.status == 0 || early || hard) << result.status << result.err;
         // The second one may come on the way out that the first one opened.
         EXPECT_TRUE(!early || result.err.find("exit by interrupt\n") != std::string::npos);

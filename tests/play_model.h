@@ -92,10 +92,9 @@ play_settings settings_for(const stream_form &form, std::vector<std::string> arg
 
 // Expects of a run whose first file has the given rate that the device got silence for a second, no
 // write more than that takes, and then the sound, with nothing before, between or behind, and that
-// all of it was heard. A run that was broken off may have left out any end of it.
-enum class extent { whole, broken_off };
+// all of it was heard. One that is not whole may have left out any end of it.
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
-                   const bytes &sound, extent told = extent::whole);
+                   const bytes &sound, bool whole = true);
 
 // --- Mixed lists --------------------------------------------------------------------------------
 
