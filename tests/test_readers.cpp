@@ -413,6 +413,8 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
 
 // --- The feeders --------------------------------------------------------------------------------
 
+int32_t feeder_told; // at the last call of fed
+
 // What one call stores of a file, its samples taken for those of another format, in a ring of so
 // many free bytes.
 bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t sample_format = 0)
@@ -431,7 +433,7 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     const auto frame = static_cast<uint32_t>(2 * width);
     ringbuffer_free(&ring);
     ring = ringbuffer_new(free + frame, frame, 1);
-    fill_buffer();
+    feeder_told = fill_buffer();
     const bytes stored(ring_data(ring), ring_data(ring) + ring->bytes_put);
     fill_buffer(); // meets the end of PCM, and closes it
     if (file.fp != nullptr) std::fclose(file.fp);
@@ -449,8 +451,10 @@ TEST(feeders, dsd_of_a_call_is_bounded)
     } rows[] = {{dsd_be, 2808, 0}, {dsd_be, 2824, 353},    {s32, 2816, 352},
                 {s32, 2824, 352},  {dsd_be, 900000, 3528}, {s32, 900000, 3528}};
     const bytes long_file = make_wsd({.frames = bytes(40000)});
-    for (const auto &row : rows)
+    for (const auto &row : rows) {
         EXPECT_EQ(fed(long_file, row.device, row.free).size(), row.frames * 8);
+        EXPECT_EQ(feeder_told, row.frames == 0 ? 0 : -1); // 0: main pauses
+    }
     EXPECT_EQ(fed(make_wsd({.frames = be(0x1122334455667788, 8)}), dsd_le, 2816),
               be(0x7755331188664422, 8));
 }
