@@ -271,8 +271,9 @@ bool is_raw()
 
 bool becomes_raw()
 {
-    for (int i = 0; i < 500 && !is_raw(); ++i) usleep(10000);
-    return is_raw();
+    for (int i = 0; i < 500; ++i, usleep(10000))
+        if (is_raw()) return true; // a job may give it back at any time
+    return false;
 }
 
 // Exits with the number of the first step that went wrong, or with 0.
