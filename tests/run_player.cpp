@@ -163,24 +163,20 @@ void take_streams(const run_state &state)
 
 // --- While it runs ------------------------------------------------------------------------------
 
-std::array<std::string *, 4> texts_of(play_result &result)
-{
-    return {nullptr, &result.out, &result.err, &result.told};
-}
-
 // Takes what waits in the streams; closes those that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
+    const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err, &result.told};
     std::array<pollfd, 4> polled{};
     for (size_t stream = 0; stream < 4; ++stream)
         polled[stream] = {stream == 0 ? -1 : state.near[stream], POLLIN, 0};
     poll(polled.data(), polled.size(), wait_ms);
     for (size_t stream = 1; stream < 4; ++stream) {
         if (polled[stream].revents == 0 || stream == state.clogged) continue;
-        std::array<char, 65536> text;
-        const ssize_t got = read(state.near[stream], text.data(), text.size());
+        std::array<char, 65536> part;
+        const ssize_t got = read(state.near[stream], part.data(), part.size());
         if (got > 0)
-            texts_of(result)[stream]->append(text.data(), static_cast<size_t>(got));
+            texts[stream]->append(part.data(), static_cast<size_t>(got));
         else if (got == 0 || errno != EAGAIN)
             close(std::exchange(state.near[stream], -1));
     }
@@ -193,16 +189,16 @@ size_t captured_bytes(const run_state &state)
     return error ? 0 : size;
 }
 
-bool same_mode(const termios &a, const termios &b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
 termios mode_now(const run_state &state)
 {
     termios mode{};
     if (state.terminal_far >= 0) tcgetattr(state.terminal_far, &mode);
     return mode;
+}
+
+void expect_mode(const termios &mode, const run_state &state)
+{
+    EXPECT_TRUE(state.terminal < 0 || std::memcmp(&mode, &state.mode_before, sizeof mode) == 0);
 }
 
 bool is_due(const play_event &event, const run_state &state, const play_result &result,
@@ -217,13 +213,6 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
            has(result.out, event.out_has) && has(result.err, event.err_has) &&
            (event.log_has.empty() || has(file_text(state.directory + "/log"), event.log_has)) &&
            captured_bytes(state) >= event.captured;
-}
-
-// The device must never see half a number.
-void open_gate(const std::string &path, int64_t frames)
-{
-    std::ofstream(path + ".new") << frames;
-    std::filesystem::rename(path + ".new", path);
 }
 
 // Fills a pipe, whose reading end we have, to its last byte with what no line of the player has.
@@ -241,7 +230,7 @@ void let_happen(const play_event &event, run_state &state, play_result &result)
     result.at_events.push_back({captured_bytes(state), result.out.size()});
     termios mode = mode_now(state);
     mode.c_lflag |= ICANON;
-    EXPECT_TRUE(state.terminal < 0 || same_mode(mode, state.mode_before));
+    expect_mode(mode, state);
     const std::string &keys = event.type;
     if (!keys.empty()) {
         EXPECT_EQ(write(state.near[0], keys.data(), keys.size()), std::ssize(keys));
@@ -251,7 +240,10 @@ void let_happen(const play_event &event, run_state &state, play_result &result)
     if (event.call) event.call();
     state.clogged = event.clogs;
     if (event.clogs != 0) clog(state.near[event.clogs]);
-    if (event.allow >= 0) open_gate(state.directory + "/gate", event.allow);
+    if (event.allow < 0) return;
+    const std::string gate = state.directory + "/gate"; // never with half a number
+    std::ofstream(gate + ".new") << event.allow;
+    std::filesystem::rename(gate + ".new", gate);
 }
 
 // Runs the events until the player has ended. Its exit as waitpid gives it.
@@ -316,7 +308,7 @@ play_result run_player(const play_settings &settings)
     result.status = WIFEXITED(exit) ? WEXITSTATUS(exit) : -WTERMSIG(exit);
     read_rest(state, result);
     read_end(result);
-    EXPECT_TRUE(state.terminal < 0 || same_mode(mode_now(state), state.mode_before));
+    expect_mode(mode_now(state), state);
     for (const char *finding : {"Sanitizer", "runtime error:"})
         EXPECT_EQ(result.err.find(finding), std::string::npos) << result.err;
     for (const int fd : state.near) close(fd);

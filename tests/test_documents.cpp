@@ -3,6 +3,7 @@
 // the changelogs.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -59,6 +60,19 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     EXPECT_EQ(find_all(zsh, R"((\w)\\:([\w-]+))"), modes);
     EXPECT_EQ(find_all(fish, R"((\w)\\t([\w-]+))"), modes);
     EXPECT_EQ(find_all(bash, "([1-9])[ ']"), find_all(parser, R"re(\{"(\w)", ")re"));
+}
+
+// Behind a name the player takes no option, and bash offers none.
+TEST(documents, offer_options_in_front_of_names_only)
+{
+    const std::string script = (tree / "docs/completions/sonivane.bash").string();
+    const std::string complete =
+        "bash -c 'complete() { :; }; . \"$0\"; line=($1)\n"
+        "_init_completion() { words=(${line[*]}) cur=${line[-1]} cword=$((${#line[*]} - 1)); }\n"
+        "_sonivane; test ${#COMPREPLY[*]} -gt 2' '" +
+        script + "' 'sonivane -os -B 4M ";
+    EXPECT_EQ(std::system((complete + "--s'").c_str()), 0);       // NOLINT(cert-env33-c)
+    EXPECT_NE(std::system((complete + "a.wav --s'").c_str()), 0); // NOLINT(cert-env33-c)
 }
 
 // A report's number stands in front of its text, or in a constant named after it. The mild ones are
