@@ -258,7 +258,8 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
         std::array<char, 32> path;
         std::snprintf(path.data(), path.size(), "%s/%05u", name.c_str(), i);
         const bool dsd = i == 0 ? form.kind != packing::pcm : random() % 2 == 0;
-        const auto rate = static_cast<uint32_t>(list.rate + (i == 0 ? 0 : random() % 1000));
+        const auto rate =
+            static_cast<uint32_t>(list.rate) + static_cast<uint32_t>(i == 0 ? 0 : random() % 1000);
         const size_t frames = random() % (most_frames + 1);
         if (dsd) {
             const auto sound = random_dsd(frames * 2 + random() % 2, i, rate);

@@ -28,8 +28,6 @@ namespace
 
 using clock_type = std::chrono::steady_clock;
 
-constexpr size_t voice = 3;
-
 // The player's surroundings of one run.
 struct run_state {
     std::string directory; // of this run: log, capture, gate, configuration
