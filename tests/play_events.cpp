@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
 
 #include "play_model.h"
 
@@ -15,14 +16,17 @@ namespace
 
 const std::string head = R"({"event":")"; // of every line
 
-// The lines of the events whose kinds, an expression, are wanted.
+// The lines of the events whose kinds stand among the given ones.
 std::string pick(const play_result &result, const std::string &kinds)
 {
-    const std::regex line(R"re(\{"event":"()re" + kinds + R"re()"[^\n]*\}\n)re");
     std::string picked;
-    for (std::sregex_iterator at(result.told.begin(), result.told.end(), line), end; at != end;
-         ++at)
-        picked += at->str();
+    std::istringstream told(result.told);
+    for (std::string line; std::getline(told, line);) {
+        if (!line.starts_with(head)) continue;
+        const std::string kind =
+            line.substr(head.size(), line.find('"', head.size()) - head.size());
+        if (kinds.find(kind) != std::string::npos) picked += line + "\n";
+    }
     return picked;
 }
 
@@ -43,7 +47,7 @@ TEST(play_events, of_a_list_of_every_kind)
     scratch_file("kinds/inside/a.wav", {});
 
     const auto result = run_player({.arguments = {"kinds", "missing"}});
-    EXPECT_EQ(pick(result, "left_out|file|opening|stream|playing|end|read error"),
+    EXPECT_EQ(pick(result, "left_out file opening stream playing end read error"),
               R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
 {"event":"left_out","path":"missing","reason":"cannot stat"}
 {"event":"file","index":0,"path":"kinds/1.wav","kind":"wav","rate":44100,"bits":24,"channels":6,"seconds":0.680272}

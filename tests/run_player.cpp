@@ -284,8 +284,10 @@ void read_end(play_result &result)
 {
     const std::string status = std::to_string(result.status);
     result.end = told_words(result, "end");
-    EXPECT_TRUE(result.end.empty() || result.end.find("," + status) != std::string::npos)
-        << result.end << status;
+    // A second SIGINT may cut short the end that the first one led to, and that was told already.
+    EXPECT_TRUE(result.end.empty() || result.end.find("," + status) != std::string::npos ||
+                result.status == (799 & 255))
+        << result.end << " " << status;
     if (result.end.empty()) result.end = status;
 }
 
