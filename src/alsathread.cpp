@@ -27,6 +27,8 @@ constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // the scan's codes, 
 constexpr uint32_t silence_frames = 8192;
 constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no offset
 
+constexpr uint32_t urgent_pause = 10000; // microseconds; with shorter ones a late wake-up is heard
+
 constexpr snd_pcm_sframes_t nearly_full_frames = 1025; // a device with less room is left alone
 
 uint32_t alsa_buffer_frames; // as the device granted it; the thread that runs sound_open
@@ -610,6 +612,7 @@ void let_play_out(bool in_order, uint32_t pause)
 void play()
 {
     const uint32_t pause = pause_of(alsa_buffer_frames, output_rate);
+    if (pause < urgent_pause) raise_output_priority();
     fill_device(pause);
     start_device();
     while (!all_is_sent() && load_acquire(stop_output) == 0) {
@@ -678,7 +681,6 @@ int32_t find_last_card()
 
 void *output_thread(void *)
 {
-    raise_output_priority();
     // stop_output is not cleared here: a stop that came since main looked would be lost.
     stream_settings stream{};
     const bool opened = sound_open(&stream);
