@@ -1,7 +1,5 @@
 #include "alsathread.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -10,7 +8,9 @@
 #include <span>
 
 #include "events.h"
+#include "lookout.h"
 #include "sonivane.h"
+#include "util.h"
 
 namespace
 {
@@ -18,8 +18,7 @@ namespace
 constexpr const char *unit = "alsathread";
 
 constexpr int open_attempts = 5;
-constexpr uint32_t open_retry_microseconds = 2000000;
-constexpr uint32_t open_retry_slice = 50000; // between two looks at what ends the wait
+constexpr int64_t open_retry_microseconds = 2000000;
 constexpr unsigned wanted_buffer_microseconds = 500000;
 constexpr int32_t dsd_rate_limit = 11289615; // Hz: DSD256 of the 44.1 kHz family and a little
 constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // the scan's codes, from 0
@@ -29,12 +28,17 @@ constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no offset
 
 constexpr uint32_t urgent_pause = 10000; // microseconds; with shorter ones a late wake-up is heard
 
-constexpr snd_pcm_sframes_t nearly_full_frames = 1025; // a device with less room is left alone
-
 uint32_t alsa_buffer_frames; // as the device granted it; the thread that runs sound_open
 ringbuffer *silence_ring;    // a plain array of silence; made by main, then read by output
 int32_t primed;              // 1: the pre-roll is complete; output thread
 int32_t silence_written;     // frames of the pre-roll that the device took; output thread
+
+// Frames of the pre-roll still to go out; below 0 before the device is open. Written by the output
+// thread, read by main.
+std::atomic<int32_t> silence_left = -1;
+
+// The output thread waits for frames in the ring. Set by it, cleared by main.
+std::atomic<int32_t> starving;
 
 // Ends the process with the given report when an ALSA call failed; format takes the system's text
 // for its code.
@@ -137,18 +141,13 @@ void print_retry(int attempt)
     std::fputs("snd_pcm_open() failed. retrying ...\r", stderr);
 }
 
-// False when the output was stopped meanwhile: main looks for that when it fills the ring.
+// False when the sound was stopped meanwhile.
 bool wait_for_retry()
 {
-    for (uint32_t waited = 0; waited < open_retry_microseconds; waited += open_retry_slice) {
-        exit_if_interrupted();
-        if (stream_is_settled()) { // on the output thread
-            poll_keyboard();
-            if (load_acquire(stop_output) != 0) return false;
-        }
-        usleep(open_retry_slice);
-    }
-    return true;
+    wait_for(open_retry_microseconds,
+             [] { return is_stopped() || load_acquire(interrupted) != 0; });
+    exit_if_interrupted();
+    return !is_stopped();
 }
 
 // False when the output was stopped before the device could be had.
@@ -271,10 +270,19 @@ void set_buffer(snd_pcm_hw_params_t *params)
     alsa_buffer_frames = static_cast<uint32_t>(frames);
 }
 
-// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, which comes
-// with the wished rate and I2S. Result: 0, or the negative code that refused a form; every other
-// failure ends the process.
-int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
+enum class period_choice { none, quarter_buffer };
+
+// Asks for the size of a period where the device's own choice of one refuses the buffer; what comes
+// of it shows in the parameters as a whole.
+void set_period(snd_pcm_hw_params_t *params)
+{
+    unsigned microseconds = wanted_buffer_microseconds / 4;
+    snd_pcm_hw_params_set_period_time_near(pcm, params, &microseconds, nullptr);
+}
+
+// Narrows params down to what is wished and granted, without setting them. Results as of
+// sound_hwparams.
+int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period_choice periods)
 {
     require(snd_pcm_hw_params_any(pcm, params), 118,
             "Broken configuration for playback: no configurations available: %s\n");
@@ -293,7 +301,23 @@ int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
     }
     set_format(params, stream->format);
     set_rate(params, stream->rate);
+    if (periods == period_choice::quarter_buffer) set_period(params);
     set_buffer(params);
+    return 0;
+}
+
+// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, which comes
+// with the wished rate and I2S. Result: 0, or the negative code that refused a form; every other
+// failure ends the process. A sound server whose periods are powers of two refuses the buffer that
+// it would have granted on top of a period.
+int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
+{
+    const stream_settings wished = *stream;
+    int refused = choose_hwparams(params, stream, period_choice::none);
+    if (refused != 0 || snd_pcm_hw_params(pcm, params) >= 0) return refused;
+    *stream = wished;
+    refused = choose_hwparams(params, stream, period_choice::quarter_buffer);
+    if (refused != 0) return refused;
     require(snd_pcm_hw_params(pcm, params), 239, "Unable to set hw params for playback: %s\n");
     return 0;
 }
@@ -348,7 +372,7 @@ bool agrees_with_settled(const stream_settings &stream)
 }
 
 // Opens, configures and prepares the device for file_list[0]: on the main thread for the probe, on
-// the output thread for good. *stream: what it agreed to. False when the output was stopped before
+// the output thread for good. *stream: what it agreed to. False when the sound was stopped before
 // the device could be had.
 bool sound_open(stream_settings *stream)
 {
@@ -411,10 +435,40 @@ void start_if_prepared()
 
 // What a step of the pump came to.
 enum class pump_step {
-    wrote,   // frames went out
-    full,    // the device is nearly full
-    waiting, // the device took nothing, or there is nothing to give
+    wrote,     // frames went out
+    full,      // the device is nearly full
+    took_none, // the device took nothing
+    starved,   // there is nothing to give
+    drains,    // the device plays what it has and takes no more
 };
+
+// --- A device that stands still -----------------------------------------------------------------
+
+using sound_clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+
+sound_clock::time_point moved_at; // the device took or played a frame
+
+microseconds duration_of(int64_t frames)
+{
+    return microseconds(frames * 1000000 / output_rate);
+}
+
+// A device without room should have played something since the last look, sooner or later. A
+// display that sleeps or a controller that lost its interrupts never does.
+void look_for_standstill(int32_t avail)
+{
+    constexpr microseconds patience = std::chrono::seconds(10);
+    static int32_t last_avail;
+    const auto now = sound_clock::now();
+    if (avail != last_avail || snd_pcm_state(pcm) != SND_PCM_STATE_RUNNING) moved_at = now;
+    last_avail = avail;
+    if (now - moved_at < std::max(patience, 4 * duration_of(alsa_buffer_frames))) return;
+    stop_playing(&refused);
+    report(unit, 583, "the device stands still.\n");
+}
+
+// --- Writing ------------------------------------------------------------------------------------
 
 // Sends silence in pairs of an even and an odd frame, whatever count the device takes. avail is the
 // device's room in frames, above nearly_full_frames.
@@ -427,12 +481,16 @@ pump_step write_silence(snd_pcm_sframes_t avail)
 
     const snd_pcm_sframes_t written =
         snd_pcm_writei(pcm, frames, static_cast<snd_pcm_uframes_t>(wanted));
-    if (written >= 0)
+    if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
-    else if (written != -EAGAIN && written != -EPIPE) // those two show in the next state
-        stop_playing(cause_of_code(static_cast<int>(written), &refused));
+    } else if (written != -EAGAIN && written != -EPIPE) { // those two show in the next state
+        const int code = static_cast<int>(written);
+        stop_playing(cause_of_code(code, &refused));
+        report(unit, 337, "snd_pcm_writei() returned code %d\n", code);
+    }
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
-    return written > 0 ? pump_step::wrote : pump_step::waiting;
+    store_release(silence_left, primed != 0 ? 0 : std::max(output_rate - silence_written, 1));
+    return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
 // Moves playing_file to the last file whose first byte has been sent.
@@ -468,64 +526,97 @@ void tell_playing()
         if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
 }
 
+int64_t shown_second(const soundfile *file)
+{
+    return load_acquire(file->position) / position_units_per_second;
+}
+
+// Main shows files and seconds, and fills a ring that has room for a good piece.
+void wake_main(const soundfile *file_before, int64_t second_before)
+{
+    const soundfile *file = load_acquire(playing_file);
+    if (file != file_before || shown_second(file) != second_before || ring_frames(ring) == 0 ||
+        ring_free(ring) >= refill_bytes)
+        wake(waiter::main);
+}
+
 // Hands frames of the ring to the device, straight from the ring's memory. avail is the device's
 // room in frames, above nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
 {
     const uint32_t wanted =
         std::min(static_cast<uint32_t>(avail - 1), ring_used_run(ring) / ring->gap);
-    if (wanted == 0) return pump_step::waiting;
+    if (wanted == 0) return pump_step::starved;
     const uint8_t *frames = ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
     const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, frames, wanted));
     if (written < 0) fatal_report(unit, 368, "snd_pcm_writei() returned code %d\n", written);
 
+    const soundfile *file_before = load_acquire(playing_file);
+    const int64_t second_before = shown_second(file_before);
     ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
     follow_marks();
     add_to_position(written);
     tell_playing();
-    return written > 0 ? pump_step::wrote : pump_step::waiting;
+    wake_main(file_before, second_before);
+    return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
 // One step of moving sound to the device.
 pump_step write_pump()
 {
-    if (const stop_cause *cause = cause_of_state(snd_pcm_state(pcm)); cause != nullptr) {
+    const snd_pcm_state_t state = snd_pcm_state(pcm);
+    if (state == SND_PCM_STATE_DRAINING && primed != 0) return pump_step::drains;
+    if (const stop_cause *cause = cause_of_state(state); cause != nullptr) {
         stop_playing(cause);
-        return pump_step::waiting;
+        return pump_step::took_none;
     }
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
         static constexpr stop_cause failed = {stop_reason::report, unit, 312};
-        if (avail != -EPIPE) report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
         stop_playing(cause_of_code(avail, &failed));
-        return pump_step::waiting;
+        if (avail != -EPIPE) report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
+        return pump_step::took_none;
     }
-    if (avail <= nearly_full_frames) {
+    if (avail <= static_cast<int32_t>(nearly_full_frames)) {
         start_if_prepared();
+        look_for_standstill(avail);
         return pump_step::full;
     }
-    return primed != 0 ? write_ring(avail) : write_silence(avail);
+    const pump_step step = primed != 0 ? write_ring(avail) : write_silence(avail);
+    if (step == pump_step::wrote) moved_at = sound_clock::now();
+    return step;
 }
 
 // --- The thread ---------------------------------------------------------------------------------
+
+// Waits for what the step lacked: frames in the ring, or time that the device plays.
+void wait_after(pump_step step, uint32_t pause)
+{
+    if (step == pump_step::starved) {
+        starving.exchange(1);
+        wait_for(pause, [] { return is_stopped() || ring_frames(ring) > 0; });
+    } else if (step != pump_step::wrote) {
+        wait_for(pause, is_stopped);
+    }
+}
 
 // Fills the device with silence as far as it takes it. One that refuses silence for good must not
 // hold the thread: a stop counts here.
 void fill_device(uint32_t pause)
 {
-    while (primed == 0 && load_acquire(stop_output) == 0) {
+    while (primed == 0 && !is_stopped()) {
         const pump_step step = write_pump();
         if (step == pump_step::full) return;
-        poll_keyboard();
-        if (step == pump_step::waiting) usleep(pause);
+        wait_after(step, pause);
     }
 }
 
+// A device that refused the silence is started all the same: its report says what it lacks.
 void start_device()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
-        if (load_acquire(stop_output) != 0) return; // a key was faster: nothing is to sound
+        if (load_acquire(stopped_by) == &stopped_by_key) return; // nothing is to sound
         require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
     } else if (state != SND_PCM_STATE_RUNNING) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
@@ -556,20 +647,20 @@ int64_t queued_frames()
 void tell_draining()
 {
     static bool told;
-    if (told || !no_more_is_read() || load_acquire(stop_output) != 0) return;
+    if (told || !no_more_is_read() || is_stopped()) return;
     told = true;
-    const int64_t silence = primed != 0 ? 0 : std::max(output_rate - silence_written, 0);
-    event_draining(silence + ring_frames(ring) + queued_frames());
+    event_draining(load_acquire(silence_left) + ring_frames(ring) + queued_frames());
 }
 
 // Once a second of real time, from the first frame on.
 void tell_position()
 {
-    using clock = std::chrono::steady_clock;
-    static clock::time_point next;
+    static sound_clock::time_point next;
     const uint64_t sent = load_acquire(ring->bytes_sent);
-    if (sent == 0 || clock::now() < next) return;
-    next = clock::now() + std::chrono::seconds(1);
+    const auto now = sound_clock::now();
+    if (sent == 0 || now < next) return;
+    constexpr auto apart = std::chrono::seconds(1);
+    next = std::max(next, now - apart) + apart; // of two that are late, one is left out
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
     event_position(file, std::max(frames - queued_frames(), int64_t{0}));
@@ -583,46 +674,74 @@ void tell_progress()
     tell_position();
 }
 
-// Waits until the device has played what it holds, or can have. Closing it would drop that. Some
-// devices never tell that they ran empty, and one that drains by itself may stay so: neither holds
-// the thread longer than its queue lasts, and a tenth more. To ask for the room makes the kernel
-// find the queue empty and stop the card, with what is still on its way to it: a card is left to
-// find that out by itself, and asked only when the queue should be over.
-void let_play_out(bool in_order, uint32_t pause)
+// Has the device run on over silence where it would stop at its empty queue. A card finds the queue
+// empty only at the end of a period: by then it has played on into old frames, or, where somebody
+// asked for the room, it has stopped with frames still on their way to the converter. False when
+// the device refuses.
+bool run_on_over_silence()
 {
-    using clock = std::chrono::steady_clock;
-    const auto waits = [in_order] {
-        const snd_pcm_state_t state = snd_pcm_state(pcm);
-        const bool plays = state == SND_PCM_STATE_RUNNING && load_acquire(stop_output) == 0;
-        return state == SND_PCM_STATE_DRAINING || (in_order && plays);
-    };
-    using std::chrono::microseconds;
-    constexpr int64_t shortest = 1000; // microseconds of a pause once the queue should be over
-    const microseconds queue(queued_frames() * 1000000 / output_rate);
-    const auto over = clock::now() + queue + queue / 20;
-    const auto latest = clock::now() + queue + queue / 10;
-    while (waits() && clock::now() < latest && !poll_keyboard()) {
-        const auto left = std::chrono::duration_cast<microseconds>(over - clock::now()).count();
-        if (left <= 0 && queued_frames() == 0) return;
-        tell_progress();
-        usleep(static_cast<uint32_t>(std::min(std::max(left, shortest), int64_t{pause})));
-    }
+    snd_pcm_sw_params_t *params = nullptr;
+    snd_pcm_sw_params_alloca(&params);
+    snd_pcm_uframes_t boundary = 0;
+    return snd_pcm_sw_params_current(pcm, params) >= 0 &&
+           snd_pcm_sw_params_get_boundary(params, &boundary) >= 0 &&
+           snd_pcm_sw_params_set_stop_threshold(pcm, params, boundary) >= 0 &&
+           snd_pcm_sw_params_set_silence_threshold(pcm, params, 0) >= 0 &&
+           snd_pcm_sw_params_set_silence_size(pcm, params, boundary) >= 0 &&
+           snd_pcm_sw_params(pcm, params) >= 0;
 }
 
+bool device_plays()
+{
+    const snd_pcm_state_t state = snd_pcm_state(pcm);
+    return state == SND_PCM_STATE_RUNNING || state == SND_PCM_STATE_DRAINING;
+}
+
+// Waits until the device has played what it holds. Closing it would drop that. Some devices never
+// report that they ran empty, and one that drains by itself may stay so: neither holds the thread
+// longer than its queue lasts, and a tenth more. A device that would stop when it is asked for its
+// room is asked only when the queue should be over. What a card or a sound server has taken, it
+// plays some time later: hence the wait behind the queue.
+void let_play_out(uint32_t pause)
+{
+    constexpr int64_t behind_the_queue = 100000; // microseconds
+    const bool runs_on = run_on_over_silence();
+    const microseconds queue = duration_of(queued_frames());
+    const auto expected_end = sound_clock::now() + queue + (runs_on ? queue * 0 : queue / 20);
+    const auto latest_end = sound_clock::now() + queue + queue / 10;
+    for (auto now = sound_clock::now(); now < latest_end && device_plays() && !is_stopped();
+         now = sound_clock::now()) {
+        if ((runs_on || now >= expected_end) && queued_frames() == 0) break;
+        tell_progress();
+        constexpr microseconds shortest{1000};
+        const auto left = std::chrono::duration_cast<microseconds>(expected_end - now);
+        wait_for(std::min(std::max(left, shortest), microseconds(pause)).count(), is_stopped);
+    }
+    wait_for(behind_the_queue, is_stopped);
+}
+
+// Until all is sent, or the device drains by itself. False when the sound was stopped.
 void play()
 {
     const uint32_t pause = pause_of(alsa_buffer_frames, output_rate);
     if (pause < urgent_pause) raise_output_priority();
     fill_device(pause);
     start_device();
-    while (!all_is_sent() && load_acquire(stop_output) == 0) {
-        poll_keyboard();
-        const pump_step step = write_pump();
+    auto step = pump_step::wrote;
+    while (!all_is_sent() && !is_stopped() && step != pump_step::drains) {
+        step = write_pump();
         tell_progress();
-        if (step != pump_step::wrote) usleep(pause);
+        if (step != pump_step::drains) wait_after(step, pause);
     }
     tell_progress();
-    let_play_out(load_acquire(stop_output) == 0, pause);
+    if (!is_stopped()) let_play_out(pause);
+    if (step == pump_step::drains) stop_playing(&refused);
+}
+
+void close_device()
+{
+    if (pcm != nullptr) snd_pcm_close(pcm);
+    pcm = nullptr;
 }
 
 } // namespace
@@ -631,15 +750,14 @@ int32_t sound_probe()
 {
     stream_settings stream{};
     dsd_stream = file_list[0].wave.wBitsPerSample == dsd_bits_per_sample ? 1 : 0;
-    sound_open(&stream); // nothing can stop it before the output thread exists
+    if (!sound_open(&stream)) return -1;
     output_format = stream.format;
     output_rate = stream.rate;
     i2s_mode = stream.i2s;
     file_list[0].out_sample_bytes = format_bytes(stream.format);
     file_list[0].out_frame_bytes = format_bytes(stream.format) * stream_channels;
     make_silence();
-    snd_pcm_close(pcm);
-    pcm = nullptr;
+    close_device();
     return -1;
 }
 
@@ -679,8 +797,23 @@ int32_t find_last_card()
     return -1;
 }
 
+void sound_was_fed()
+{
+    if (starving.exchange(0) != 0) wake(waiter::output);
+}
+
+int64_t sound_left()
+{
+    const int32_t silence = load_acquire(silence_left);
+    if (silence < 0) return -1;
+    const int64_t frames = int64_t{silence} + ring_frames(ring) + alsa_buffer_frames;
+    return duration_of(frames).count();
+}
+
 void *output_thread(void *)
 {
+    wait_as_output();
+    before_leaving = close_device; // a fatal report of this thread frees the card before its text
     // stop_output is not cleared here: a stop that came since main looked would be lost.
     stream_settings stream{};
     const bool opened = sound_open(&stream);
@@ -688,19 +821,21 @@ void *output_thread(void *)
     silence_written = 0;
     make_silence();
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
+    store_release(silence_left, primed != 0 ? 0 : output_rate);
+    moved_at = sound_clock::now();
 
     // A device whose whole buffer counts as nearly full would never be written.
     static constexpr stop_cause small_buffer = {stop_reason::report, unit, 576};
     if (opened && alsa_buffer_frames <= nearly_full_frames) {
+        stop_playing(&small_buffer);
         report(unit, 576, "a device buffer of %d frames is too small to play.\n",
                static_cast<int32_t>(alsa_buffer_frames));
-        stop_playing(&small_buffer);
     } else if (opened) {
         play();
     }
     // The device comes first: a reader of standard output may have stopped reading.
-    if (opened) snd_pcm_close(pcm);
-    pcm = nullptr;
+    close_device();
+    sound_has_ended();
     std::puts(blank_line);
     return nullptr;
 }

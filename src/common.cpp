@@ -11,6 +11,7 @@
 
 #include "coeff_sets.h"
 #include "events.h"
+#include "lookout.h"
 #include "sonivane.h"
 #include "util.h"
 
@@ -162,6 +163,7 @@ template <typename value> void release(value **values)
 {
     coeff_filter_free();
     const stop_cause cause = {stop_reason::report, "common", number};
+    store_release(exit_status, number);
     stop_playing(&cause);
     store_release(interrupted, flag_on);
     event_end(number);

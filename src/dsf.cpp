@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "readwrite.h"
+#include "util.h"
 
 namespace
 {

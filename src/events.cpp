@@ -17,6 +17,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "lookout.h"
+
 namespace
 {
 
@@ -92,8 +94,7 @@ outcome put_out(std::string_view line)
                                                : write(descriptor, line.data(), line.size());
     if (taken == static_cast<ssize_t>(line.size())) return outcome::out;
     if (taken < 0 && (errno == EPIPE || errno == ECONNRESET)) {
-        store_release(voice, reader_has_left);
-        stop_playing(&stopped_by_key);
+        events_reader_left();
         return outcome::left;
     }
     // Only a full disk or a connection over a network takes a part of a line.
@@ -340,6 +341,8 @@ bool events_open(const char *number)
     if (error != std::errc{} || behind != end || descriptor < 0) return false;
     const int flags = fcntl(descriptor, F_GETFL);
     if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY) return false;
+    // One that closes when a program starts is no parent's, but one of this process.
+    if ((fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0) return false;
     way = find_way(&descriptor);
     store_release(voice, descriptor);
     return true;
@@ -348,6 +351,17 @@ bool events_open(const char *number)
 bool events_wanted()
 {
     return load_acquire(voice) != reader_has_left;
+}
+
+int events_descriptor()
+{
+    return load_acquire(voice);
+}
+
+void events_reader_left()
+{
+    store_release(voice, reader_has_left);
+    stop_playing(&stopped_by_key);
 }
 
 void event_probing(int32_t index, int32_t of)

@@ -17,6 +17,12 @@ bool events_open(const char *number);
 // Whether anybody listens.
 bool events_wanted();
 
+// The descriptor that the events go to, to see whether its reader has left; -1: none. Look-out.
+int events_descriptor();
+
+// The reader of the events has left, which ends the sound as a key does. Any thread.
+void events_reader_left();
+
 // The file at index, of that many names, is being looked at; at most ten a second.
 void event_probing(int32_t index, int32_t of);
 

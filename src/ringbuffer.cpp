@@ -4,6 +4,8 @@
 #include <memory>
 #include <new>
 
+#include "util.h"
+
 namespace
 {
 

@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "util.h"
+#include "atomics.h"
 
 // The number of bytes put into the ring before a file's first one. Written once by main, before
 // that first byte; read by the output thread.

@@ -2,7 +2,6 @@
 // feeders that turn file bytes into device frames.
 #include "sonivane.h"
 
-#include <execinfo.h>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include <bit>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -23,6 +23,7 @@
 #include "dsdiff.h"
 #include "dsf.h"
 #include "events.h"
+#include "lookout.h"
 #include "parse_param.h"
 #include "util.h"
 #include "wav.h"
@@ -35,14 +36,12 @@ std::atomic<soundfile *> playing_file;
 feeder_slot fill_buffer;
 reader_slot read_samples;
 ringbuffer *ring;
-std::atomic<int32_t> interrupted;
-std::atomic<int32_t> stop_output;
-std::atomic<const stop_cause *> stopped_by;
 int32_t output_format = SND_PCM_FORMAT_S32_LE;
 int32_t output_rate;
 int32_t dsd_stream;
 int32_t i2s_mode;
 snd_pcm_t *pcm;
+uint32_t refill_bytes;
 std::array<char, 1024> device_name;
 int32_t oversample;
 int32_t short_filter;
@@ -161,8 +160,6 @@ void close_file(soundfile *file)
     file->fp = nullptr;
 }
 
-bool read_error_met; // in any file; only looked for when a front-end listens
-
 int64_t size_of(const soundfile *file)
 {
     struct stat64 status;
@@ -189,7 +186,7 @@ void look_for_read_error(const soundfile *file)
 {
     if (!events_wanted() || file->fp == nullptr) return;
     if (ferror(file->fp) == 0 && !is_cut_short(file)) return;
-    read_error_met = true;
+    store_release(read_error_met, flag_on);
     event_read_error(file);
 }
 
@@ -643,52 +640,6 @@ int32_t pcm_feeder()
     return done ? -1 : 0;
 }
 
-namespace
-{
-
-// --- Signals ------------------------------------------------------------------------------------
-
-constexpr int stack_limit = 1024;
-constexpr int32_t report_interrupt = 799;
-
-// What a second SIGINT does: only calls that are safe in a handler, since the first thread may have
-// been stopped inside malloc or a stream.
-[[noreturn]] void abort_with_stack()
-{
-    static std::array<void *, stack_limit> stack;
-    static constexpr char text[] = "\nERROR sonivane 799 Interrupt stack. Abort\n";
-    const int depth = backtrace(stack.data(), stack_limit);
-    backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
-    terminal_restore();
-    static constexpr stop_cause cause = {stop_reason::report, unit, report_interrupt};
-    stop_playing(&cause);
-    event_end(report_interrupt);
-    _exit(report_interrupt & 0xFF);
-}
-
-void sigint_handler(int)
-{
-    if (interrupted.exchange(flag_on) != 0) abort_with_stack();
-}
-
-void install_sigint_handler()
-{
-    // The first backtrace of a process loads a library, which a handler must not do.
-    std::array<void *, 1> warm_up;
-    backtrace(warm_up.data(), warm_up.size());
-    std::signal(SIGINT, sigint_handler);
-}
-
-} // namespace
-
-void stop_playing(const stop_cause *cause)
-{
-    const stop_cause *none = nullptr;
-    stopped_by.compare_exchange_strong(none, cause);
-    store_release(stop_output, flag_on);
-}
-
 void exit_if_interrupted()
 {
     // A fatal report of the other thread sets both words, stop_output first.
@@ -731,6 +682,36 @@ void detach_controller()
     if (controller == nullptr) return;
     shmdt(controller);
     controller = nullptr;
+}
+
+// --- Status -------------------------------------------------------------------------------------
+
+soundfile *last_shown_file;
+int64_t last_shown_second = -1;
+
+int64_t second_of(const soundfile *file)
+{
+    return load_acquire(file->position) / position_units_per_second;
+}
+
+// Total time in whole seconds; a header with a field of 0 gives 0.
+int64_t total_seconds(const soundfile *file)
+{
+    const wave_format &wave = file->wave;
+    if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
+    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
+    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
+    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
+    const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
+    return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
+}
+
+// The banner of a file that is not the one shown last.
+void show_file(soundfile *file)
+{
+    if (file == last_shown_file) return;
+    show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
+    last_shown_file = file;
 }
 
 // --- The stages of main -------------------------------------------------------------------------
@@ -785,6 +766,7 @@ void probe_files()
     const int32_t names = file_count;
     int32_t kept = 0;
     for (int32_t name = 0; name < names; ++name) {
+        if (is_stopped()) return;
         soundfile *file = &file_list[kept];
         file->path = std::exchange(file_list[name].path, nullptr);
         file->index = kept;
@@ -811,11 +793,14 @@ void open_first_file()
 {
     if (open_soundfile(file_list) < 0)
         fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file_list->path));
+    feeding_file = file_list;
+    store_release(playing_file, file_list);
 }
 
 void set_up_stream()
 {
     if (sound_probe() == 0) fatal_report(unit, 1015, "sound initialize failed.\n");
+    if (is_stopped()) return;
     stream_banner();
     if (oversample == 0) return;
     const int32_t rate = file_list->wave.nSamplesPerSec;
@@ -826,7 +811,13 @@ void set_up_stream()
 constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
 constexpr uint64_t buffer_bytes_limit = uint64_t{1} << 31;
 
-uint32_t ring_pause; // microseconds that main may sleep while the ring is full
+// Main refills the ring when a quarter of it is free. Where that lasts no sixth of a second it
+// waits for more, to do with few wake-ups, but not for more than half.
+uint32_t refill_of(const ringbuffer *r)
+{
+    const uint32_t sixth = static_cast<uint32_t>(output_rate) / 6;
+    return std::max(r->usable_size / 4, std::min(r->usable_size / 2, sixth * r->gap));
+}
 
 void make_ring()
 {
@@ -839,21 +830,25 @@ void make_ring()
     if (buffer_bytes < buffer_bytes_limit)
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
-    ring_pause = pause_of(ring->usable_size / frame_bytes, output_rate);
+    refill_bytes = refill_of(ring);
+    tell_stream();
 }
 
 constexpr int32_t filled_percent = 79; // the first filling ends above it
 
-// Fills the ring before anything takes from it.
+// Fills the ring before anything takes from it. A line for each call would drown a log.
 void fill_ring()
 {
+    terminal_raw();
+    int32_t shown = -1;
     while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
-        poll_keyboard();
-        const bool fed = load_acquire(stop_output) == 0 && fill_buffer() != 0;
+        const bool fed = !is_stopped() && fill_buffer() != 0;
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
-        show_status(0, ring_percent(ring), "filling buffer");
-        event_filling(ring_percent(ring));
+        const int32_t percent = ring_percent(ring);
+        if (percent != shown) show_status(0, percent, "filling buffer");
+        shown = percent;
+        event_filling(percent);
     }
 }
 
@@ -865,54 +860,86 @@ pthread_t start_output()
     return thread;
 }
 
+// Something is to be shown, or the feeding is to end.
+bool has_news()
+{
+    const soundfile *file = load_acquire(playing_file);
+    return is_stopped() || load_acquire(interrupted) != 0 || file != last_shown_file ||
+           second_of(file) != last_shown_second;
+}
+
+bool has_work()
+{
+    return has_news() || ring_free(ring) >= refill_bytes;
+}
+
 // Keeps the ring full until everything is fed or something stops the output.
 void feed_list()
 {
-    while (load_acquire(stop_output) == 0 && load_acquire(ring->more_coming) != 0) {
+    while (!is_stopped() && load_acquire(ring->more_coming) != 0) {
         if (load_acquire(interrupted) != 0) {
             feeding_file = file_list + file_count;
             return;
         }
         status_update(load_acquire(playing_file));
-        if (fill_buffer() != 0) continue;
-        if (feeding_file->index >= 0)
-            usleep(ring_pause);
-        else
-            store_release(ring->more_coming, 0);
+        const bool fed = fill_buffer() != 0;
+        if (!fed && feeding_file->index < 0) store_release(ring->more_coming, 0);
+        sound_was_fed();
+        if (!fed && feeding_file->index >= 0) wait_for(longest_wait, has_work);
     }
 }
 
-constexpr uint32_t shortest_drain_pause = 500; // microseconds
-
-// Shows how the rest of the ring is played. Its end can be near: the pauses begin short. The last
-// look comes when the ring is empty, for a file that went out as a whole since the one before.
+// Shows how the rest of the ring is played. The last look comes when the ring is empty, for a file
+// that went out as a whole since the one before.
 void drain_ring()
 {
-    uint32_t pause = shortest_drain_pause;
-    while (load_acquire(stop_output) == 0 && load_acquire(interrupted) == 0) {
+    while (!is_stopped() && load_acquire(interrupted) == 0) {
         const bool empty = ring_frames(ring) == 0;
         status_update(load_acquire(playing_file));
         if (empty) return;
-        usleep(pause);
-        pause = std::min(pause * 2, ring_pause);
+        wait_for(longest_wait, [] { return has_news() || ring_frames(ring) == 0; });
     }
 }
 
-// The output thread looks at the keyboard while it runs, and main does before. A key that came
-// while the ring was filled leaves nothing to start.
+int64_t microseconds_now()
+{
+    const auto time = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+// Waits until the device is closed: nothing more is read. Whatever the device says, that takes no
+// longer than what it and the ring hold, and a tenth more; the output thread keeps to less.
+void wait_for_sound()
+{
+    constexpr int64_t allowance = 400000; // microseconds, for what comes behind the last frame
+    int64_t latest = -1;                  // not known before the device is open
+    while (!sound_is_over()) {
+        const int64_t left = sound_left();
+        if (latest < 0 && left >= 0) latest = microseconds_now() + left + left / 10 + allowance;
+        const int64_t wait = latest < 0 ? longest_wait : latest - microseconds_now();
+        if (latest >= 0 && wait <= 0) return settle_end();
+        wait_for(wait, [latest] { return sound_is_over() || (latest < 0 && sound_left() >= 0); });
+    }
+}
+
+// A file whose first frames were the last ones of the stream can have passed since main looked.
+void show_last_file()
+{
+    if (!is_stopped() && load_acquire(interrupted) == 0) show_file(load_acquire(playing_file));
+}
+
 void play_list()
 {
-    if (load_acquire(stop_output) != 0) {
-        std::puts(blank_line);
-        return;
-    }
+    sound_begins();
     const pthread_t output = start_output();
     announce_stream();
     feed_list();
     drain_ring();
 
     std::puts(blank_line);
+    wait_for_sound();
     if (pthread_join(output, nullptr) != 0) fatal_report(unit, 1068, "pthread_join() failed.\n");
+    show_last_file();
 }
 
 void clean_up()
@@ -924,31 +951,6 @@ void clean_up()
     terminal_restore();
 }
 
-soundfile *last_shown_file;
-int64_t last_shown_second = -1;
-
-// Total time in whole seconds; a header with a field of 0 gives 0.
-int64_t total_seconds(const soundfile *file)
-{
-    const wave_format &wave = file->wave;
-    if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
-    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
-    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
-    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
-    const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
-    return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
-}
-
-// A run that nothing else stopped, by now.
-void settle_end()
-{
-    static constexpr stop_cause interrupt = {stop_reason::interrupt, nullptr, 0};
-    static constexpr stop_cause incomplete = {stop_reason::read_error, nullptr, 0};
-    static constexpr stop_cause played = {stop_reason::played, nullptr, 0};
-    const stop_cause *whole = read_error_met ? &incomplete : &played;
-    stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
-}
-
 bool everything_is_out()
 {
     return load_acquire(ring->more_coming) == 0 && ring_frames(ring) == 0;
@@ -958,11 +960,8 @@ bool everything_is_out()
 
 void status_update(soundfile *file)
 {
-    if (file != last_shown_file) {
-        show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
-        last_shown_file = file;
-    }
-    const int64_t second = load_acquire(file->position) / position_units_per_second;
+    show_file(file);
+    const int64_t second = second_of(file);
     if (second == last_shown_second) return;
     last_shown_second = second;
 
@@ -980,24 +979,22 @@ int main(int argc, char **argv)
 {
     hold_standard_descriptors();
     attach_controller();
-    install_sigint_handler();
-    install_terminal_signals();
     raise_priority();
+    start_lookout();
     read_command_line(argc, argv);
     make_file_list(argc, argv);
-    probe_files();
-    open_first_file();
-    set_up_stream();
-    make_ring();
-    tell_stream();
-    terminal_raw();
-    feeding_file = file_list;
-    store_release(playing_file, file_list);
-    fill_ring();
-    play_list();
+
+    // From here on a key ends the run in order, between two stages or within one.
+    static constexpr std::array stages = {probe_files, open_first_file, set_up_stream,
+                                          make_ring,   fill_ring,       play_list};
+    for (const auto stage : stages)
+        if (!is_stopped()) stage();
+    if (!sound_has_begun()) std::puts(blank_line);
     std::putchar('\n');
     clean_up();
     settle_end();
     event_end(EXIT_SUCCESS);
+    std::fflush(stdout);
+    end_is_near();
     return EXIT_SUCCESS;
 }

@@ -3,7 +3,7 @@
 // The player has one play list and one stream. Two threads work on them: the main thread reads
 // files and fills the ring, the output thread empties the ring into the device. Next to each
 // variable that both touch stands who writes it and who reads it; all others belong to the main
-// thread. Shared words are stored with store_release and read with load_acquire (util.h).
+// thread. Shared words are stored with store_release and read with load_acquire (atomics.h).
 //
 // A flag is a signed 32-bit word, flag_off or flag_on, tested for zero only.
 #pragma once
@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <span>
 
+#include "atomics.h"
 #include "ringbuffer.h"
 
 inline constexpr int32_t flag_off = 0;
@@ -120,25 +121,6 @@ using feeder_slot = int32_t (*)();
 // The active reader: stores at most count bytes; result: bytes stored, below 1 at the file's end.
 using reader_slot = int32_t (*)(soundfile *file, uint8_t *bytes, int32_t count);
 
-// Why the sound ends. For a report that stops it, fatal or not, also its unit and number.
-enum class stop_reason {
-    played,
-    key,
-    interrupt,
-    underrun,
-    suspended,
-    disconnected,
-    refused, // the device takes no more
-    read_error,
-    report,
-};
-struct stop_cause {
-    stop_reason reason;
-    const char *unit; // null unless the reason is a report
-    int32_t number;
-};
-inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
-
 // The play list: file_count records and an end sentinel. Never moved.
 extern soundfile *file_list;
 extern int32_t file_count;
@@ -149,16 +131,16 @@ extern feeder_slot fill_buffer;
 extern reader_slot read_samples;
 extern ringbuffer *ring;
 
-extern std::atomic<int32_t> interrupted;           // set by SIGINT and fatal reports; read by both
-extern std::atomic<int32_t> stop_output;           // set by stop_playing alone; read by both
-extern std::atomic<const stop_cause *> stopped_by; // the first one; null: nothing stopped it yet
-
 // The stream, settled by sound_probe; constant once the output thread exists.
 extern int32_t output_format; // SND_PCM_FORMAT_*
 extern int32_t output_rate;   // frames per second; 0: not settled yet
 extern int32_t dsd_stream;    // 1: the device gets DSD in any form
 extern int32_t i2s_mode;      // DSD goes as raw bit pairs in a PCM word
 extern snd_pcm_t *pcm;        // main while probing, then the output thread
+
+// Free bytes of the ring at which the output thread wakes main to fill it. Set by main before that
+// thread exists.
+extern uint32_t refill_bytes;
 
 // Options of the command line.
 extern std::array<char, 1024> device_name; // always terminated
@@ -202,10 +184,6 @@ int32_t dsd_feeder();
 // Feeds PCM: what one read gave, as far as there is room. 0: nothing done, for want of room, of
 // files, or after a SIGINT; else -1. Main thread, through fill_buffer.
 int32_t pcm_feeder();
-
-// Ends the sound on both threads. The first cause stays; it must last as long as the process. Any
-// thread, or a signal handler.
-void stop_playing(const stop_cause *cause);
 
 // Shows the banner of a file that newly plays, and one status line a shown second. Main thread.
 void status_update(soundfile *file);

@@ -4,22 +4,22 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/select.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cinttypes>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "events.h"
-#include "sonivane.h"
+#include "lookout.h"
+
+thread_local void (*before_leaving)();
 
 const char blank_line[] =
     "\r                                                                        ";
@@ -36,117 +36,30 @@ static_assert(sizeof blank_line == 1 + blanks + 1);
 
 std::atomic<bool> leaving; // set by the thread that ends the process
 
-// The lines of two threads must not mix.
-[[gnu::format(printf, 3, 0)]] void print_report(const char *source, int32_t number,
-                                                const char *format, va_list arguments)
+// A report as it is printed, cut off where a name makes it longer than any terminal shows.
+using report_text = std::array<char, 8192>;
+
+[[gnu::format(printf, 4, 0)]] void lay_out_report(report_text &text, const char *source,
+                                                  int32_t number, const char *format,
+                                                  va_list arguments)
 {
-    flockfile(stderr);
-    std::fprintf(stderr, "\nERROR %s %d ", source, number);
-    std::vfprintf(stderr, format, arguments);
-    std::fflush(stderr);
-    funlockfile(stderr);
+    const int head =
+        std::snprintf(text.data(), text.size(), "\nERROR %s %" PRId32 " ", source, number);
+    std::vsnprintf(&text[static_cast<size_t>(head)], text.size() - static_cast<size_t>(head),
+                   format, arguments);
 }
 
-// --- Terminal -----------------------------------------------------------------------------------
-
-// All below belongs to the thread that has the lock.
-std::atomic_flag terminal_lock;
-bool terminal_wanted;          // from terminal_raw to terminal_restore, wherever the terminal is
-int32_t terminal_is_raw;       // terminal_saved holds settings to put back
-struct termios terminal_saved; // of standard input, when it was taken
-
-// SIGINT stays off a thread that has the lock: its handler may want the lock too, and would wait
-// for the thread that it keeps from going on. All calls here are safe in that handler.
-sigset_t lock_terminal()
+// The terminal and the last event come before the text: nobody may be there to take that.
+[[noreturn]] void leave(int32_t status, const char *text)
 {
-    sigset_t interrupt;
-    sigset_t before;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, &before);
-    while (terminal_lock.test_and_set(std::memory_order_acquire)) poll(nullptr, 0, 1);
-    return before;
-}
-
-void unlock_terminal(const sigset_t &before)
-{
-    terminal_lock.clear(std::memory_order_release);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-// In the background the terminal is the shell's, and its modes too: the kernel stops a job that
-// changes them. A terminal of another session, or none, has no such rule and gives -1.
-bool in_background()
-{
-    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
-    return foreground >= 0 && foreground != getpgrp();
-}
-
-enum class unread_input { keep, drop };
-
-// TCSAFLUSH, which drops input too, would first wait for all output: for ever, with a terminal that
-// Ctrl-S holds, and everybody else for the lock.
-void set_terminal(const struct termios &settings, unread_input input)
-{
-    tcsetattr(STDIN_FILENO, TCSANOW, &settings);
-    if (input == unread_input::drop) tcflush(STDIN_FILENO, TCIFLUSH);
-}
-
-void take_terminal(unread_input input)
-{
-    if (in_background()) return;
-    if (terminal_is_raw == 0) tcgetattr(STDIN_FILENO, &terminal_saved);
-    terminal_is_raw = flag_on;
-    struct termios raw = terminal_saved;
-    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON);
-    set_terminal(raw, input);
-}
-
-void give_terminal_back()
-{
-    if (terminal_is_raw != 0 && !in_background()) set_terminal(terminal_saved, unread_input::drop);
-    terminal_is_raw = flag_off;
-}
-
-// --- Signals ------------------------------------------------------------------------------------
-
-// What ends, stops or continues the process from outside.
-constexpr std::array terminal_signals = {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT};
-sigset_t awaited_signals; // those of them that are not ignored; blocked in every thread
-
-// Ends or stops the process. Comes back from a stop, or at once when nothing stops: the kernel lets
-// Ctrl-Z stop nothing that no shell could continue.
-void act_by_default(int signal_number)
-{
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, signal_number);
-    // Raised before it is let through: one that came meanwhile must not stop a second time.
-    raise(signal_number);
-    pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-    pthread_sigmask(SIG_BLOCK, &only, nullptr);
-}
-
-// Whoever else wants the terminal waits until the process has ended, or has stopped and goes on.
-void attend_signal(int signal_number)
-{
-    const sigset_t before = lock_terminal();
-    if (signal_number != SIGCONT) {
-        give_terminal_back();
-        act_by_default(signal_number);
-    }
-    if (terminal_wanted) take_terminal(unread_input::keep);
-    unlock_terminal(before);
-}
-
-// The thread that takes these signals one by one. It does nothing else: one that reads files may be
-// held up by a disk, and a signal with it.
-void *signal_thread(void *)
-{
-    while (true) {
-        int signal_number = 0;
-        if (sigwait(&awaited_signals, &signal_number) == 0) attend_signal(signal_number);
-    }
+    // Two calls of exit at once are undefined: the second thread waits for the first one's.
+    while (leaving.exchange(true)) pause();
+    terminal_restore();
+    event_end(status);
+    print_in_time(text);
+    std::fflush(stdout);
+    end_is_near();
+    std::exit(status);
 }
 
 // --- Names --------------------------------------------------------------------------------------
@@ -175,56 +88,54 @@ clock_time split_seconds(int64_t seconds)
             seconds % seconds_per_minute};
 }
 
-constexpr char stop_key = 3;
 constexpr int raised_priority = -10; // added to the nice value
 
 } // namespace
 
 void report(const char *source, int32_t number, const char *format, ...)
 {
+    report_text text;
     va_list arguments;
     va_start(arguments, format);
-    print_report(source, number, format, arguments);
+    lay_out_report(text, source, number, format, arguments);
     va_end(arguments);
+    std::fputs(text.data(), stderr);
 }
 
 void fatal_report(const char *source, int32_t number, const char *format, ...)
 {
+    report_text text;
     va_list arguments;
     va_start(arguments, format);
-    print_report(source, number, format, arguments);
+    lay_out_report(text, source, number, format, arguments);
     va_end(arguments);
     const stop_cause cause = {stop_reason::report, source, number}; // nobody returns from here
+    store_release(exit_status, number);
     stop_playing(&cause);
-    store_release(interrupted, flag_on);
-    fatal_exit(number);
+    store_release(interrupted, -1);
+    if (before_leaving != nullptr) before_leaving();
+    leave(number, text.data());
 }
 
 void fatal_exit(int32_t status)
 {
     static constexpr stop_cause unnumbered = {stop_reason::report, nullptr, 0};
+    store_release(exit_status, status);
     stop_playing(&unnumbered);
-    // Two calls of exit at once are undefined: the second thread waits for the first one's.
-    while (leaving.exchange(true)) pause();
-    terminal_restore();
-    event_end(status);
-    std::exit(status);
+    leave(status, "");
 }
 
-void terminal_raw()
+void print_in_time(const char *text)
 {
-    const sigset_t before = lock_terminal();
-    if (terminal_is_raw == 0) take_terminal(unread_input::drop);
-    terminal_wanted = true;
-    unlock_terminal(before);
-}
-
-void terminal_restore()
-{
-    const sigset_t before = lock_terminal();
-    give_terminal_back();
-    terminal_wanted = false;
-    unlock_terminal(before);
+    constexpr int patience_ms = 100;
+    constexpr size_t piece = 4096; // a pipe that has room at all takes as much without waiting
+    pollfd polled = {STDERR_FILENO, POLLOUT, 0};
+    for (std::string_view rest = text; !rest.empty();) {
+        if (poll(&polled, 1, patience_ms) != 1) return;
+        const ssize_t written = write(STDERR_FILENO, rest.data(), std::min(rest.size(), piece));
+        if (written < 1) return;
+        rest.remove_prefix(static_cast<size_t>(written));
+    }
 }
 
 void hold_standard_descriptors()
@@ -233,25 +144,6 @@ void hold_standard_descriptors()
         if (fcntl(descriptor, F_GETFD) >= 0) continue;
         [[maybe_unused]] const int held = open("/dev/null", O_RDWR); // the lowest free one
     }
-}
-
-void install_terminal_signals()
-{
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGTTIN, SIG_IGN); // in the background a key of the shell's must not stop the sound
-
-    sigemptyset(&awaited_signals);
-    for (const int signal_number : terminal_signals) {
-        struct sigaction inherited;
-        sigaction(signal_number, nullptr, &inherited);
-        if (inherited.sa_handler != SIG_IGN) sigaddset(&awaited_signals, signal_number);
-    }
-    pthread_sigmask(SIG_BLOCK, &awaited_signals, nullptr);
-    pthread_t thread{};
-    if (pthread_create(&thread, nullptr, signal_thread, nullptr) == 0)
-        pthread_detach(thread);
-    else
-        pthread_sigmask(SIG_UNBLOCK, &awaited_signals, nullptr);
 }
 
 const char *printable(const char *text)
@@ -295,21 +187,6 @@ void show_status(int64_t seconds, int32_t percent, const char *label)
     std::fflush(stdout);
 }
 
-bool poll_keyboard()
-{
-    fd_set input;
-    FD_ZERO(&input);
-    FD_SET(STDIN_FILENO, &input);
-    struct timeval no_wait = {0, 0};
-    if (select(STDIN_FILENO + 1, &input, nullptr, nullptr, &no_wait) != 1) return false;
-    // Past stdin: its buffer would swallow what came together with this byte, out of select's
-    // sight.
-    char byte = 0;
-    if (read(STDIN_FILENO, &byte, 1) != 1 || byte != stop_key) return false;
-    stop_playing(&stopped_by_key);
-    return true;
-}
-
 void raise_priority()
 {
     if (geteuid() != 0) return;
@@ -329,9 +206,8 @@ void raise_output_priority()
 
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate)
 {
-    constexpr uint32_t refilled_short_of = 1026; // frames that a refill may leave free
-    constexpr int64_t longest = 40000;
+    constexpr int64_t longest = 125000;
     constexpr int64_t shortest = 100;
-    const int64_t spare = int64_t{buffer_frames} - refilled_short_of;
+    const int64_t spare = int64_t{buffer_frames} - (nearly_full_frames + 1);
     return static_cast<uint32_t>(std::clamp(spare * 1000000 / rate / 4, shortest, longest));
 }

@@ -1,54 +1,35 @@
-// What every unit leans on: reports, the console (status lines, keyboard, terminal mode), the
-// process's priority, the sleeps of the polling loops, and the ordered access to shared words.
+// What every unit leans on: reports, the lines on the console, the process's priority, and how long
+// the output thread may sleep.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-
-// A word that two threads share: what its writer did before store_release is seen by a reader
-// after load_acquire.
-template <typename T> inline T load_acquire(const std::atomic<T> &word)
-{
-    return word.load(std::memory_order_acquire);
-}
-template <typename T, typename V> inline void store_release(std::atomic<T> &word, V value)
-{
-    word.store(value, std::memory_order_release);
-}
 
 // Prints "\nERROR unit number " and the formatted message on standard error, and goes on. Any
 // thread.
 [[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format,
                                           ...);
 
-// As report, then sets stop_output and interrupted and leaves by fatal_exit(number). Any thread.
+// What fatal reports of the calling thread do once the sound was stopped and before anything that
+// could hold them; null: nothing.
+extern thread_local void (*before_leaving)();
+
+// Stops the sound, sets interrupted, and ends the process as fatal_exit(number) does. The report is
+// printed last, and only where standard error takes it (print_in_time). Any thread.
 [[noreturn, gnu::format(printf, 3, 4)]] void fatal_report(const char *unit, int32_t number,
                                                           const char *format, ...);
 
-// Restores the terminal and ends the process; the shell sees the low 8 bits of status. Any thread:
-// the first caller leaves, a second one waits for the process to end.
+// Stops the sound, gives the terminal back, puts the last event out and ends the process; the shell
+// sees the low 8 bits of status. Any thread: the first caller leaves, a second one waits for the
+// process to end.
 [[noreturn]] void fatal_exit(int32_t status);
 
-// Takes standard input out of canonical mode (echo and signals stay), dropping input not yet read;
-// once, until restored. In the background it waits for the terminal until SIGCONT finds the process
-// in the foreground. Main thread.
-void terminal_raw();
-
-// Puts back what terminal_raw found, and then forgets it: a second call does no harm. Nothing
-// without it, nor in the background. A signal handler may call it too. Any thread.
-void terminal_restore();
+// Prints text on standard error, but leaves out what finds no room there within 100 ms: a reader
+// that does not read must not hold the end of the process. Safe in a signal handler. Any thread.
+void print_in_time(const char *text);
 
 // Opens /dev/null on each of descriptors 0, 1 and 2 that the parent left closed, so that no sound
 // file or device comes to stand there. Main thread, first of all.
 void hold_standard_descriptors();
-
-// What ends or stops the process from outside leaves the terminal as it was: a thread of its own
-// waits for SIGTERM, SIGHUP, SIGQUIT and SIGTSTP, puts the terminal back and lets them act by
-// default; after a stop, one that did not come, and SIGCONT it is taken again. A signal that comes
-// ignored stays so. Without that thread they act by default alone. A reader of standard output that
-// left does not end the sound. Main thread, once, while it is the only one: all later threads must
-// keep these signals blocked.
-void install_terminal_signals();
 
 // A text from outside as it may be shown: each control byte, which could steer the terminal or
 // forge a line, is a '?'; UTF-8 stays. Valid until the next call. Main thread.
@@ -65,10 +46,6 @@ void show_status(int64_t seconds, int32_t percent, const char *label);
 // A carriage return and the 72 blanks that wipe a status line; no line end.
 extern const char blank_line[];
 
-// Takes one waiting byte from standard input, if any; byte 3 sets stop_output and makes the result
-// true. Never waits. The output thread while it runs, main before that: one reader at a time.
-bool poll_keyboard();
-
 // Run by root: asks for nice -10; a refusal is report 145. Otherwise nothing. Main thread.
 void raise_priority();
 
@@ -76,8 +53,11 @@ void raise_priority();
 // wakes, whatever other programs do. Most users are refused that; nothing is said. Output thread.
 void raise_output_priority();
 
-// How long a thread that polls may sleep, in microseconds, when nothing can be done before the
-// other side of a buffer has moved. buffer_frames: the buffer's size; rate: frames per second
-// through it. A refill may leave 1026 frames free, and of the time that the rest lasts a quarter is
-// slept, at most 40 ms. Any thread.
+// A device with at most nearly_full_frames of room is left alone: writes stay large while it is
+// nearly full.
+inline constexpr uint32_t nearly_full_frames = 1025;
+
+// How long a device may be left alone after a write, in microseconds. buffer_frames: the size of
+// its buffer; rate: frames per second. A write may leave nearly_full_frames and one free, and of
+// the time that the rest lasts a quarter is waited, at most 125 ms. Any thread.
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate);

@@ -423,13 +423,27 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("KEY", "-1"));
 }
 
-// Waiting for a busy device, which the player does in slices of this length, takes a fiftieth.
-int usleep(useconds_t microseconds)
+// Waiting for a busy device takes a hundredth.
+int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 {
-    static auto *real = REAL(usleep);
-    if (!device.busy || microseconds != 50000) return real(microseconds);
-    log_line("pause %u\n", microseconds);
-    return real(microseconds / 50);
+    static auto *real = REAL(ppoll);
+    const bool retry = device.busy && time != nullptr && time->tv_sec == 2;
+    if (!retry) return real(fds, count, time, mask);
+    log_line("pause 2 s\n");
+    constexpr timespec short_time = {0, 20000000};
+    return real(fds, count, &short_time, mask);
+}
+
+// CAPTURE_CLOCK is how many times faster than the world the monotonic clock runs.
+int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
+    static auto *real = REAL(clock_gettime);
+    static const long faster = std::stol(setting("CLOCK", "1"));
+    const int result = real(clock, time);
+    if (clock != CLOCK_MONOTONIC || faster == 1) return result;
+    const int64_t ns = (time->tv_sec * INT64_C(1000000000) + time->tv_nsec) * faster;
+    *time = {ns / 1000000000, ns % 1000000000};
+    return result;
 }
 
 // The machine has CAPTURE_CARDS cards, all of the name CAPTURE_CARD_NAME.

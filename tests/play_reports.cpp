@@ -111,14 +111,13 @@ void expect_row(const std::string &line)
     unsigned long struck = 0;
     if (std::sscanf(settings.capture["FAULT"].c_str(), "%*s %lu", &struck) == 1) {
         EXPECT_EQ(result.capture.size(), struck * 8);
-        const std::string closed = "close " + std::to_string(struck) + " ";
-        EXPECT_EQ(log_has(result, closed), result.status == 0); // in order
+        EXPECT_TRUE(log_has(result, "close " + std::to_string(struck) + " "));
     }
-    // Each look at a busy device is followed by a wait of two seconds, in slices.
-    const auto waits = std::ranges::count(result.log, "pause 50000");
+    // Each look at a busy device is followed by a wait of two seconds.
+    const auto waits = std::ranges::count(result.log, "pause 2 s");
     const auto busy = std::ranges::count_if(
         result.log, [](const std::string &entry) { return entry.ends_with(" busy"); });
-    EXPECT_EQ(waits, 40 * busy);
+    EXPECT_EQ(waits, busy);
 }
 
 TEST(play_reports, are_told_and_end_as_told)

@@ -1,0 +1,564 @@
+#include "lookout.h"
+
+#if __has_include(<execinfo.h>)
+#include <execinfo.h>
+#endif
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+
+#include "events.h"
+#include "util.h"
+
+std::atomic<int32_t> interrupted;
+std::atomic<int32_t> stop_output;
+std::atomic<const stop_cause *> stopped_by;
+std::atomic<int32_t> read_error_met;
+std::atomic<int32_t> exit_status;
+
+namespace
+{
+
+// --- Waking -------------------------------------------------------------------------------------
+
+constexpr int no_descriptor = -1; // poll passes it over
+
+int lookout_wakes = no_descriptor; // an eventfd, readable once the look-out is to look
+
+void write_wake(int descriptor)
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(descriptor, &one, sizeof one);
+}
+
+void forget_wakes(int descriptor)
+{
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t got = read(descriptor, &count, sizeof count);
+}
+
+void wake_lookout()
+{
+    write_wake(lookout_wakes);
+}
+
+// A thread that waits. It announces that, looks for work once more, and waits. Both sides exchange
+// the one word: either the waker sees the announcement and wakes, or the waiter sees the work.
+struct sleeper {
+    std::atomic<int32_t> announced; // flag; set by its thread, cleared by both sides
+    int wakes = no_descriptor;      // an eventfd
+};
+std::array<sleeper, 2> sleepers;
+thread_local sleeper *own_sleeper = sleepers.data();
+
+sleeper &sleeper_of(waiter who)
+{
+    return sleepers[static_cast<size_t>(who)];
+}
+
+// --- Terminal -----------------------------------------------------------------------------------
+
+// Held while the terminal's mode changes, and while a signal acts on the process. All words but the
+// atomic one belong to its holder.
+pthread_mutex_t terminal_mutex = PTHREAD_MUTEX_INITIALIZER;
+bool terminal_wanted;                 // from terminal_raw to terminal_restore, wherever it is
+struct termios terminal_saved;        // of standard input, when it was taken
+std::atomic<int32_t> terminal_is_raw; // flag: terminal_saved holds settings to put back
+
+enum class terminal_place { none, foreground, background };
+
+// In the background the terminal is the shell's, and its modes too: the kernel stops a job that
+// changes them. One that does not control this process belongs to other people.
+terminal_place place_of_terminal()
+{
+    const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+    if (foreground < 0) return terminal_place::none;
+    return foreground == getpgrp() ? terminal_place::foreground : terminal_place::background;
+}
+
+// TCSAFLUSH, which drops input too, would first wait for all output: for ever, with a terminal that
+// Ctrl-S holds.
+void take_terminal()
+{
+    if (place_of_terminal() != terminal_place::foreground) return;
+    if (load_acquire(terminal_is_raw) == 0) tcgetattr(STDIN_FILENO, &terminal_saved);
+    store_release(terminal_is_raw, 1);
+    struct termios raw = terminal_saved;
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON);
+    tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+}
+
+// Safe in a signal handler.
+void give_terminal_back()
+{
+    if (terminal_is_raw.exchange(0) == 0 || place_of_terminal() != terminal_place::foreground)
+        return;
+    tcsetattr(STDIN_FILENO, TCSANOW, &terminal_saved);
+    tcflush(STDIN_FILENO, TCIFLUSH);
+}
+
+// --- Standard input -----------------------------------------------------------------------------
+
+constexpr char stop_key = 3;
+constexpr int input_rest_ms = 10;        // between two reads of an input that never ends
+constexpr int background_look_ms = 1000; // a shell that takes a job to the front says nothing
+
+// The look-out's own.
+bool input_is_terminal;
+bool input_is_over; // it gave its end or an error: left alone until the terminal comes back
+bool input_rests;   // it was just read
+
+// The descriptor to wait for; none for an input that is over, at rest, or another job's.
+int readable_input()
+{
+    if (input_is_over || input_rests) return no_descriptor;
+    const bool ours = !input_is_terminal || place_of_terminal() == terminal_place::foreground;
+    return ours ? STDIN_FILENO : no_descriptor;
+}
+
+// Takes all that waits, up to a buffer's size. Not through stdin: its buffer would hide bytes from
+// poll.
+void read_input()
+{
+    std::array<char, 4096> keys;
+    const ssize_t got = read(STDIN_FILENO, keys.data(), keys.size());
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    input_is_over = got < 1;
+    input_rests = true;
+    const auto end = keys.begin() + std::max(got, ssize_t{0});
+    if (std::find(keys.begin(), end, stop_key) != end) stop_playing(&stopped_by_key);
+}
+
+void look_for_terminal()
+{
+    pthread_mutex_lock(&terminal_mutex);
+    if (terminal_wanted) take_terminal();
+    pthread_mutex_unlock(&terminal_mutex);
+    input_is_over = false;
+}
+
+// --- The end of the process ---------------------------------------------------------------------
+
+constexpr int64_t grace_ms = 200;    // what main gets to follow the end of the sound
+constexpr int64_t trace_ms = 100;    // what main gets to print its stack
+constexpr int64_t at_most_ms = 3000; // for either, however busy the machine is
+constexpr int look_ms = 20;          // between two looks at threads that should end
+
+std::atomic<int32_t> sound_over;     // the output thread has closed the device
+std::atomic<int32_t> sound_begun;    // one SIGINT lets the ring play out
+std::atomic<int32_t> ends_by_itself; // some thread is on its way out and meets nothing to wait for
+
+pthread_t main_thread;
+std::atomic<clockid_t> output_clock; // of the processor time of the output thread; 0: none yet
+
+int64_t clock_ns(clockid_t clock)
+{
+    timespec time{};
+    if (clock_gettime(clock, &time) != 0) return 0; // of a thread that has ended
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
+int64_t milliseconds_now()
+{
+    return clock_ns(CLOCK_MONOTONIC) / 1000000;
+}
+
+// Processor time that main and the output thread have used.
+int64_t work_done()
+{
+    clockid_t main_clock{};
+    pthread_getcpuclockid(main_thread, &main_clock);
+    const clockid_t output = load_acquire(output_clock);
+    return clock_ns(main_clock) + (output != 0 ? clock_ns(output) : 0);
+}
+
+// Threads that should be done soon. One that works on, slowly as on a busy machine, gets more time
+// than one that stands still.
+struct end_watch {
+    int64_t since;    // milliseconds; 0: nothing is watched
+    int64_t moved_at; // milliseconds: the last time that work had been done
+    int64_t work;
+};
+
+bool stands_still(end_watch &watch, int64_t patience_ms)
+{
+    const int64_t now = milliseconds_now();
+    const int64_t work = work_done();
+    if (watch.since == 0) watch = {now, now, work};
+    if (work != watch.work) watch = {watch.since, now, work};
+    return now - watch.moved_at >= patience_ms || now - watch.since >= at_most_ms;
+}
+
+// What this thread ends itself, nobody else is asked for: another one may hold the lock of a
+// stream, so that exit would wait for it.
+[[noreturn]] void end_process()
+{
+    terminal_restore();
+    event_end(load_acquire(exit_status));
+    _exit(load_acquire(exit_status) & 0xFF);
+}
+
+[[noreturn]] void end_with_report(const stop_cause *cause, const char *text)
+{
+    store_release(exit_status, cause->number);
+    stop_playing(cause);
+    terminal_restore();
+    event_end(cause->number);
+    print_in_time(text);
+    _exit(cause->number & 0xFF);
+}
+
+constexpr const char *player_unit = "sonivane";
+
+// Main has not come to the place where it would have ended the process in order.
+[[noreturn]] void end_in_place_of_main()
+{
+    static constexpr stop_cause cause = {stop_reason::report, player_unit, 1045};
+    if (!is_stopped() && load_acquire(sound_over) == 0)
+        end_with_report(&cause, "\nERROR sonivane 1045 exit by interrupt\n");
+    settle_end();
+    end_process();
+}
+
+bool end_is_due()
+{
+    if (load_acquire(ends_by_itself) != 0) return false;
+    const bool no_sound = load_acquire(sound_begun) == 0;
+    return is_stopped() || load_acquire(sound_over) != 0 ||
+           (no_sound && load_acquire(interrupted) != 0);
+}
+
+// --- The second SIGINT --------------------------------------------------------------------------
+
+std::atomic<int32_t> trace_begun;
+std::atomic<int32_t> trace_done;
+
+// Safe in a signal handler once backtrace was called before.
+void print_trace()
+{
+#if __has_include(<execinfo.h>)
+    constexpr int stack_limit = 1024;
+    static std::array<void *, stack_limit> stack;
+    const int depth = backtrace(stack.data(), stack_limit);
+    backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
+#endif
+    static constexpr char text[] = "\nERROR sonivane 799 Interrupt stack. Abort\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
+}
+
+// On the main thread, wherever it is. It stays here: the look-out ends the process.
+void trace_handler(int)
+{
+    store_release(trace_begun, 1);
+    print_trace();
+    store_release(trace_done, 1);
+    wake_lookout();
+    while (true) pause();
+}
+
+bool can_print_now()
+{
+    pollfd polled = {STDERR_FILENO, POLLOUT, 0};
+    return poll(&polled, 1, static_cast<int>(trace_ms)) == 1;
+}
+
+// Main prints its own stack, where a signal can reach it. What nobody takes from standard error
+// does not hold the end.
+[[noreturn]] void end_with_trace()
+{
+    static constexpr stop_cause cause = {stop_reason::report, player_unit, 799};
+    store_release(exit_status, cause.number);
+    stop_playing(&cause);
+    terminal_restore();
+    event_end(cause.number);
+    pthread_kill(main_thread, SIGRTMIN);
+    end_watch watch{};
+    while (load_acquire(trace_done) == 0 && !stands_still(watch, trace_ms)) {
+        pollfd polled = {lookout_wakes, POLLIN, 0};
+        poll(&polled, 1, look_ms);
+        forget_wakes(lookout_wakes);
+    }
+    if (load_acquire(trace_begun) == 0 && can_print_now()) print_trace();
+    _exit(cause.number & 0xFF);
+}
+
+// --- Signals ------------------------------------------------------------------------------------
+
+// What ends or stops the process by default once the terminal was given back.
+constexpr std::array acting_signals = {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
+
+sigset_t
+    awaited_signals; // those above that are not ignored, SIGINT and SIGCONT; blocked everywhere
+int signal_wakes = no_descriptor; // a signalfd: readable while one of them is pending
+
+sigset_t only(int signal_number)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal_number);
+    return set;
+}
+
+// Takes the signal, if it is pending.
+bool take_signal(int signal_number)
+{
+    const sigset_t set = only(signal_number);
+    constexpr timespec no_wait = {0, 0};
+    return sigtimedwait(&set, nullptr, &no_wait) == signal_number;
+}
+
+bool is_pending(int signal_number)
+{
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&awaited_signals, signal_number) == 1 &&
+           sigismember(&pending, signal_number) == 1;
+}
+
+// Lets a pending signal end or stop the process. It stays pending until then: the kernel takes a
+// pending SIGTSTP back when a SIGCONT comes, and one that was taken before could stop the process
+// after the SIGCONT for good. It comes back from a stop, or at once when nothing stops: the kernel
+// lets Ctrl-Z stop nothing that no shell could continue. Whoever else wants the terminal waits.
+void let_act(int signal_number)
+{
+    const sigset_t set = only(signal_number);
+    pthread_mutex_lock(&terminal_mutex);
+    give_terminal_back();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    pthread_mutex_unlock(&terminal_mutex);
+    look_for_terminal();
+}
+
+void attend_signals()
+{
+    for (const int signal_number : acting_signals)
+        if (is_pending(signal_number)) let_act(signal_number);
+    if (take_signal(SIGCONT)) look_for_terminal();
+    if (!take_signal(SIGINT)) return;
+    if (interrupted.exchange(-1) != 0) end_with_trace();
+    wake(waiter::main);
+    wake(waiter::output);
+}
+
+// What ends the process by default and comes from a fault or another program.
+constexpr std::array dying_signals = {SIGSEGV, SIGABRT, SIGBUS,  SIGFPE,    SIGILL,
+                                      SIGSYS,  SIGXCPU, SIGXFSZ, SIGALRM,   SIGUSR1,
+                                      SIGUSR2, SIGPWR,  SIGPROF, SIGVTALRM, SIGIO};
+
+// The signal acts as soon as this handler, which was reset, returns.
+void dying_handler(int signal_number)
+{
+    give_terminal_back();
+    raise(signal_number);
+}
+
+void handle_dying_signals()
+{
+    struct sigaction action = {};
+    action.sa_handler = dying_handler;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigemptyset(&action.sa_mask);
+    for (const int signal_number : dying_signals) {
+        struct sigaction inherited;
+        sigaction(signal_number, nullptr, &inherited);
+        if (inherited.sa_handler == SIG_DFL) sigaction(signal_number, &action, nullptr);
+    }
+}
+
+// An ignored SIGINT, as a shell gives to what it starts with &, is awaited all the same.
+void block_awaited_signals()
+{
+    std::signal(SIGINT, SIG_DFL);
+    awaited_signals = only(SIGINT);
+    sigaddset(&awaited_signals, SIGCONT);
+    for (const int signal_number : acting_signals) {
+        struct sigaction inherited;
+        sigaction(signal_number, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN) sigaddset(&awaited_signals, signal_number);
+    }
+    pthread_sigmask(SIG_BLOCK, &awaited_signals, nullptr);
+}
+
+void prepare_trace()
+{
+#if __has_include(<execinfo.h>)
+    // The first backtrace of a process loads a library, which a handler must not do.
+    std::array<void *, 1> warm_up;
+    backtrace(warm_up.data(), warm_up.size());
+#endif
+    std::signal(SIGRTMIN, trace_handler);
+    const sigset_t set = only(SIGRTMIN);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// --- The thread ---------------------------------------------------------------------------------
+
+enum place { place_signals, place_wakes, place_input, place_reader, places };
+
+int time_out_ms(const end_watch &watch)
+{
+    if (watch.since != 0) return look_ms;
+    if (input_rests) return input_rest_ms;
+    const bool away = input_is_terminal && place_of_terminal() == terminal_place::background;
+    return away ? background_look_ms : -1;
+}
+
+void *look_out(void *)
+{
+    end_watch watch{};
+    bool away = false; // the terminal was another job's
+    while (true) {
+        std::array<pollfd, places> polled{};
+        polled[place_signals] = {signal_wakes, POLLIN, 0};
+        polled[place_wakes] = {lookout_wakes, POLLIN, 0};
+        polled[place_input] = {readable_input(), POLLIN, 0};
+        polled[place_reader] = {events_descriptor(), 0, 0}; // an error is all there is to see
+        poll(polled.data(), polled.size(), time_out_ms(watch));
+
+        input_rests = false;
+        if (polled[place_wakes].revents != 0) forget_wakes(lookout_wakes);
+        if (polled[place_signals].revents != 0) attend_signals();
+        if (polled[place_reader].revents != 0) events_reader_left();
+        if (polled[place_input].revents != 0) read_input();
+        const bool was_away = away;
+        away = input_is_terminal && place_of_terminal() == terminal_place::background;
+        if (was_away && !away) look_for_terminal();
+        if (!end_is_due())
+            watch = {};
+        else if (stands_still(watch, grace_ms))
+            end_in_place_of_main();
+    }
+}
+
+} // namespace
+
+// --- Stops --------------------------------------------------------------------------------------
+
+void stop_playing(const stop_cause *cause)
+{
+    const stop_cause *none = nullptr;
+    stopped_by.compare_exchange_strong(none, cause);
+    store_release(stop_output, -1);
+    wake(waiter::main);
+    wake(waiter::output);
+    wake_lookout();
+}
+
+void settle_end()
+{
+    static constexpr stop_cause interrupt = {stop_reason::interrupt, nullptr, 0};
+    static constexpr stop_cause incomplete = {stop_reason::read_error, nullptr, 0};
+    static constexpr stop_cause played = {stop_reason::played, nullptr, 0};
+    const stop_cause *whole = load_acquire(read_error_met) != 0 ? &incomplete : &played;
+    stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
+}
+
+void sound_begins()
+{
+    store_release(sound_begun, 1);
+}
+
+bool sound_has_begun()
+{
+    return load_acquire(sound_begun) != 0;
+}
+
+bool sound_is_over()
+{
+    return load_acquire(sound_over) != 0;
+}
+
+void sound_has_ended()
+{
+    store_release(sound_over, 1);
+    wake(waiter::main);
+    wake_lookout();
+}
+
+void end_is_near()
+{
+    store_release(ends_by_itself, 1);
+}
+
+void start_lookout()
+{
+    std::signal(SIGPIPE, SIG_IGN); // a reader of standard output that left does not end the sound
+    std::signal(SIGTTIN, SIG_IGN); // in the background a key of the shell's must not stop it
+    main_thread = pthread_self();
+    for (sleeper &each : sleepers) each.wakes = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    lookout_wakes = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    input_is_terminal = isatty(STDIN_FILENO) == 1;
+    handle_dying_signals();
+    prepare_trace();
+    block_awaited_signals();
+    signal_wakes = signalfd(-1, &awaited_signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, look_out, nullptr) == 0)
+        pthread_detach(thread);
+    else
+        pthread_sigmask(SIG_UNBLOCK, &awaited_signals, nullptr);
+}
+
+// --- Waits --------------------------------------------------------------------------------------
+
+void wait_as_output()
+{
+    own_sleeper = &sleeper_of(waiter::output);
+    clockid_t clock{};
+    if (pthread_getcpuclockid(pthread_self(), &clock) == 0) store_release(output_clock, clock);
+}
+
+void wake(waiter who)
+{
+    sleeper &woken = sleeper_of(who);
+    if (woken.announced.exchange(0) != 0) write_wake(woken.wakes);
+}
+
+void announce_wait()
+{
+    own_sleeper->announced.exchange(-1);
+}
+
+void finish_wait(int64_t microseconds)
+{
+    if (microseconds == 0) {
+        own_sleeper->announced.exchange(0);
+        return;
+    }
+    pollfd polled = {own_sleeper->wakes, POLLIN, 0};
+    const timespec time = {static_cast<time_t>(microseconds / 1000000),
+                           static_cast<long>(microseconds % 1000000 * 1000)};
+    ppoll(&polled, 1, microseconds == longest_wait ? nullptr : &time, nullptr);
+    // Who cleared the word has written, or is about to: then the next wait ends early.
+    if (own_sleeper->announced.exchange(0) == 0) forget_wakes(own_sleeper->wakes);
+}
+
+// --- Terminal -----------------------------------------------------------------------------------
+
+void terminal_raw()
+{
+    pthread_mutex_lock(&terminal_mutex);
+    if (load_acquire(terminal_is_raw) == 0) take_terminal();
+    terminal_wanted = true;
+    pthread_mutex_unlock(&terminal_mutex);
+    wake_lookout(); // for the keys that were typed before
+}
+
+void terminal_restore()
+{
+    pthread_mutex_lock(&terminal_mutex);
+    give_terminal_back();
+    terminal_wanted = false;
+    pthread_mutex_unlock(&terminal_mutex);
+}
