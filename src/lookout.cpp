@@ -156,7 +156,8 @@ constexpr int look_ms = 20;          // between two looks at threads that should
 
 std::atomic<int32_t> sound_over;     // the output thread has closed the device
 std::atomic<int32_t> sound_begun;    // one SIGINT lets the ring play out
-std::atomic<int32_t> ends_by_itself; // some thread is on its way out and meets nothing to wait for
+std::atomic<int32_t> leaving;        // some thread ends the process
+std::atomic<int32_t> ends_by_itself; // and meets nothing more that could hold it
 
 pthread_t main_thread;
 std::atomic<clockid_t> output_clock; // of the processor time of the output thread; 0: none yet
@@ -208,26 +209,34 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
     _exit(load_acquire(exit_status) & 0xFF);
 }
 
-[[noreturn]] void end_with_report(const stop_cause *cause, const char *text)
+// The reports that this thread ends the process with. They are the player's own.
+struct last_report {
+    int32_t number;
+    const char *text;
+};
+constexpr last_report exit_by_interrupt = {1045, "\nERROR sonivane 1045 exit by interrupt\n"};
+constexpr last_report interrupt_stack = {799, "\nERROR sonivane 799 Interrupt stack. Abort\n"};
+
+// All that comes before the text of a report. cause must last as long as the process.
+void prepare_report(const stop_cause *cause)
 {
     store_release(exit_status, cause->number);
     stop_playing(cause);
     terminal_restore();
     event_end(cause->number);
-    print_in_time(text);
-    _exit(cause->number & 0xFF);
 }
-
-constexpr const char *player_unit = "sonivane";
 
 // Main has not come to the place where it would have ended the process in order.
 [[noreturn]] void end_in_place_of_main()
 {
-    static constexpr stop_cause cause = {stop_reason::report, player_unit, 1045};
-    if (!is_stopped() && load_acquire(sound_over) == 0)
-        end_with_report(&cause, "\nERROR sonivane 1045 exit by interrupt\n");
-    settle_end();
-    end_process();
+    static constexpr stop_cause cause = {stop_reason::report, "sonivane", exit_by_interrupt.number};
+    if (is_stopped() || load_acquire(sound_over) != 0) {
+        settle_end();
+        end_process();
+    }
+    prepare_report(&cause);
+    print_in_time(exit_by_interrupt.text);
+    _exit(cause.number & 0xFF);
 }
 
 bool end_is_due()
@@ -252,8 +261,7 @@ void print_trace()
     const int depth = backtrace(stack.data(), stack_limit);
     backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
 #endif
-    static constexpr char text[] = "\nERROR sonivane 799 Interrupt stack. Abort\n";
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
+    print_in_time(interrupt_stack.text);
 }
 
 // On the main thread, wherever it is. It stays here: the look-out ends the process.
@@ -273,14 +281,12 @@ bool can_print_now()
 }
 
 // Main prints its own stack, where a signal can reach it. What nobody takes from standard error
-// does not hold the end.
-[[noreturn]] void end_with_trace()
+// does not hold the end. A process that is being ended already goes on with that.
+void end_with_trace()
 {
-    static constexpr stop_cause cause = {stop_reason::report, player_unit, 799};
-    store_release(exit_status, cause.number);
-    stop_playing(&cause);
-    terminal_restore();
-    event_end(cause.number);
+    if (leaving.exchange(-1) != 0) return;
+    static constexpr stop_cause cause = {stop_reason::report, "sonivane", interrupt_stack.number};
+    prepare_report(&cause);
     pthread_kill(main_thread, SIGRTMIN);
     end_watch watch{};
     while (load_acquire(trace_done) == 0 && !stands_still(watch, trace_ms)) {
@@ -346,7 +352,7 @@ void attend_signals()
         if (is_pending(signal_number)) let_act(signal_number);
     if (take_signal(SIGCONT)) look_for_terminal();
     if (!take_signal(SIGINT)) return;
-    if (interrupted.exchange(-1) != 0) end_with_trace();
+    if (interrupted.exchange(-1) != 0) return end_with_trace();
     wake(waiter::main);
     wake(waiter::output);
 }
@@ -484,6 +490,11 @@ void sound_has_ended()
     store_release(sound_over, 1);
     wake(waiter::main);
     wake_lookout();
+}
+
+void begin_to_leave()
+{
+    while (leaving.exchange(-1) != 0) pause();
 }
 
 void end_is_near()

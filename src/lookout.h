@@ -80,6 +80,10 @@ void sound_begins();
 // Whether they were. Any thread.
 bool sound_has_begun();
 
+// The calling thread is about to end the process. Only the first one comes back from here: two calls
+// of exit at once are undefined. Any thread.
+void begin_to_leave();
+
 // The calling thread ends the process and will meet no call that could hold it. Any thread.
 void end_is_near();
 

@@ -126,6 +126,14 @@ constexpr std::array<container_row, 4> containers = {{
     {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
 }};
 
+// The file that plays is read in few calls, as network mounts like it. Of the others only the header
+// is wanted. No more than one plays at a time.
+void read_in_large_pieces(soundfile *file)
+{
+    static std::array<char, 65536> buffer;
+    std::setvbuf(file->fp, buffer.data(), _IOFBF, buffer.size());
+}
+
 } // namespace
 
 int32_t open_soundfile(soundfile *file)
@@ -133,6 +141,7 @@ int32_t open_soundfile(soundfile *file)
     file->fp = fopen64(file->path, "rb");
     if (file->fp == nullptr)
         fatal_report(unit, 725, "file %s open error.\n", printable(file->path));
+    if (file == feeding_file) read_in_large_pieces(file);
 
     for (const container_row &row : containers) {
         std::rewind(file->fp);
@@ -791,9 +800,9 @@ void probe_files()
 
 void open_first_file()
 {
+    feeding_file = file_list;
     if (open_soundfile(file_list) < 0)
         fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file_list->path));
-    feeding_file = file_list;
     store_release(playing_file, file_list);
 }
 
@@ -993,6 +1002,7 @@ int main(int argc, char **argv)
     std::putchar('\n');
     clean_up();
     settle_end();
+    begin_to_leave();
     event_end(EXIT_SUCCESS);
     std::fflush(stdout);
     end_is_near();

@@ -34,8 +34,6 @@ static_assert(sizeof blank_line == 1 + blanks + 1);
 
 // --- Reports ------------------------------------------------------------------------------------
 
-std::atomic<bool> leaving; // set by the thread that ends the process
-
 // A report as it is printed, cut off where a name makes it longer than any terminal shows.
 using report_text = std::array<char, 8192>;
 
@@ -52,8 +50,7 @@ using report_text = std::array<char, 8192>;
 // The terminal and the last event come before the text: nobody may be there to take that.
 [[noreturn]] void leave(int32_t status, const char *text)
 {
-    // Two calls of exit at once are undefined: the second thread waits for the first one's.
-    while (leaving.exchange(true)) pause();
+    begin_to_leave();
     terminal_restore();
     event_end(status);
     print_in_time(text);

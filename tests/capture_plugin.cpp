@@ -389,6 +389,15 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
     return code != 0 ? code : real(pcm);
 }
 
+// Comes back when the player has taken the signal.
+static void interrupt_player()
+{
+    sigset_t pending;
+    kill(getpid(), SIGINT);
+    while (sigpending(&pending) == 0 && sigismember(&pending, SIGINT) == 1) poll(nullptr, 0, 1);
+    poll(nullptr, 0, 50);
+}
+
 // CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
 // comes while it is opened. With "stall" it never ends, as on a lost network mount: the parent of a
 // clone, too, sleeps where no handler of a signal can run.
@@ -398,7 +407,7 @@ FILE *fopen64(const char *path, const char *mode)
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
-    if (due && swap[2] == "interrupt") raise(SIGINT);
+    if (due && swap[2] == "interrupt") interrupt_player();
     // Not by vfork(): the thread sanitizer makes a fork of it.
     if (due && swap[2] == "stall" &&
         syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
