@@ -398,9 +398,18 @@ static void interrupt_player()
     poll(nullptr, 0, 50);
 }
 
+// Does not come back, as on a lost network mount: the parent of a clone sleeps where no handler of
+// a signal can run. Not by vfork(): the thread sanitizer makes a fork of it.
+static void stall()
+{
+    if (syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // before anybody learns that there is a player to end
+    log_line("stall\n");
+    while (true) pause();
+}
+
 // CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
-// comes while it is opened. With "stall" it never ends, as on a lost network mount: the parent of a
-// clone, too, sleeps where no handler of a signal can run.
+// comes while it is opened; with "stall" it never ends.
 FILE *fopen64(const char *path, const char *mode)
 {
     static auto *real = REAL(fopen64);
@@ -408,14 +417,19 @@ FILE *fopen64(const char *path, const char *mode)
     const auto swap = list_of<std::string>(setting("SWAP", ""));
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
     if (due && swap[2] == "interrupt") interrupt_player();
-    // Not by vfork(): the thread sanitizer makes a fork of it.
-    if (due && swap[2] == "stall" &&
-        syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // before anybody learns that there is a player to end
-        log_line("stall\n");
-        while (true) pause();
-    }
+    if (due && swap[2] == "stall") stall();
     return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
+}
+
+// CAPTURE_STALL is how many bytes are read of files, all together, before a read never ends.
+size_t fread(void *to, size_t size, size_t count, FILE *stream)
+{
+    static auto *real = REAL(fread);
+    static const size_t most = std::stoul(setting("STALL", "-1"));
+    static size_t read_so_far;
+    read_so_far += size * count;
+    if (read_so_far > most) stall();
+    return real(to, size, count, stream);
 }
 
 int nice(int increment) noexcept

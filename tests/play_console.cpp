@@ -180,18 +180,6 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
     }
 }
 
-// A file that the feeder comes to while the ring is filled cannot be opened, nor fail to be.
-TEST(play_console, a_read_that_stalls_does_not_hold_up_the_end)
-{
-    const std::string stalls = scratch_wave("b.wav", 44100, 100);
-    const auto result =
-        run_player({.arguments = {scratch_wave("a.wav", 44100, 100), stalls},
-                    .capture = {{"SWAP", stalls + " 2 stall"}},
-                    .events = {{.log_has = "stall", .mode_is = line_mode::raw, .signal = SIGTERM}},
-                    .input = wire::terminal});
-    EXPECT_EQ(result.end, "-15");
-}
-
 // --- Jobs of a shell ----------------------------------------------------------------------------
 
 constexpr auto raw = line_mode::raw;

@@ -57,6 +57,56 @@ TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
     EXPECT_FALSE(all_sounded(result));
 }
 
+// Main stands in a call that does not return, where no signal reaches it: each stop ends the
+// process, and what the ring holds at a SIGINT is heard. Before the sound, in it, and behind an
+// output that nobody reads.
+TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
+{
+    const auto file = scratch_wave("a.wav", 44100, 400000);
+    const auto next = scratch_wave("b.wav", 44100, 400000);
+    const auto small = scratch_wave("0.wav", 44100, 100);
+    struct stalled_call {
+        const char *name;
+        std::vector<std::string> arguments;
+        std::pair<const std::string, std::string> setting;
+        play_event begin;
+        bool plays;
+    };
+    const stalled_call calls[] = {
+        {"open, probing", {file, next}, {"SWAP", next + " 1 stall"}, {.log_has = "stall"}, false},
+        {"open, filling", {small, next}, {"SWAP", next + " 2 stall"}, {.log_has = "stall"}, false},
+        {"open, playing", {file, next}, {"SWAP", next + " 2 stall"}, {.log_has = "write "}, true},
+        {"read, filling", {file}, {"STALL", "500000"}, {.log_has = "stall"}, false},
+        {"read, playing", {file}, {"STALL", "1500000"}, {.log_has = "write "}, true},
+        {"write", {file}, {"SPEED", "9"}, {.out_has = "00:01", .clogs = STDOUT_FILENO}, true},
+    };
+    for (const stalled_call &call : calls) {
+        const play_event sends = {.after_ms = 300, .signal = SIGINT, .clogs = call.begin.clogs};
+        const play_event again = {.after_ms = 20, .signal = SIGINT, .clogs = call.begin.clogs};
+        const struct {
+            std::vector<play_event> events;
+            const char *end;
+        } stops[] = {
+            {{{.after_ms = 300, .type = key_3, .clogs = call.begin.clogs}}, "key,0"},
+            {{sends}, call.plays ? "interrupt,0" : "report,sonivane,1045,21"},
+            {{sends, again}, "report,sonivane,799,31"},
+            {{{.after_ms = 300, .signal = SIGTERM, .clogs = call.begin.clogs}}, "-15"},
+        };
+        for (const auto &stop : stops) {
+            SCOPED_TRACE(std::string(call.name) + ": " + stop.end);
+            play_settings settings = {.arguments = call.arguments,
+                                      .capture = {{"SPEED", "4"}},
+                                      .events = {call.begin},
+                                      .input = wire::pipe};
+            settings.capture.insert_or_assign(call.setting.first, call.setting.second);
+            settings.events.insert(settings.events.end(), stop.events.begin(), stop.events.end());
+            const auto result = run_player(settings);
+            EXPECT_EQ(result.end, stop.end);
+            EXPECT_EQ(call.plays && all_sounded(result), result.end == "interrupt,0");
+        }
+    }
+}
+
 // Main stands in a write to a pipe that nobody reads: the key still closes the device.
 TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
 {
