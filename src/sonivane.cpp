@@ -126,8 +126,8 @@ constexpr std::array<container_row, 4> containers = {{
     {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
 }};
 
-// The file that plays is read in few calls, as network mounts like it. Of the others only the header
-// is wanted. No more than one plays at a time.
+// The file that plays is read in few calls, as network mounts like it. Of the others only the
+// header is wanted. No more than one plays at a time.
 void read_in_large_pieces(soundfile *file)
 {
     static std::array<char, 65536> buffer;

@@ -222,6 +222,16 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     snd_pcm_uframes_t least = 0;
     snd_pcm_sw_params_get_start_threshold(params, &start);
     snd_pcm_sw_params_get_avail_min(params, &least);
+    snd_pcm_uframes_t boundary = 0;
+    snd_pcm_uframes_t stop = 0;
+    snd_pcm_uframes_t silence = 0;
+    snd_pcm_uframes_t below = 0;
+    snd_pcm_sw_params_get_boundary(params, &boundary);
+    snd_pcm_sw_params_get_stop_threshold(params, &stop);
+    snd_pcm_sw_params_get_silence_size(params, &silence);
+    snd_pcm_sw_params_get_silence_threshold(params, &below);
+    if (stop == boundary && silence == boundary && below == 0)
+        return log_line("runs on after %lu\n", device.written);
     return log_line("thresholds start %lu avail_min %lu\n", start, least);
 }
 
@@ -282,6 +292,7 @@ void constrain_device()
     take_values(SND_PCM_IOPLUG_HW_RATE, setting("RATES", "1-20000000"));
     take_values(SND_PCM_IOPLUG_HW_CHANNELS, setting("CHANNELS", "2"));
     take_values(SND_PCM_IOPLUG_HW_BUFFER_BYTES, setting("BUFFER_BYTES", "64-100000000"));
+    take_values(SND_PCM_IOPLUG_HW_PERIOD_BYTES, setting("PERIOD_BYTES", "1-100000000"));
     take_values(SND_PCM_IOPLUG_HW_PERIODS, "1-1024");
 }
 

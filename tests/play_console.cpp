@@ -148,6 +148,8 @@ const struct {
      "-15"},
     {"hang up", {then_send(SIGHUP)}, "-1"},
     {"quit", {then_send(SIGQUIT)}, "-3"},
+    {"fault", {then_send(SIGABRT)}, "-6"},
+    {"signal of a program", {then_send(SIGUSR1)}, "-10"},
 };
 
 TEST(play_console, every_end_leaves_the_terminal_as_it_was)

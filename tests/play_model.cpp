@@ -233,6 +233,8 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     if (whole) {
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_TRUE(all_sounded(result)); // a device that took a frame has not played it yet
+        const auto frames = told.size() / (2 * form.bytes);
+        EXPECT_TRUE(log_has(result, "runs on after " + std::to_string(frames)));
     } else {
         told.resize(std::min(told.size(), result.capture.size()));
     }
