@@ -182,7 +182,7 @@ TEST(measure_response, tells_what_a_plain_transform_finds)
             if ((f - tone) % images != 0 && (f + tone) % images != 0) continue;
             std::complex<double> sum;
             for (int32_t i = 0; i < 17640; ++i)
-                sum += frames[20000 + i] * std::polar(1.0, 2 * M_PI * f / 352800 * i);
+                sum += frames.data()[20000 + i] * std::polar(1.0, 2 * M_PI * f / 352800 * i);
             const std::pair here{20 * std::log10(std::abs(sum) / 8820), f};
             found[f != tone] = std::max(found[f != tone], here);
             if (f != tone && f <= 20000) found[2] = std::max(found[2], here);

@@ -139,6 +139,7 @@ void transform(const complex *frames, int32_t stride, complex *bins, int32_t cou
 {
     static const std::vector<complex> turns = [] {
         std::vector<complex> values;
+        values.reserve(measured_frames);
         for (int32_t i = 0; i < measured_frames; i++)
             values.push_back(unit(-static_cast<double>(i) / measured_frames));
         return values;
