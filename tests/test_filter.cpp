@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
+#include <complex>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -155,6 +157,46 @@ TEST(coefficient_sets, are_what_the_tool_computes)
         }
     EXPECT_EQ(std::fgets(line.data(), line.size(), tool), nullptr);
     EXPECT_EQ(pclose(tool), 0);
+}
+
+// Images of a tone lie at its distance from multiples of a frequency. A plain transform over whole
+// turns of each tells the levels; below -140 dB is rounding.
+TEST(measure_response, tells_what_a_plain_transform_finds)
+{
+    const char *const sets[]{"long ", "short ", "none "};
+    const std::array<int32_t, 4> cases[]{{44100, 0, 15000, 44100},  {44100, 0, 20000, 44100},
+                                         {44100, 1, 20000, 44100},  {48000, 0, 10000, 600},
+                                         {176400, 1, 70000, 88200}, {352800, 2, 12340, 352800}};
+    for (const auto &[rate, use, tone, images] : cases) {
+        std::vector<double> frames;
+        coeff_filter_init(rate, 352800, 2, use);
+        for (int32_t t = 0, count = 2; std::ssize(frames) < 40000; ++t) {
+            const double angle = 2 * M_PI * std::fmod(1.0 * t * tone / rate, 1);
+            const float input[]{static_cast<float>(std::sin(angle)), 0};
+            const float *output = use == 2 ? input : coeff_filter_run(input, &count);
+            for (int32_t i = 0; i < count; i += 2) frames.push_back(output[i]);
+        }
+        coeff_filter_free();
+        std::pair<double, int32_t> found[]{{-140, 0}, {-140, 0}, {-140, 0}}; // as they are printed
+        for (int32_t f = 20; f < 176400; f += 20) {
+            if ((f - tone) % images != 0 && (f + tone) % images != 0) continue;
+            std::complex<double> sum;
+            for (int32_t i = 0; i < 17640; ++i)
+                sum += frames.data()[20000 + i] * std::polar(1.0, 2 * M_PI * f / 352800 * i);
+            const std::pair here{20 * std::log10(std::abs(sum) / 8820), f};
+            found[f != tone] = std::max(found[f != tone], here);
+            if (f != tone && f <= 20000) found[2] = std::max(found[2], here);
+        }
+        const std::string words = std::to_string(rate) + " " + sets[use] + std::to_string(tone);
+        std::FILE *tool = popen((MEASURE_TOOL_PATH " tones " + words).c_str(), "r"); // NOLINT
+        for (const auto &[level, frequency] : found) {
+            std::pair<double, int32_t> told;
+            ASSERT_EQ(std::fscanf(tool, "%d %lf", &told.second, &told.first), 2) << words;
+            EXPECT_NEAR(std::max(told.first, -140.0), level, 0.1) << words;
+            EXPECT_TRUE(level == -140 || told.second == frequency) << words << " " << told.second;
+        }
+        pclose(tool);
+    }
 }
 
 } // namespace

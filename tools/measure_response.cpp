@@ -1,10 +1,16 @@
-// Prints, for tools/plot_filter, what the filter does to a tone of every frequency.
+// Measures the filter, for tools/plot_filter and the README's table. Figures are Hz and dB.
 //
-//   measure_response sets      the magnitude of each coefficient set by itself
-//   measure_response filter    the whole of -os: the gain of a tone, and all that comes with it
+//   measure_response sets
+//     The magnitude of each coefficient set by itself: a title in quotes, then lines of a frequency
+//     and a level.
+//   measure_response tones RATE long|short|none HZ...
+//     What comes out of -os for full-scale tones of a source of that rate. A line a tone: its
+//     frequency and level, the highest of all other frequencies (image), and the highest of those
+//     from 20 Hz to 20 kHz. Then a second block: each frequency that an image lands at, and the
+//     highest level there. "none" measures the tones alone: what comes with them is the measure's
+//     own error.
 //
-// Output: blocks for gnuplot, each a title in quotes, then lines of a frequency in Hz and a level
-// in dB; two empty lines end a block.
+// Two empty lines end a block, as gnuplot has it.
 #include <algorithm>
 #include <array>
 #include <cinttypes>
@@ -12,8 +18,11 @@
 #include <complex>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <numbers>
+#include <numeric>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "coeff_sets.h"
@@ -23,11 +32,12 @@
 namespace
 {
 
+using complex = std::complex<double>;
+
 constexpr double silence_level = -200; // dB, the lowest that is printed
-constexpr double amplitude = 0.5;
 
 // exp(2 pi i turns)
-std::complex<double> unit(double turns)
+complex unit(double turns)
 {
     return std::polar(1.0, 2 * std::numbers::pi * (turns - std::floor(turns)));
 }
@@ -54,9 +64,9 @@ constexpr std::array<named_set, 5> named_sets{{
 
 double set_magnitude(const coeff_set &set, double turns_a_tap)
 {
-    std::complex<double> sum = 0;
-    std::complex<double> turn = 1;
-    const std::complex<double> step = unit(turns_a_tap);
+    complex sum = 0;
+    complex turn = 1;
+    const complex step = unit(turns_a_tap);
     for (int32_t i = 0; i < set.tap_count; i++, turn *= step)
         sum += static_cast<double>(set.taps[i]) * turn;
     return std::abs(sum);
@@ -77,110 +87,154 @@ void print_sets()
 
 // ---- The filter
 //
-// A complex tone goes in, its real part left, its imaginary part right. The filter is linear, and
-// does the same again after a number of output frames (8 in the family of 44100 Hz; in the other,
-// where the rates fall in step and four table copies take turns, 588 or a part of it). So what
-// comes out is tones too, at distances of the output rate / that number, and over a whole number
-// of such rounds they can be told apart without a window.
+// A complex tone goes in, its real part left, its imaginary part right. So an image that mirrors
+// the tone is kept apart from one that shifts it, where both land at one frequency.
+//
+// The filter is linear, and does the same again after a round of output frames. So what comes out
+// is tones, at distances of the output rate / round. Over a whole number of turns of each of them
+// no window is needed, and nothing leaks from one to another.
 
-constexpr int32_t round_frames = 588;
-constexpr int32_t measured_frames = 5 * round_frames;
-constexpr int32_t settling_frames = 12000;                        // more than the longest set
-constexpr int32_t tone_step = oversampled_rate / measured_frames; // Hz; whole turns in the measure
+constexpr int32_t bin_step = 10; // Hz
+constexpr int32_t measured_frames = oversampled_rate / bin_step;
+constexpr int32_t settling_frames = 12000; // more than the longest set
+constexpr int32_t run_frames = settling_frames + measured_frames;
+constexpr double amplitude = 0.5;
 
-std::vector<std::complex<double>> run_tone(int32_t source_rate, int32_t use_short,
-                                           int32_t frequency)
+// Where the rates fall in step, and the taps lie alike: in the family of 44100 Hz for each input,
+// in the other every four output frames.
+int32_t round_frames(int32_t source_rate)
 {
-    coeff_filter_init(source_rate, oversampled_rate, stream_channels, use_short);
-    std::vector<std::complex<double>> frames;
-    for (int64_t t = 0; frames.size() < settling_frames + measured_frames; t++) {
-        const auto turns = static_cast<double>(t * frequency % source_rate) / source_rate;
-        const std::complex<double> tone = amplitude * unit(turns);
+    return std::lcm(oversampled_rate / std::gcd(oversampled_rate, source_rate), 4);
+}
+
+complex tone_frame(int64_t t, int32_t rate, int32_t frequency)
+{
+    return amplitude * unit(static_cast<double>(t * frequency % rate) / rate);
+}
+
+enum class filtered { by_long_sets, by_short_sets, not_at_all };
+
+// What comes out of the filter once it has settled.
+std::vector<complex> run_tone(int32_t source_rate, filtered how, int32_t frequency)
+{
+    std::vector<complex> frames;
+    coeff_filter_init(source_rate, oversampled_rate, stream_channels,
+                      how == filtered::by_short_sets ? 1 : 0);
+    for (int64_t t = 0; std::ssize(frames) < run_frames; t++) {
+        const complex tone = tone_frame(t, source_rate, frequency);
         const std::array<float, 2> input{static_cast<float>(tone.real()),
                                          static_cast<float>(tone.imag())};
-        int32_t count = 0;
-        const float *output = coeff_filter_run(input.data(), &count);
+        int32_t count = stream_channels;
+        const float *output =
+            how == filtered::not_at_all ? input.data() : coeff_filter_run(input.data(), &count);
         for (int32_t i = 0; i < count; i += stream_channels)
             frames.emplace_back(static_cast<double>(output[i]), static_cast<double>(output[i + 1]));
     }
     coeff_filter_free();
-    // cppcheck-suppress containerOutOfBounds ; the loop above has filled it
-    frames.erase(frames.begin(), frames.begin() + settling_frames);
-    frames.resize(measured_frames);
-    return frames;
+    return {frames.begin() + settling_frames, frames.begin() + run_frames};
 }
 
-// The level of each tone in frames, by its frequency / tone_step, for those at whole rounds from
-// first: every fifth.
-std::vector<double> tone_levels(const std::vector<std::complex<double>> &frames, int32_t first)
+// Discrete Fourier transform of count frames, which stand stride apart, by the factors of count.
+void transform(const complex *frames, int32_t stride, complex *bins, int32_t count)
 {
-    std::vector<double> levels(measured_frames, silence_level);
-    for (int32_t k = first; k < measured_frames; k += measured_frames / round_frames) {
-        std::complex<double> sum = 0;
-        std::complex<double> turn = 1;
-        const std::complex<double> step = unit(-static_cast<double>(k) / measured_frames);
-        for (const std::complex<double> &frame : frames) {
-            sum += frame * turn;
-            turn *= step;
-        }
-        levels[static_cast<size_t>(k)] = decibels(std::abs(sum) / measured_frames / amplitude);
+    static const std::vector<complex> turns = [] {
+        std::vector<complex> values;
+        values.reserve(measured_frames);
+        for (int32_t i = 0; i < measured_frames; i++)
+            values.push_back(unit(-static_cast<double>(i) / measured_frames));
+        return values;
+    }();
+    if (count == 1) {
+        *bins = *frames;
+        return;
     }
-    return levels;
+    int32_t parts = 2;
+    while (count % parts != 0) parts++;
+    const int32_t length = count / parts;
+    for (int32_t i = 0; i < parts; i++)
+        transform(frames + i * stride, stride * parts, bins + i * length, length);
+    std::vector<complex> part_bins(static_cast<size_t>(parts));
+    for (int32_t k = 0; k < length; k++) {
+        for (int32_t i = 0; i < parts; i++)
+            part_bins[static_cast<size_t>(i)] = bins[k + i * length];
+        for (int32_t bin = k; bin < count; bin += length) {
+            complex sum = 0;
+            for (int64_t i = 0; i < parts; i++)
+                sum += part_bins[static_cast<size_t>(i)] *
+                       turns[static_cast<size_t>(i * bin % count * stride)];
+            bins[bin] = sum;
+        }
+    }
 }
 
-struct response {
-    std::vector<double> gains;  // of a tone, by its frequency / tone_step
-    std::vector<double> images; // the highest of any tone that came with one, by its own frequency
+struct level_at {
+    int32_t frequency = 0;
+    double level = silence_level;
 };
 
-response measure(int32_t source_rate, int32_t use_short)
+// Prints the line of a tone, and raises highest, by frequency / bin_step, to its images.
+void measure_tone(int32_t source_rate, filtered how, int32_t frequency,
+                  std::vector<double> &highest)
 {
-    response result;
-    result.images.assign(measured_frames / 2 + 1, silence_level);
-    const int32_t tones = source_rate / 2 / tone_step;
-    for (int32_t tone = 0; tone <= tones; tone++) {
-        const auto frames = run_tone(source_rate, use_short, tone * tone_step);
-        const auto levels = tone_levels(frames, tone % (measured_frames / round_frames));
-        result.gains.push_back(levels[static_cast<size_t>(tone)]);
-        for (int32_t k = 0; k < measured_frames; k++) {
-            if (k == tone) continue;
-            double &image = result.images[static_cast<size_t>(std::min(k, measured_frames - k))];
-            image = std::max(image, levels[static_cast<size_t>(k)]);
+    const std::vector<complex> frames = run_tone(source_rate, how, frequency);
+    std::vector<complex> bins(frames.size());
+    transform(frames.data(), 1, bins.data(), measured_frames);
+
+    double tone_level = silence_level;
+    level_at image;
+    level_at audible;
+    for (int32_t bin = 0; bin < measured_frames; bin++) {
+        const double magnitude = std::abs(bins[static_cast<size_t>(bin)]);
+        const double level = decibels(magnitude / measured_frames / amplitude);
+        if (bin * bin_step == frequency) {
+            tone_level = level;
+            continue;
         }
+        const int32_t landing = std::min(bin, measured_frames - bin); // above half it runs backward
+        const int32_t at = landing * bin_step;
+        highest[static_cast<size_t>(landing)] =
+            std::max(highest[static_cast<size_t>(landing)], level);
+        if (level > image.level) image = {at, level};
+        if (level > audible.level && at >= 20 && at <= 20000) audible = {at, level};
     }
-    return result;
+    std::printf("%" PRId32 " %.2f %" PRId32 " %.2f %" PRId32 " %.2f\n", frequency, tone_level,
+                image.frequency, image.level, audible.frequency, audible.level);
 }
 
-void print_levels(const char *what, int32_t source_rate, int32_t use_short,
-                  const std::vector<double> &levels)
+void print_tones(int32_t source_rate, filtered how, std::span<const int32_t> frequencies)
 {
-    std::printf("\"%s%" PRId32 " Hz, %s sets\"\n", what, source_rate,
-                use_short != 0 ? "short" : "long");
-    for (size_t i = 0; i < levels.size(); i++) std::printf("%zu %.3f\n", i * tone_step, levels[i]);
+    std::vector<double> highest(measured_frames / 2 + 1, silence_level);
+    for (const int32_t frequency : frequencies) measure_tone(source_rate, how, frequency, highest);
     std::printf("\n\n");
-}
-
-void print_filter()
-{
-    for (const int32_t source_rate : {44100, 48000})
-        for (const int32_t use_short : {0, 1}) {
-            const response measured = measure(source_rate, use_short);
-            print_levels("", source_rate, use_short, measured.gains);
-            print_levels("", source_rate, use_short, measured.images);
-        }
+    for (size_t i = 0; i < highest.size(); i++)
+        if (highest[i] > silence_level) std::printf("%zu %.2f\n", i * bin_step, highest[i]);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const bool sets = argc == 2 && std::strcmp(argv[1], "sets") == 0;
-    const bool filter = argc == 2 && std::strcmp(argv[1], "filter") == 0;
-    if (!sets && !filter) {
-        std::fprintf(stderr, "usage: %s sets | filter\n", argv[0]);
+    const std::span<char *const> words(argv, static_cast<size_t>(argc));
+    if (argc == 2 && words[1] == std::string_view("sets")) {
+        print_sets();
+        return 0;
+    }
+    constexpr std::array<std::string_view, 3> names{"long", "short", "none"};
+    const auto *name = argc > 4 ? std::ranges::find(names, words[3]) : names.end();
+    const int32_t rate = argc > 4 ? std::atoi(words[2]) : 0;
+    std::vector<int32_t> frequencies;
+    for (size_t i = 4; i < words.size(); i++) frequencies.push_back(std::atoi(words[i]));
+    const auto exact = [rate](int32_t frequency) {
+        return frequency > 0 && frequency < rate - frequency && frequency % bin_step == 0;
+    };
+    if (name == names.end() || words[1] != std::string_view("tones") ||
+        measured_frames % round_frames(rate) != 0 || !std::ranges::all_of(frequencies, exact)) {
+        std::fprintf(stderr,
+                     "usage: %s sets | tones RATE long|short|none HZ...\n"
+                     "RATE and HZ are multiples of %" PRId32 ", HZ is below RATE / 2.\n",
+                     words[0], bin_step);
         return 1;
     }
-    if (sets) print_sets();
-    if (filter) print_filter();
+    print_tones(rate, static_cast<filtered>(name - names.begin()), frequencies);
     return 0;
 }
