@@ -704,11 +704,19 @@ namespace
 constexpr const char *controller_key_file = "/tmp/sonivane.key";
 constexpr int controller_key_project = 255;
 
+// Anybody may make a block under that key, and have the player signal a process of another user.
+bool is_trusted(int id)
+{
+    shmid_ds status;
+    if (shmctl(id, IPC_STAT, &status) != 0) return false;
+    return status.shm_perm.cuid == 0 || status.shm_perm.cuid == geteuid();
+}
+
 void attach_controller()
 {
     const key_t key = ftok(controller_key_file, controller_key_project);
     const int id = key == -1 ? -1 : shmget(key, 0, 0);
-    if (id < 0) return;
+    if (id < 0 || !is_trusted(id)) return;
     void *block = shmat(id, nullptr, 0);
     // shmat tells a failure by an address of all ones.
     if (block == reinterpret_cast<void *>(-1)) return; // NOLINT(performance-no-int-to-ptr)
@@ -723,7 +731,8 @@ void announce_stream()
     if ((load_acquire(controller->controller_state) != 0) == (state != 0)) return;
     store_release(controller->controller_state, state);
     const int32_t process = load_acquire(controller->controller_pid);
-    if (process > 0) kill(process, SIGINT); // 0 and below name groups of processes
+    // 0 and below name groups of processes; 1 restarts the machine on SIGINT.
+    if (process > 1) kill(process, SIGINT);
 }
 
 void detach_controller()
