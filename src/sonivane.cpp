@@ -891,17 +891,39 @@ void feed_list()
     }
 }
 
+soundfile *last_shown_file;
+int64_t last_shown_second = -1;
+
+// Total time in whole seconds; a header with a field of 0 gives 0.
+int64_t total_seconds(const soundfile *file)
+{
+    const wave_format &wave = file->wave;
+    if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
+    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
+    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
+    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
+    const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
+    return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
+}
+
+void show_banner_once(soundfile *file)
+{
+    if (file == last_shown_file) return;
+    show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
+    last_shown_file = file;
+}
+
 constexpr uint32_t shortest_drain_pause = 500; // microseconds
 
 // Shows how the rest of the ring is played. Its end can be near: the pauses begin short. The last
-// look comes when the ring is empty, for a file that went out as a whole since the one before.
+// look comes when the ring is empty, for a file that went out as a whole since the one before: its
+// banner is due, and no second any more.
 void drain_ring()
 {
     uint32_t pause = shortest_drain_pause;
     while (load_acquire(stop_output) == 0 && load_acquire(interrupted) == 0) {
-        const bool empty = ring_frames(ring) == 0;
+        if (ring_frames(ring) == 0) return show_banner_once(load_acquire(playing_file));
         status_update(load_acquire(playing_file));
-        if (empty) return;
         usleep(pause);
         pause = std::min(pause * 2, ring_pause);
     }
@@ -933,21 +955,6 @@ void clean_up()
     terminal_restore();
 }
 
-soundfile *last_shown_file;
-int64_t last_shown_second = -1;
-
-// Total time in whole seconds; a header with a field of 0 gives 0.
-int64_t total_seconds(const soundfile *file)
-{
-    const wave_format &wave = file->wave;
-    if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
-    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
-    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
-    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
-    const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
-    return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
-}
-
 // A run that nothing else stopped, by now.
 void settle_end()
 {
@@ -967,10 +974,7 @@ bool everything_is_out()
 
 void status_update(soundfile *file)
 {
-    if (file != last_shown_file) {
-        show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
-        last_shown_file = file;
-    }
+    show_banner_once(file);
     const int64_t second = load_acquire(file->position) / position_units_per_second;
     if (second == last_shown_second) return;
     last_shown_second = second;
