@@ -96,7 +96,8 @@ outcome put_out(std::string_view line)
         stop_playing(&stopped_by_key);
         return outcome::left;
     }
-    // Only a full disk or a connection over a network takes a part of a line.
+    // Only a full disk, a connection over a network or a socket with a small buffer takes a part of
+    // a line.
     if (taken > 0) line_is_torn = true;
     return outcome::no_room;
 }
@@ -105,7 +106,8 @@ outcome put_out(std::string_view line)
 
 constexpr size_t short_line = 512; // bytes of one with numbers only
 constexpr size_t escaped_byte = 6; // bytes that one of a text may become
-constexpr size_t long_line = escaped_byte * PATH_MAX + short_line; // of one with a text
+constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a text
+static_assert(longest_sentence >= PATH_MAX);
 constexpr std::string_view longest_end = R"(,"dropped":4294967295})"
                                          "\n";
 
@@ -377,6 +379,11 @@ void event_opening(int32_t attempt)
     tell<short_line>("opening", number_field{"attempt", attempt});
 }
 
+void event_not_opened(int32_t attempt, const char *error)
+{
+    tell<long_line>("not opened", number_field{"attempt", attempt}, text_field{"error", error});
+}
+
 void event_stream(const char *form, const char *format_name, uint32_t device_frames,
                   uint32_t ring_frames)
 {
@@ -439,6 +446,7 @@ void event_end(int32_t status)
     if (cause.unit == nullptr)
         lay_out<short_line>("end", insist, reason, shown_status);
     else
-        lay_out<short_line>("end", insist, reason, text_field{"unit", cause.unit},
-                            number_field{"number", cause.number}, shown_status);
+        lay_out<long_line>("end", insist, reason, text_field{"unit", cause.unit},
+                           number_field{"number", cause.number}, text_field{"text", cause.text},
+                           shown_status);
 }

@@ -29,6 +29,9 @@ void event_file(const soundfile *file);
 // The device is about to be opened, for the attempt-th time from 1.
 void event_opening(int32_t attempt);
 
+// That attempt failed; error is the system's text.
+void event_not_opened(int32_t attempt, const char *error);
+
 // What the stream is, once it is settled. form: as the banner calls it; format_name: of
 // output_format, or empty; both sizes in frames of the device.
 void event_stream(const char *form, const char *format_name, uint32_t device_frames,

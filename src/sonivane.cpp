@@ -661,7 +661,8 @@ constexpr int32_t report_interrupt = 799;
     backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
     terminal_restore();
-    static constexpr stop_cause cause = {stop_reason::report, unit, report_interrupt};
+    static constexpr stop_cause cause = {stop_reason::report, unit, report_interrupt,
+                                         "Interrupt stack. Abort"};
     stop_playing(&cause);
     event_end(report_interrupt);
     _exit(report_interrupt & 0xFF);

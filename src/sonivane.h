@@ -12,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -120,7 +121,8 @@ using feeder_slot = int32_t (*)();
 // The active reader: stores at most count bytes; result: bytes stored, below 1 at the file's end.
 using reader_slot = int32_t (*)(soundfile *file, uint8_t *bytes, int32_t count);
 
-// Why the sound ends. For a report that stops it, fatal or not, also its unit and number.
+// Why the sound ends. For a report that stops it, fatal or not, also its unit, its number and its
+// sentence, of at most longest_sentence bytes, without a line end.
 enum class stop_reason {
     played,
     key,
@@ -136,7 +138,9 @@ struct stop_cause {
     stop_reason reason;
     const char *unit; // null unless the reason is a report
     int32_t number;
+    const char *text = "";
 };
+inline constexpr size_t longest_sentence = PATH_MAX + 32; // a path and what is said of it
 inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
 
 // The play list: file_count records and an end sentinel. Never moved.

@@ -47,6 +47,22 @@ std::atomic<bool> leaving; // set by the thread that ends the process
     funlockfile(stderr);
 }
 
+// A report as a cause, with its sentence.
+struct report_cause {
+    stop_cause cause;
+    std::array<char, longest_sentence + 1> text;
+};
+
+// Fills in the cause of a report. It is not moved afterwards.
+[[gnu::format(printf, 4, 0)]] void set_cause(report_cause &made, const char *source, int32_t number,
+                                             const char *format, va_list arguments)
+{
+    std::vsnprintf(made.text.data(), made.text.size(), format, arguments);
+    for (size_t end = std::strlen(made.text.data()); end > 0 && made.text[end - 1] == '\n';)
+        made.text[--end] = '\0';
+    made.cause = {stop_reason::report, source, number, made.text.data()};
+}
+
 // --- Terminal -----------------------------------------------------------------------------------
 
 // All below belongs to the thread that has the lock.
@@ -194,10 +210,28 @@ void fatal_report(const char *source, int32_t number, const char *format, ...)
     va_start(arguments, format);
     print_report(source, number, format, arguments);
     va_end(arguments);
-    const stop_cause cause = {stop_reason::report, source, number}; // nobody returns from here
-    stop_playing(&cause);
+    report_cause made; // nobody returns from here
+    va_start(arguments, format);
+    set_cause(made, source, number, format, arguments);
+    va_end(arguments);
+    stop_playing(&made.cause);
     store_release(interrupted, flag_on);
     fatal_exit(number);
+}
+
+void stopping_report(const char *source, int32_t number, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    print_report(source, number, format, arguments);
+    va_end(arguments);
+    static report_cause made;
+    if (made.cause.unit == nullptr) { // another one may be the cause already, and stays it
+        va_start(arguments, format);
+        set_cause(made, source, number, format, arguments);
+        va_end(arguments);
+    }
+    stop_playing(&made.cause);
 }
 
 void fatal_exit(int32_t status)

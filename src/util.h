@@ -25,6 +25,10 @@ template <typename T, typename V> inline void store_release(std::atomic<T> &word
 [[noreturn, gnu::format(printf, 3, 4)]] void fatal_report(const char *unit, int32_t number,
                                                           const char *format, ...);
 
+// As report, then stops the sound: the report is the cause, if nothing was before. Output thread.
+[[gnu::format(printf, 3, 4)]] void stopping_report(const char *unit, int32_t number,
+                                                   const char *format, ...);
+
 // Restores the terminal and ends the process; the shell sees the low 8 bits of status. Any thread:
 // the first caller leaves, a second one waits for the process to end.
 [[noreturn]] void fatal_exit(int32_t status);

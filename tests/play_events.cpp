@@ -46,8 +46,10 @@ TEST(play_events, of_a_list_of_every_kind)
                      dsd_containers[i](random_dsd(3528, 1, 2822400)));
     scratch_file("kinds/inside/a.wav", {});
 
-    const auto result = run_player({.arguments = {"kinds", "missing"}});
-    EXPECT_EQ(pick(result, "left_out file opening stream playing end read error"),
+    const auto result =
+        run_player({.arguments = {"kinds", "missing", "/proc/self/mem"}, // which has no byte at 0
+                    .capture = {{"FAIL", "readdir64"}, {"BUSY", "1"}}});
+    EXPECT_EQ(pick(result, "left_out file opening not opened stream playing end read error"),
               R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
 {"event":"left_out","path":"missing","reason":"cannot stat"}
 {"event":"file","index":0,"path":"kinds/1.wav","kind":"wav","rate":44100,"bits":24,"channels":6,"seconds":0.680272}
@@ -58,6 +60,8 @@ TEST(play_events, of_a_list_of_every_kind)
 {"event":"file","index":4,"path":"kinds/6","kind":"dsdiff","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
 {"event":"file","index":5,"path":"kinds/7","kind":"wsd","rate":2822400,"bits":1,"channels":3,"seconds":0.01}
 {"event":"opening","attempt":1}
+{"event":"not opened","attempt":1,"error":"Device or resource busy"}
+{"event":"opening","attempt":2}
 {"event":"stream","device":"capture","form":"pcm","format":10,"format_name":"S32_LE","rate":44100,"device_ms":500,"ring_ms":4458}
 {"event":"opening","attempt":1}
 {"event":"playing","index":0,"other_rate":false}
