@@ -127,17 +127,25 @@ constexpr std::array<container_row, 4> containers = {{
     {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
 }};
 
-} // namespace
+constexpr int32_t report_not_opened = 725;
+constexpr char not_opened[] = "file %s open error.\n";
 
-int32_t open_soundfile(soundfile *file)
+bool open_stream(soundfile *file)
 {
     file->fp = fopen64(file->path, "rb");
-    if (file->fp == nullptr)
-        fatal_report(unit, 725, "file %s open error.\n", printable(file->path));
+    return file->fp != nullptr;
+}
 
+// Offers the open stream to each parser; the result is that of open_soundfile.
+int32_t find_container(soundfile *file)
+{
+    bool read_failed = false; // rewind forgets it
     for (const container_row &row : containers) {
         std::rewind(file->fp);
-        if (row.open(file) != 0) continue;
+        if (row.open(file) != 0) {
+            read_failed |= ferror(file->fp) != 0;
+            continue;
+        }
         file->container = row.container;
         row.describe(file);
         fill_buffer = row.feed;
@@ -145,8 +153,17 @@ int32_t open_soundfile(soundfile *file)
         return 0;
     }
     std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
-    event_left_out(file->path, "unknown format");
+    event_left_out(file->path, read_failed ? "cannot read" : "unknown format");
     return -1;
+}
+
+} // namespace
+
+int32_t open_soundfile(soundfile *file)
+{
+    if (!open_stream(file))
+        fatal_report(unit, report_not_opened, not_opened, printable(file->path));
+    return find_container(file);
 }
 
 namespace
@@ -161,7 +178,8 @@ void close_file(soundfile *file)
     file->fp = nullptr;
 }
 
-bool read_error_met; // in any file; only looked for when a front-end listens
+bool read_error_met;  // in any file
+bool file_not_opened; // at its turn
 
 int64_t size_of(const soundfile *file)
 {
@@ -184,13 +202,27 @@ bool is_cut_short(const soundfile *file)
     }
 }
 
-// A front-end hears of what the player passes over in silence.
-void look_for_read_error(const soundfile *file)
+void note_read_error(const soundfile *file)
 {
-    if (!events_wanted() || file->fp == nullptr) return;
-    if (ferror(file->fp) == 0 && !is_cut_short(file)) return;
     read_error_met = true;
     event_read_error(file);
+}
+
+// Of the file that was fed last. The player goes on without a word on the console.
+void look_for_read_error(const soundfile *file)
+{
+    if (file->fp == nullptr) return;
+    if (ferror(file->fp) != 0 || is_cut_short(file)) note_read_error(file);
+}
+
+// One that cannot be opened any more must not cost what is buffered of the files before it.
+bool open_at_its_turn(soundfile *file)
+{
+    if (open_stream(file)) return find_container(file) == 0;
+    report(unit, report_not_opened, not_opened, printable(file->path));
+    file_not_opened = true;
+    note_read_error(file);
+    return false;
 }
 
 // Closes the file that was fed to its end and opens the one after it. A file that was taken when it
@@ -202,7 +234,7 @@ void open_next_file()
     feeding_file = feeding_file->next;
     while (feeding_file->index >= 0) {
         store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
-        if (open_soundfile(feeding_file) == 0) return;
+        if (open_at_its_turn(feeding_file)) return;
         close_file(feeding_file);
         feeding_file = feeding_file->next;
     }
@@ -783,7 +815,6 @@ void make_file_list(int argc, char **argv)
 // Tells a front-end of a file just probed, and keeps what a read error will be known by.
 void tell_file(soundfile *file)
 {
-    if (!events_wanted()) return;
     file->probed_bytes = size_of(file);
     file->sound_offset = ftello64(file->fp);
     event_file(file);
@@ -966,6 +997,12 @@ void settle_end()
     stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
 }
 
+// The exit status of a run that no fatal report ended; the shell sees its low 8 bits.
+int32_t status_of_run()
+{
+    return file_not_opened ? report_not_opened : EXIT_SUCCESS;
+}
+
 bool everything_is_out()
 {
     return load_acquire(ring->more_coming) == 0 && ring_frames(ring) == 0;
@@ -1012,6 +1049,7 @@ int main(int argc, char **argv)
     std::putchar('\n');
     clean_up();
     settle_end();
-    event_end(EXIT_SUCCESS);
-    return EXIT_SUCCESS;
+    const int32_t status = status_of_run();
+    event_end(status);
+    return status & 0xFF;
 }
