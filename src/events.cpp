@@ -316,14 +316,6 @@ const char *kind_of(const soundfile *file)
     }
 }
 
-const char *name_of(stop_reason reason)
-{
-    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
-                                                          "underrun", "suspended",  "disconnected",
-                                                          "refused",  "read error", "report"};
-    return names[static_cast<size_t>(reason)];
-}
-
 // Frames, or bits of a channel.
 int64_t units_of(const soundfile *file)
 {
@@ -345,6 +337,14 @@ bool events_open(const char *number)
     way = find_way(&descriptor);
     store_release(voice, descriptor);
     return true;
+}
+
+const char *name_of(stop_reason reason)
+{
+    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
+                                                          "underrun", "suspended",  "disconnected",
+                                                          "refused",  "read error", "report"};
+    return names[static_cast<size_t>(reason)];
 }
 
 bool events_wanted()

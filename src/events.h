@@ -14,6 +14,9 @@
 // thread, before any other exists.
 bool events_open(const char *number);
 
+// The word for a reason, in the last event and in report 1100. Any thread.
+const char *name_of(stop_reason reason);
+
 // Whether anybody listens.
 bool events_wanted();
 

@@ -49,6 +49,7 @@ int32_t short_filter;
 int32_t left_cut;
 int32_t right_cut;
 int32_t silent;
+int32_t strict;
 int32_t args_used;
 uint64_t buffer_bytes;
 const char *mode_label;
@@ -997,10 +998,30 @@ void settle_end()
     stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
 }
 
+constexpr int32_t report_ended_early = 1100;
+
+bool is_early(stop_reason reason)
+{
+    switch (reason) {
+    case stop_reason::underrun:
+    case stop_reason::suspended:
+    case stop_reason::disconnected:
+    case stop_reason::refused:
+    case stop_reason::read_error:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // The exit status of a run that no fatal report ended; the shell sees its low 8 bits.
 int32_t status_of_run()
 {
-    return file_not_opened ? report_not_opened : EXIT_SUCCESS;
+    if (file_not_opened) return report_not_opened;
+    const stop_reason reason = load_acquire(stopped_by)->reason;
+    if (strict == 0 || !is_early(reason)) return EXIT_SUCCESS;
+    report(unit, report_ended_early, "the sound ended early: %s.\n", name_of(reason));
+    return report_ended_early;
 }
 
 bool everything_is_out()

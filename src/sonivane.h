@@ -171,6 +171,7 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
+extern int32_t strict;         // a sound that ended early is a failure
 extern int32_t args_used;      // argv entries taken by options, argv[0] included
 extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
 extern const char *mode_label; // end of the status line; may be null
