@@ -161,6 +161,7 @@ bool open_device()
             require(snd_pcm_nonblock(pcm, -1), 509, "snd_pcm_hw_nonblock() failed. %s\n");
             return true;
         }
+        event_not_opened(attempt + 1, snd_strerror(code));
         print_retry(attempt);
         if (!wait_for_retry()) return false;
     }
@@ -572,9 +573,9 @@ pump_step write_pump()
     }
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
-        static constexpr stop_cause failed = {stop_reason::report, unit, 312};
-        stop_playing(cause_of_code(avail, &failed));
-        if (avail != -EPIPE) report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
+        if (const stop_cause *known = cause_of_code(avail, nullptr); known != nullptr)
+            stop_playing(known);
+        if (avail != -EPIPE) stopping_report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
         return pump_step::took_none;
     }
     if (avail <= static_cast<int32_t>(nearly_full_frames)) {
@@ -825,11 +826,9 @@ void *output_thread(void *)
     moved_at = sound_clock::now();
 
     // A device whose whole buffer counts as nearly full would never be written.
-    static constexpr stop_cause small_buffer = {stop_reason::report, unit, 576};
     if (opened && alsa_buffer_frames <= nearly_full_frames) {
-        stop_playing(&small_buffer);
-        report(unit, 576, "a device buffer of %d frames is too small to play.\n",
-               static_cast<int32_t>(alsa_buffer_frames));
+        stopping_report(unit, 576, "a device buffer of %d frames is too small to play.\n",
+                        static_cast<int32_t>(alsa_buffer_frames));
     } else if (opened) {
         play();
     }

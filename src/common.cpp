@@ -5,6 +5,7 @@
 #include <bit>
 #include <cfloat>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <type_traits>
@@ -159,10 +160,10 @@ template <typename value> void release(value **values)
 }
 
 // The end of every failure. The terminal is still as it was found: a plain exit serves.
-[[noreturn]] void leave(int32_t number)
+[[noreturn]] void leave(int32_t number, const char *text)
 {
     coeff_filter_free();
-    const stop_cause cause = {stop_reason::report, "common", number};
+    const stop_cause cause = {stop_reason::report, "common", number, text};
     store_release(exit_status, number);
     stop_playing(&cause);
     store_release(interrupted, flag_on);
@@ -173,7 +174,7 @@ template <typename value> void release(value **values)
 [[noreturn]] void fail(int32_t number, const char *text)
 {
     report("common", number, "%s", text);
-    leave(number);
+    leave(number, text);
 }
 
 const char *const no_work_area = "work area could not allocated.";
@@ -309,8 +310,11 @@ int32_t coeff_filter_init_rows(const coeff_row *rows, int32_t source_rate, int32
     filter_source_rate = source_rate;
     filter_target_rate = target_rate;
     if (channels != stream_channels) {
-        report("common", 153, "this code supports 2ch stereo only, not %d channels.\n", channels);
-        leave(153);
+        std::array<char, 64> text;
+        std::snprintf(text.data(), text.size(),
+                      "this code supports 2ch stereo only, not %d channels.", channels);
+        report("common", 153, "%s\n", text.data());
+        leave(153, text.data());
     }
     if (family44_row != nullptr && family44_row->target_rate == target_rate) {
         if (!size_output()) fail(241, no_work_area);

@@ -49,10 +49,13 @@ template <typename T> bool grow(T **block, int32_t *size, int32_t first_size, in
     return true;
 }
 
-void report_system_error(int32_t number, const char *format, const char *path)
+// Reports why the system did not give what the path names, with its text on a line before; reason
+// is the word of the event.
+void report_system_error(int32_t number, const char *format, const char *path, const char *reason)
 {
     std::fprintf(stderr, "%s\n", std::strerror(errno));
     report(unit, number, format, printable(path)); // NOLINT(clang-diagnostic-format-nonliteral)
+    event_left_out(path, reason);
 }
 
 // Adds directory/name, cut to the buffer, or tells that it does not play.
@@ -74,17 +77,25 @@ bool is_dots(const char *name)
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
+// Null at the end, with errno 0, or when the directory cannot be read any further.
+const dirent64 *next_entry(DIR *directory)
+{
+    errno = 0;
+    return readdir64(directory);
+}
+
 void walk_directory(const char *path)
 {
     DIR *directory = opendir(path);
     if (directory == nullptr) {
-        report_system_error(151, "directory %s open failed.\n", path);
+        report_system_error(151, "directory %s open failed.\n", path, "cannot read");
         return;
     }
-    while (const dirent64 *entry = readdir64(directory)) {
+    while (const dirent64 *entry = next_entry(directory)) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
+    if (errno != 0) report_system_error(153, "directory %s broke off.\n", path, "cannot read");
     closedir(directory);
 }
 
@@ -144,8 +155,7 @@ void walk_path(const char *path)
 {
     struct stat64 status;
     if (stat64(path, &status) != 0) {
-        report_system_error(136, "cannot stat %s\n", path);
-        event_left_out(path, "cannot stat");
+        report_system_error(136, "cannot stat %s\n", path, "cannot stat");
         return;
     }
     if (S_ISREG(status.st_mode))

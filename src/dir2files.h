@@ -13,7 +13,7 @@ char **expand_file_list(int32_t first, int32_t count, char **argv);
 // want of memory or of offsets.
 void pool_add(int32_t length, const char *name);
 
-// Adds a regular file's path, or the regular files of a directory; reports 136 and 151 go on.
+// Adds a regular file's path, or the regular files of a directory; reports 136, 151 and 153 go on.
 void walk_path(const char *path);
 
 // Empties the pool and keeps its storage for reuse.

@@ -17,8 +17,6 @@
 #include <ctime>
 #include <string_view>
 
-#include "lookout.h"
-
 namespace
 {
 
@@ -97,7 +95,8 @@ outcome put_out(std::string_view line)
         events_reader_left();
         return outcome::left;
     }
-    // Only a full disk or a connection over a network takes a part of a line.
+    // Only a full disk, a connection over a network or a socket with a small buffer takes a part of
+    // a line.
     if (taken > 0) line_is_torn = true;
     return outcome::no_room;
 }
@@ -106,7 +105,8 @@ outcome put_out(std::string_view line)
 
 constexpr size_t short_line = 512; // bytes of one with numbers only
 constexpr size_t escaped_byte = 6; // bytes that one of a text may become
-constexpr size_t long_line = escaped_byte * PATH_MAX + short_line; // of one with a text
+constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a text
+static_assert(longest_sentence >= PATH_MAX);
 constexpr std::string_view longest_end = R"(,"dropped":4294967295})"
                                          "\n";
 
@@ -315,14 +315,6 @@ const char *kind_of(const soundfile *file)
     }
 }
 
-const char *name_of(stop_reason reason)
-{
-    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
-                                                          "underrun", "suspended",  "disconnected",
-                                                          "refused",  "read error", "report"};
-    return names[static_cast<size_t>(reason)];
-}
-
 // Frames, or bits of a channel.
 int64_t units_of(const soundfile *file)
 {
@@ -346,6 +338,14 @@ bool events_open(const char *number)
     way = find_way(&descriptor);
     store_release(voice, descriptor);
     return true;
+}
+
+const char *name_of(stop_reason reason)
+{
+    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
+                                                          "underrun", "suspended",  "disconnected",
+                                                          "refused",  "read error", "report"};
+    return names[static_cast<size_t>(reason)];
 }
 
 bool events_wanted()
@@ -389,6 +389,11 @@ void event_file(const soundfile *file)
 void event_opening(int32_t attempt)
 {
     tell<short_line>("opening", number_field{"attempt", attempt});
+}
+
+void event_not_opened(int32_t attempt, const char *error)
+{
+    tell<long_line>("not opened", number_field{"attempt", attempt}, text_field{"error", error});
 }
 
 void event_stream(const char *form, const char *format_name, uint32_t device_frames,
@@ -453,6 +458,7 @@ void event_end(int32_t status)
     if (cause.unit == nullptr)
         lay_out<short_line>("end", insist, reason, shown_status);
     else
-        lay_out<short_line>("end", insist, reason, text_field{"unit", cause.unit},
-                            number_field{"number", cause.number}, shown_status);
+        lay_out<long_line>("end", insist, reason, text_field{"unit", cause.unit},
+                           number_field{"number", cause.number}, text_field{"text", cause.text},
+                           shown_status);
 }

@@ -8,11 +8,15 @@
 
 #include <cstdint>
 
+#include "lookout.h"
 #include "sonivane.h"
 
 // Takes the descriptor of that decimal number. False when it is none that is open for writing. Main
 // thread, before any other exists.
 bool events_open(const char *number);
+
+// The word for a reason, in the last event and in report 1100. Any thread.
+const char *name_of(stop_reason reason);
 
 // Whether anybody listens.
 bool events_wanted();
@@ -34,6 +38,9 @@ void event_file(const soundfile *file);
 
 // The device is about to be opened, for the attempt-th time from 1.
 void event_opening(int32_t attempt);
+
+// That attempt failed; error is the system's text.
+void event_not_opened(int32_t attempt, const char *error);
 
 // What the stream is, once it is settled. form: as the banner calls it; format_name: of
 // output_format, or empty; both sizes in frames of the device.

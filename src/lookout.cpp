@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -25,6 +26,7 @@ std::atomic<int32_t> stop_output;
 std::atomic<const stop_cause *> stopped_by;
 std::atomic<int32_t> read_error_met;
 std::atomic<int32_t> exit_status;
+int32_t strict;
 
 namespace
 {
@@ -202,20 +204,34 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
 
 // What this thread ends itself, nobody else is asked for: another one may hold the lock of a
 // stream, so that exit would wait for it.
-[[noreturn]] void end_process()
+[[noreturn]] void end_process(int32_t status)
 {
     terminal_restore();
-    event_end(load_acquire(exit_status));
-    _exit(load_acquire(exit_status) & 0xFF);
+    event_end(status);
+    print_early_end();
+    _exit(status & 0xFF);
 }
 
 // The reports that this thread ends the process with. They are the player's own.
 struct last_report {
     int32_t number;
-    const char *text;
+    const char *head;
+    const char *sentence;
 };
-constexpr last_report exit_by_interrupt = {1045, "\nERROR sonivane 1045 exit by interrupt\n"};
-constexpr last_report interrupt_stack = {799, "\nERROR sonivane 799 Interrupt stack. Abort\n"};
+constexpr last_report exit_by_interrupt = {1045, "\nERROR sonivane 1045 ", "exit by interrupt"};
+constexpr last_report interrupt_stack = {799, "\nERROR sonivane 799 ", "Interrupt stack. Abort"};
+constexpr int32_t report_ended_early = 1100;
+
+constexpr stop_cause cause_of(const last_report &last)
+{
+    return {stop_reason::report, "sonivane", last.number, last.sentence};
+}
+
+// Safe in a signal handler.
+void print_last(const last_report &last)
+{
+    for (const char *text : {last.head, last.sentence, "\n"}) print_in_time(text);
+}
 
 // All that comes before the text of a report. cause must last as long as the process.
 void prepare_report(const stop_cause *cause)
@@ -229,13 +245,12 @@ void prepare_report(const stop_cause *cause)
 // Main has not come to the place where it would have ended the process in order.
 [[noreturn]] void end_in_place_of_main()
 {
-    static constexpr stop_cause cause = {stop_reason::report, "sonivane", exit_by_interrupt.number};
+    static constexpr stop_cause cause = cause_of(exit_by_interrupt);
     if (is_stopped() || load_acquire(sound_over) != 0) {
-        settle_end();
-        end_process();
+        end_process(settle_end());
     }
     prepare_report(&cause);
-    print_in_time(exit_by_interrupt.text);
+    print_last(exit_by_interrupt);
     _exit(cause.number & 0xFF);
 }
 
@@ -245,6 +260,20 @@ bool end_is_due()
     const bool no_sound = load_acquire(sound_begun) == 0;
     return is_stopped() || load_acquire(sound_over) != 0 ||
            (no_sound && load_acquire(interrupted) != 0);
+}
+
+bool ended_early()
+{
+    switch (load_acquire(stopped_by)->reason) {
+    case stop_reason::underrun:
+    case stop_reason::suspended:
+    case stop_reason::disconnected:
+    case stop_reason::refused:
+    case stop_reason::read_error:
+        return true;
+    default:
+        return false;
+    }
 }
 
 // --- The second SIGINT --------------------------------------------------------------------------
@@ -261,7 +290,7 @@ void print_trace()
     const int depth = backtrace(stack.data(), stack_limit);
     backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
 #endif
-    print_in_time(interrupt_stack.text);
+    print_last(interrupt_stack);
 }
 
 // On the main thread, wherever it is. It stays here: the look-out ends the process.
@@ -285,7 +314,7 @@ bool can_print_now()
 void end_with_trace()
 {
     if (leaving.exchange(-1) != 0) return;
-    static constexpr stop_cause cause = {stop_reason::report, "sonivane", interrupt_stack.number};
+    static constexpr stop_cause cause = cause_of(interrupt_stack);
     prepare_report(&cause);
     pthread_kill(main_thread, SIGRTMIN);
     end_watch watch{};
@@ -461,13 +490,25 @@ void stop_playing(const stop_cause *cause)
     wake_lookout();
 }
 
-void settle_end()
+int32_t settle_end()
 {
     static constexpr stop_cause interrupt = {stop_reason::interrupt, nullptr, 0};
     static constexpr stop_cause incomplete = {stop_reason::read_error, nullptr, 0};
     static constexpr stop_cause played = {stop_reason::played, nullptr, 0};
     const stop_cause *whole = load_acquire(read_error_met) != 0 ? &incomplete : &played;
     stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
+    if (strict != 0 && load_acquire(exit_status) == 0 && ended_early())
+        store_release(exit_status, report_ended_early);
+    return load_acquire(exit_status);
+}
+
+void print_early_end()
+{
+    if (load_acquire(exit_status) != report_ended_early) return;
+    std::array<char, 80> text;
+    std::snprintf(text.data(), text.size(), "\nERROR sonivane %d the sound ended early: %s.\n",
+                  report_ended_early, name_of(load_acquire(stopped_by)->reason));
+    print_in_time(text.data());
 }
 
 void sound_begins()

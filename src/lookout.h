@@ -8,13 +8,16 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
+#include <cstddef>
 #include <cstdint>
 
 #include "atomics.h"
 
 // --- Why the sound ends -------------------------------------------------------------------------
 
-// For a report that ends the sound, fatal or not, the cause also has its unit and number.
+// For a report that ends the sound, fatal or not, the cause also has its unit, its number and its
+// sentence, of at most longest_sentence bytes, without a line end.
 enum class stop_reason {
     played,
     key,
@@ -30,14 +33,17 @@ struct stop_cause {
     stop_reason reason;
     const char *unit; // null unless the reason is a report
     int32_t number;
+    const char *text = "";
 };
+inline constexpr size_t longest_sentence = PATH_MAX + 32; // a path and what is said of it
 inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
 
 extern std::atomic<int32_t> interrupted;           // set by the look-out and by fatal reports
 extern std::atomic<int32_t> stop_output;           // set by stop_playing alone
 extern std::atomic<const stop_cause *> stopped_by; // the first one; null: nothing stopped it yet
 extern std::atomic<int32_t> read_error_met;        // a file broke off; set by main
-extern std::atomic<int32_t> exit_status;           // of the process; set by fatal_exit
+extern std::atomic<int32_t> exit_status;           // of the process, unless 0; set by any thread
+extern int32_t strict; // flag: a sound that ended early is a failure; set by main at its start
 
 // Ends the sound and wakes every thread. The first cause stays; it must last as long as the
 // process. Any thread.
@@ -50,8 +56,11 @@ inline bool is_stopped()
 }
 
 // Gives a run that nothing stopped its cause: a SIGINT, a file that broke off, or the end of the
-// list. Any thread.
-void settle_end();
+// list. Result: the exit status of the process, of which the shell sees the low 8 bits. Any thread.
+int32_t settle_end();
+
+// Prints report 1100 where that is the status. Any thread.
+void print_early_end();
 
 // --- The thread ---------------------------------------------------------------------------------
 
@@ -80,8 +89,8 @@ void sound_begins();
 // Whether they were. Any thread.
 bool sound_has_begun();
 
-// The calling thread is about to end the process. Only the first one comes back from here: two calls
-// of exit at once are undefined. Any thread.
+// The calling thread is about to end the process. Only the first one comes back from here: two
+// calls of exit at once are undefined. Any thread.
 void begin_to_leave();
 
 // The calling thread ends the process and will meet no call that could hold it. Any thread.

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "events.h"
+#include "lookout.h"
 #include "sonivane.h"
 #include "util.h"
 
@@ -128,6 +129,7 @@ constexpr option_row options[] = {
     {"--help", value_place::none, show_usage, nullptr},
     {"--mode=", value_place::behind_equals, select_mode, nullptr},
     {"--events=", value_place::behind_equals, set_events, nullptr},
+    {"--strict", value_place::none, set_flag<strict>, nullptr},
     {"--skip", value_place::next_entry, take_no_notice, nullptr},
 };
 constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,

@@ -134,18 +134,26 @@ void read_in_large_pieces(soundfile *file)
     std::setvbuf(file->fp, buffer.data(), _IOFBF, buffer.size());
 }
 
-} // namespace
+constexpr int32_t report_not_opened = 725;
+constexpr char not_opened[] = "file %s open error.\n";
 
-int32_t open_soundfile(soundfile *file)
+bool open_stream(soundfile *file)
 {
     file->fp = fopen64(file->path, "rb");
-    if (file->fp == nullptr)
-        fatal_report(unit, 725, "file %s open error.\n", printable(file->path));
-    if (file == feeding_file) read_in_large_pieces(file);
+    if (file->fp != nullptr && file == feeding_file) read_in_large_pieces(file);
+    return file->fp != nullptr;
+}
 
+// Offers the open stream to each parser; the result is that of open_soundfile.
+int32_t find_container(soundfile *file)
+{
+    bool read_failed = false; // rewind forgets it
     for (const container_row &row : containers) {
         std::rewind(file->fp);
-        if (row.open(file) != 0) continue;
+        if (row.open(file) != 0) {
+            read_failed |= ferror(file->fp) != 0;
+            continue;
+        }
         file->container = row.container;
         row.describe(file);
         fill_buffer = row.feed;
@@ -153,8 +161,17 @@ int32_t open_soundfile(soundfile *file)
         return 0;
     }
     std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
-    event_left_out(file->path, "unknown format");
+    event_left_out(file->path, read_failed ? "cannot read" : "unknown format");
     return -1;
+}
+
+} // namespace
+
+int32_t open_soundfile(soundfile *file)
+{
+    if (!open_stream(file))
+        fatal_report(unit, report_not_opened, not_opened, printable(file->path));
+    return find_container(file);
 }
 
 namespace
@@ -190,13 +207,27 @@ bool is_cut_short(const soundfile *file)
     }
 }
 
-// A front-end hears of what the player passes over in silence.
-void look_for_read_error(const soundfile *file)
+void note_read_error(const soundfile *file)
 {
-    if (!events_wanted() || file->fp == nullptr) return;
-    if (ferror(file->fp) == 0 && !is_cut_short(file)) return;
     store_release(read_error_met, flag_on);
     event_read_error(file);
+}
+
+// Of the file that was fed last. The player goes on without a word on the console.
+void look_for_read_error(const soundfile *file)
+{
+    if (file->fp == nullptr) return;
+    if (ferror(file->fp) != 0 || is_cut_short(file)) note_read_error(file);
+}
+
+// One that cannot be opened any more must not cost what is buffered of the files before it.
+bool open_at_its_turn(soundfile *file)
+{
+    if (open_stream(file)) return find_container(file) == 0;
+    report(unit, report_not_opened, not_opened, printable(file->path));
+    store_release(exit_status, report_not_opened);
+    note_read_error(file);
+    return false;
 }
 
 // Closes the file that was fed to its end and opens the one after it. A file that was taken when it
@@ -208,7 +239,7 @@ void open_next_file()
     feeding_file = feeding_file->next;
     while (feeding_file->index >= 0) {
         store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
-        if (open_soundfile(feeding_file) == 0) return;
+        if (open_at_its_turn(feeding_file)) return;
         close_file(feeding_file);
         feeding_file = feeding_file->next;
     }
@@ -664,11 +695,19 @@ namespace
 constexpr const char *controller_key_file = "/tmp/sonivane.key";
 constexpr int controller_key_project = 255;
 
+// Anybody may make a block under that key, and have the player signal a process of another user.
+bool is_trusted(int id)
+{
+    shmid_ds status;
+    if (shmctl(id, IPC_STAT, &status) != 0) return false;
+    return status.shm_perm.cuid == 0 || status.shm_perm.cuid == geteuid();
+}
+
 void attach_controller()
 {
     const key_t key = ftok(controller_key_file, controller_key_project);
     const int id = key == -1 ? -1 : shmget(key, 0, 0);
-    if (id < 0) return;
+    if (id < 0 || !is_trusted(id)) return;
     void *block = shmat(id, nullptr, 0);
     // shmat tells a failure by an address of all ones.
     if (block == reinterpret_cast<void *>(-1)) return; // NOLINT(performance-no-int-to-ptr)
@@ -683,7 +722,8 @@ void announce_stream()
     if ((load_acquire(controller->controller_state) != 0) == (state != 0)) return;
     store_release(controller->controller_state, state);
     const int32_t process = load_acquire(controller->controller_pid);
-    if (process > 0) kill(process, SIGINT); // 0 and below name groups of processes
+    // 0 and below name groups of processes; 1 restarts the machine on SIGINT.
+    if (process > 1) kill(process, SIGINT);
 }
 
 void detach_controller()
@@ -716,7 +756,7 @@ int64_t total_seconds(const soundfile *file)
 }
 
 // The banner of a file that is not the one shown last.
-void show_file(soundfile *file)
+void show_banner_once(soundfile *file)
 {
     if (file == last_shown_file) return;
     show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
@@ -763,7 +803,6 @@ void make_file_list(int argc, char **argv)
 // Tells a front-end of a file just probed, and keeps what a read error will be known by.
 void tell_file(soundfile *file)
 {
-    if (!events_wanted()) return;
     file->probed_bytes = size_of(file);
     file->sound_offset = ftello64(file->fp);
     event_file(file);
@@ -899,13 +938,12 @@ void feed_list()
 }
 
 // Shows how the rest of the ring is played. The last look comes when the ring is empty, for a file
-// that went out as a whole since the one before.
+// that went out as a whole since the one before: its banner is due, and no second any more.
 void drain_ring()
 {
     while (!is_stopped() && load_acquire(interrupted) == 0) {
-        const bool empty = ring_frames(ring) == 0;
+        if (ring_frames(ring) == 0) return show_banner_once(load_acquire(playing_file));
         status_update(load_acquire(playing_file));
-        if (empty) return;
         wait_for(longest_wait, [] { return has_news() || ring_frames(ring) == 0; });
     }
 }
@@ -926,7 +964,10 @@ void wait_for_sound()
         const int64_t left = sound_left();
         if (latest < 0 && left >= 0) latest = microseconds_now() + left + left / 10 + allowance;
         const int64_t wait = latest < 0 ? longest_wait : latest - microseconds_now();
-        if (latest >= 0 && wait <= 0) return settle_end();
+        if (latest >= 0 && wait <= 0) {
+            settle_end();
+            return;
+        }
         wait_for(wait, [latest] { return sound_is_over() || (latest < 0 && sound_left() >= 0); });
     }
 }
@@ -934,7 +975,8 @@ void wait_for_sound()
 // A file whose first frames were the last ones of the stream can have passed since main looked.
 void show_last_file()
 {
-    if (!is_stopped() && load_acquire(interrupted) == 0) show_file(load_acquire(playing_file));
+    if (!is_stopped() && load_acquire(interrupted) == 0)
+        show_banner_once(load_acquire(playing_file));
 }
 
 void play_list()
@@ -969,7 +1011,7 @@ bool everything_is_out()
 
 void status_update(soundfile *file)
 {
-    show_file(file);
+    show_banner_once(file);
     const int64_t second = second_of(file);
     if (second == last_shown_second) return;
     last_shown_second = second;
@@ -1002,9 +1044,11 @@ int main(int argc, char **argv)
     std::putchar('\n');
     clean_up();
     settle_end();
+    const int32_t status = settle_end();
     begin_to_leave();
-    event_end(EXIT_SUCCESS);
+    event_end(status);
     std::fflush(stdout);
+    print_early_end();
     end_is_near();
-    return EXIT_SUCCESS;
+    return status & 0xFF;
 }

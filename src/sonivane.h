@@ -174,7 +174,7 @@ const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 
 // Opens path and offers the stream to each parser. 0: a parser took it, the record describes it,
 // the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
-// the caller to close. A path that cannot be opened is report 725. Main thread.
+// the caller to close. A path that cannot be opened is fatal report 725. Main thread.
 int32_t open_soundfile(soundfile *file);
 
 // Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of

@@ -34,17 +34,23 @@ static_assert(sizeof blank_line == 1 + blanks + 1);
 
 // --- Reports ------------------------------------------------------------------------------------
 
-// A report as it is printed, cut off where a name makes it longer than any terminal shows.
-using report_text = std::array<char, 8192>;
+// A report as it is printed, and as the cause of the end: its sentence, without head and line end.
+struct laid_out_report {
+    std::array<char, longest_sentence + 64> text;
+    std::array<char, longest_sentence + 1> sentence;
+    stop_cause cause;
+};
 
-[[gnu::format(printf, 4, 0)]] void lay_out_report(report_text &text, const char *source,
-                                                  int32_t number, const char *format,
-                                                  va_list arguments)
+// The report is not moved afterwards.
+[[gnu::format(printf, 4, 0)]] void lay_out(laid_out_report &made, const char *source,
+                                           int32_t number, const char *format, va_list arguments)
 {
-    const int head =
-        std::snprintf(text.data(), text.size(), "\nERROR %s %" PRId32 " ", source, number);
-    std::vsnprintf(&text[static_cast<size_t>(head)], text.size() - static_cast<size_t>(head),
-                   format, arguments);
+    std::vsnprintf(made.sentence.data(), made.sentence.size(), format, arguments);
+    std::snprintf(made.text.data(), made.text.size(), "\nERROR %s %" PRId32 " %s", source, number,
+                  made.sentence.data());
+    for (size_t end = std::strlen(made.sentence.data()); end > 0 && made.sentence[end - 1] == '\n';)
+        made.sentence[--end] = '\0';
+    made.cause = {stop_reason::report, source, number, made.sentence.data()};
 }
 
 // The terminal and the last event come before the text: nobody may be there to take that.
@@ -91,27 +97,37 @@ constexpr int raised_priority = -10; // added to the nice value
 
 void report(const char *source, int32_t number, const char *format, ...)
 {
-    report_text text;
+    laid_out_report made;
     va_list arguments;
     va_start(arguments, format);
-    lay_out_report(text, source, number, format, arguments);
+    lay_out(made, source, number, format, arguments);
     va_end(arguments);
-    std::fputs(text.data(), stderr);
+    std::fputs(made.text.data(), stderr);
+}
+
+void stopping_report(const char *source, int32_t number, const char *format, ...)
+{
+    static laid_out_report made; // nobody needs more than the first one
+    va_list arguments;
+    va_start(arguments, format);
+    lay_out(made, source, number, format, arguments);
+    va_end(arguments);
+    stop_playing(&made.cause);
+    std::fputs(made.text.data(), stderr);
 }
 
 void fatal_report(const char *source, int32_t number, const char *format, ...)
 {
-    report_text text;
+    laid_out_report made; // nobody returns from here
     va_list arguments;
     va_start(arguments, format);
-    lay_out_report(text, source, number, format, arguments);
+    lay_out(made, source, number, format, arguments);
     va_end(arguments);
-    const stop_cause cause = {stop_reason::report, source, number}; // nobody returns from here
     store_release(exit_status, number);
-    stop_playing(&cause);
+    stop_playing(&made.cause);
     store_release(interrupted, -1);
     if (before_leaving != nullptr) before_leaving();
-    leave(number, text.data());
+    leave(number, made.text.data());
 }
 
 void fatal_exit(int32_t status)

@@ -9,6 +9,11 @@
 [[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format,
                                           ...);
 
+// As report, but first stops the sound: the report is the cause, if nothing was before. Output
+// thread, once.
+[[gnu::format(printf, 3, 4)]] void stopping_report(const char *unit, int32_t number,
+                                                   const char *format, ...);
+
 // What fatal reports of the calling thread do once the sound was stopped and before anything that
 // could hold them; null: nothing.
 extern thread_local void (*before_leaving)();

@@ -30,8 +30,8 @@ std::string pick(const play_result &result, const std::string &kinds)
     return picked;
 }
 
-// On a device that plays at once: files that share a write, one without a frame, names that do not
-// play.
+// On a device that plays at once, once it is free: files that share a write, one without a frame,
+// names that do not play or break off.
 TEST(play_events, of_a_list_of_every_kind)
 {
     const auto wave = [](int rate, size_t frames, size_t channels, wave_kind kind) {
@@ -46,10 +46,14 @@ TEST(play_events, of_a_list_of_every_kind)
                      dsd_containers[i](random_dsd(3528, 1, 2822400)));
     scratch_file("kinds/inside/a.wav", {});
 
-    const auto result = run_player({.arguments = {"kinds", "missing"}});
-    EXPECT_EQ(pick(result, "left_out file opening stream playing end read error"),
+    const auto result =
+        run_player({.arguments = {"kinds", "missing", "/proc/self/mem"}, // which has no byte at 0
+                    .capture = {{"FAIL", "readdir64"}, {"BUSY", "1"}}});
+    EXPECT_EQ(pick(result, "left_out file opening not opened stream playing end read error"),
               R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
+{"event":"left_out","path":"kinds","reason":"cannot read"}
 {"event":"left_out","path":"missing","reason":"cannot stat"}
+{"event":"left_out","path":"/proc/self/mem","reason":"cannot read"}
 {"event":"file","index":0,"path":"kinds/1.wav","kind":"wav","rate":44100,"bits":24,"channels":6,"seconds":0.680272}
 {"event":"file","index":1,"path":"kinds/2.wav","kind":"wav","rate":44100,"bits":24,"channels":2,"seconds":0}
 {"event":"left_out","path":"kinds/3.txt","reason":"unknown format"}
@@ -58,6 +62,8 @@ TEST(play_events, of_a_list_of_every_kind)
 {"event":"file","index":4,"path":"kinds/6","kind":"dsdiff","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
 {"event":"file","index":5,"path":"kinds/7","kind":"wsd","rate":2822400,"bits":1,"channels":3,"seconds":0.01}
 {"event":"opening","attempt":1}
+{"event":"not opened","attempt":1,"error":"Device or resource busy"}
+{"event":"opening","attempt":2}
 {"event":"stream","device":"capture","form":"pcm","format":10,"format_name":"S32_LE","rate":44100,"device_ms":500,"ring_ms":4458}
 {"event":"opening","attempt":1}
 {"event":"playing","index":0,"other_rate":false}
@@ -67,7 +73,7 @@ TEST(play_events, of_a_list_of_every_kind)
 {"event":"playing","index":5,"other_rate":true}
 {"event":"end","reason":"played","status":0}
 )");
-    EXPECT_TRUE(pick(result, "probing").starts_with(head + "probing\",\"index\":0,\"of\":7}\n"));
+    EXPECT_TRUE(pick(result, "probing").starts_with(head + "probing\",\"index\":0,\"of\":8}\n"));
     EXPECT_TRUE(pick(result, "filling").starts_with(head + "filling\",\"percent\":0}\n"));
     EXPECT_EQ(std::ranges::count(pick(result, "draining"), '\n'), 1);
 }

@@ -64,6 +64,7 @@ void make_files()
     const bytes frames = noise(1, 800);
     const bytes no_sound = noise(3, 200);
     scratch_wave("a.wav", 44100, 30000);
+    scratch_wave("folder/a.wav", 44100, 30000);
     scratch_wave("b.wav", 100, 1000);
     scratch_wave("long.wav", 44100, 250000);
     scratch_wave("\x1b.wav", 44100, 100);

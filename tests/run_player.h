@@ -1,7 +1,8 @@
 // Runs the built player as a process of its own against the capture device, and tells all that came
 // of it. What no run may show fails the test at once: a hang, an event that does not come, a
 // sanitizer's finding, a terminal left in another mode, an exit status that the last of the
-// player's own events does not tell.
+// player's own events does not tell, or a report that it does not tell as it stands on standard
+// error.
 #pragma once
 
 #include <termios.h>
@@ -57,7 +58,7 @@ struct play_moment {
 
 struct play_result {
     int status = -1; // exit status; the negative number of the signal that killed it
-    std::string end; // words of the end that was told; without one the status alone
+    std::string end; // words of the end, without a report's text; without one the status alone
     std::string out; // standard output, or all that a terminal showed
     std::string err;
     std::string told; // on the descriptor for events

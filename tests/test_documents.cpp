@@ -86,8 +86,9 @@ TEST(documents, tell_every_report_and_its_exit_status)
         const std::string text = text_of(file), form = unit + " $1$2";
         if (file.extension() != ".cpp") continue;
         printed.merge(find_all(text, R"re(\b([0-9]{2,4}),\s*["n]|report_\w+ = ([0-9]+))re", form));
-        mild.merge(
-            find_all(text, R"re(\breport(?:\(\s*[a-z"]+,|_system_error\()\s*([0-9]+))re", form));
+        mild.merge(find_all(
+            text, R"re(\b(?:stopping_)?report(?:\(\s*[a-z"]+,|_system_error\()\s*([0-9]+))re",
+            form));
     }
     EXPECT_GT(printed.size(), 55U);
     mild.erase("common 153");
