@@ -233,11 +233,18 @@ void print_last(const last_report &last)
     for (const char *text : {last.head, last.sentence, "\n"}) print_in_time(text);
 }
 
-// All that comes before the text of a report. cause must last as long as the process.
+void keep_first_cause(const stop_cause *cause)
+{
+    const stop_cause *none = nullptr;
+    stopped_by.compare_exchange_strong(none, cause);
+}
+
+// All that comes before the text of a report. The other threads go on meanwhile: woken, main would
+// print its last lines ahead of it. cause must last as long as the process.
 void prepare_report(const stop_cause *cause)
 {
     store_release(exit_status, cause->number);
-    stop_playing(cause);
+    keep_first_cause(cause);
     terminal_restore();
     event_end(cause->number);
 }
@@ -482,8 +489,7 @@ void *look_out(void *)
 
 void stop_playing(const stop_cause *cause)
 {
-    const stop_cause *none = nullptr;
-    stopped_by.compare_exchange_strong(none, cause);
+    keep_first_cause(cause);
     store_release(stop_output, -1);
     wake(waiter::main);
     wake(waiter::output);
