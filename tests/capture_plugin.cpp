@@ -475,15 +475,20 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("KEY", "-1"));
 }
 
-// Waiting for a busy device takes a hundredth.
+// Waits are as many times shorter as the device plays faster. That for a busy device takes a
+// hundredth.
 int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 {
     static auto *real = REAL(ppoll);
-    const bool retry = device.busy && time != nullptr && time->tv_sec == 2;
-    if (!retry) return real(fds, count, time, mask);
-    log_line("pause 2 s\n");
-    constexpr timespec short_time = {0, 20000000};
-    return real(fds, count, &short_time, mask);
+    if (time == nullptr) return real(fds, count, nullptr, mask);
+    const bool retry = device.busy && time->tv_sec == 2;
+    if (retry) log_line("pause 2 s\n");
+    const double faster = retry ? 100 : std::max(device.speed, 1.0);
+    const double seconds =
+        (static_cast<double>(time->tv_sec) + static_cast<double>(time->tv_nsec) * 1e-9) / faster;
+    const timespec shorter = {static_cast<time_t>(seconds),
+                              std::lround(std::fmod(seconds, 1.0) * 999999999.0)};
+    return real(fds, count, &shorter, mask);
 }
 
 // CAPTURE_CLOCK is how many times faster than the world the monotonic clock runs.
