@@ -270,22 +270,44 @@ void lay_out(const char *event, Put put_it, const Fields &...fields)
     put_it(line);
 }
 
-template <size_t size, typename... Fields> void tell(const char *event, const Fields &...fields)
-{
-    if (!events_wanted()) return;
-    const auto put_it = [](const event_line &line) {
-        if (finish(line) == outcome::no_room) ++dropped_lines;
-    };
-    ++lines_under_way;
-    if (!ended) lay_out<size>(event, put_it, fields...);
-    --lines_under_way;
-}
-
 int64_t milliseconds_now()
 {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
+}
+
+// Before the sound nothing is lost by waiting for a reader that is slow: only main tells events
+// then. A stop or a SIGINT ends the wait. A full disk is not waited for.
+outcome wait_to_finish(const event_line &line)
+{
+    constexpr int64_t patience = 5000; // milliseconds
+    constexpr int64_t slice = 10000;   // microseconds, where poll cannot see whether a line fits
+    const int64_t latest = milliseconds_now() + patience;
+    const bool seen_by_poll = line.used + longest_end.size() < PIPE_BUF && way != way_out::polled;
+    const auto gives_up = [latest] {
+        return is_stopped() || load_acquire(interrupted) != 0 || milliseconds_now() >= latest;
+    };
+    outcome result = finish(line);
+    while (result == outcome::no_room && way != way_out::written && !sound_is_on()) {
+        announce_wait();
+        if (gives_up()) break;
+        finish_wait(seen_by_poll ? patience * 1000 : slice,
+                    seen_by_poll ? load_acquire(voice) : reader_has_left);
+        result = finish(line);
+    }
+    return result;
+}
+
+template <size_t size, typename... Fields> void tell(const char *event, const Fields &...fields)
+{
+    if (!events_wanted()) return;
+    const auto put_it = [](const event_line &line) {
+        if (wait_to_finish(line) == outcome::no_room) ++dropped_lines;
+    };
+    ++lines_under_way;
+    if (!ended) lay_out<size>(event, put_it, fields...);
+    --lines_under_way;
 }
 
 // True at most ten times a second, and at the first time. next: of the kind of event.

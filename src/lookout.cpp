@@ -519,12 +519,18 @@ void print_early_end()
 
 void sound_begins()
 {
+    store_release(sound_over, 0);
     store_release(sound_begun, 1);
 }
 
 bool sound_has_begun()
 {
     return load_acquire(sound_begun) != 0;
+}
+
+bool sound_is_on()
+{
+    return sound_has_begun() && !sound_is_over();
 }
 
 bool sound_is_over()
@@ -588,16 +594,16 @@ void announce_wait()
     own_sleeper->announced.exchange(-1);
 }
 
-void finish_wait(int64_t microseconds)
+void finish_wait(int64_t microseconds, int descriptor)
 {
     if (microseconds == 0) {
         own_sleeper->announced.exchange(0);
         return;
     }
-    pollfd polled = {own_sleeper->wakes, POLLIN, 0};
+    std::array<pollfd, 2> polled = {{{own_sleeper->wakes, POLLIN, 0}, {descriptor, POLLOUT, 0}}};
     const timespec time = {static_cast<time_t>(microseconds / 1000000),
                            static_cast<long>(microseconds % 1000000 * 1000)};
-    ppoll(&polled, 1, microseconds == longest_wait ? nullptr : &time, nullptr);
+    ppoll(polled.data(), polled.size(), microseconds == longest_wait ? nullptr : &time, nullptr);
     // Who cleared the word has written, or is about to: then the next wait ends early.
     if (own_sleeper->announced.exchange(0) == 0) forget_wakes(own_sleeper->wakes);
 }

@@ -88,6 +88,8 @@ bool sound_is_over();
 void sound_begins();
 // Whether they were. Any thread.
 bool sound_has_begun();
+// Whether the output thread may be running. Any thread.
+bool sound_is_on();
 
 // The calling thread is about to end the process. Only the first one comes back from here: two
 // calls of exit at once are undefined. Any thread.
@@ -109,10 +111,11 @@ void wake(waiter who);
 // Announces a wait, so that a wake from here on ends it; the caller then looks once more whether
 // there is anything to wait for. The same thread follows with finish_wait.
 void announce_wait();
-// Waits that many microseconds, or until it is woken; longest_wait: until it is woken. Main and
-// output thread. It may return early.
+// Waits that many microseconds, or until it is woken; longest_wait: until it is woken. With a
+// descriptor that takes output, it ends when there is room, too. Main and output thread. It may
+// return early.
 inline constexpr int64_t longest_wait = -1;
-void finish_wait(int64_t microseconds);
+void finish_wait(int64_t microseconds, int descriptor = -1);
 
 // Waits unless something is due. due may be asked at any time and takes no arguments.
 template <typename Due> void wait_for(int64_t microseconds, Due due)

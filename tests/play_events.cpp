@@ -143,6 +143,18 @@ TEST(play_events, do_not_wait_for_their_reader)
     EXPECT_GE(most_dropped, 2) << result.told;
 }
 
+// Before the sound every line waits for its reader.
+TEST(play_events, are_all_told_before_the_sound)
+{
+    constexpr int files = 200;
+    for (int i = 0; i < files; ++i)
+        scratch_wave("many/" + std::to_string(i) + ".wav", 8000, 10, static_cast<uint32_t>(i));
+    const auto result = run_player(
+        {.arguments = {"many"}, .events = {{.clogs = 3}, {.after_ms = 300}, {.allow = 100000}}});
+    EXPECT_EQ(std::ranges::count(pick(result, "file"), '\n'), files);
+    EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
+}
+
 // A reader that has left is a front-end that is no more.
 TEST(play_events, a_reader_that_left_ends_the_sound)
 {
