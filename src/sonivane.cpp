@@ -49,6 +49,7 @@ int32_t short_filter;
 int32_t left_cut;
 int32_t right_cut;
 int32_t silent;
+exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
 const char *mode_label;
@@ -119,12 +120,14 @@ struct container_row {
     void (*describe)(soundfile *file);
     reader_slot read;
     feeder_slot feed;
+    // Passes over frames (PCM) or bytes of each channel (DSD), of a file that has more of them.
+    bool (*skip)(soundfile *file, int64_t count);
 };
 constexpr std::array<container_row, 4> containers = {{
-    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder},
-    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder},
-    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder},
-    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
+    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder, wav_skip},
+    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder, dsdiff_skip},
+    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder, dsf_skip},
+    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder, wsd_skip},
 }};
 
 } // namespace
@@ -147,6 +150,48 @@ int32_t open_soundfile(soundfile *file)
     std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
     event_left_out(file->path, "unknown format");
     return -1;
+}
+
+namespace
+{
+
+// --- Where a file begins ------------------------------------------------------------------------
+
+// Whole periods of that rate in Hz that the time holds; the largest number for times beyond.
+int64_t periods_of(const exact_time &time, int32_t rate)
+{
+    constexpr int64_t billion = 1000000000;
+    if (rate < 1) return 0;
+    if (time.seconds > INT64_MAX / rate - 1) return INT64_MAX;
+    // The product with the fraction has more digits than a word holds.
+    const int64_t upper = time.attoseconds / billion * rate;
+    const int64_t lower = time.attoseconds % billion * rate + upper % billion * billion;
+    return time.seconds * rate + upper / billion + lower / attoseconds_per_second;
+}
+
+// The position at that many periods, true to the file, and not counted in whole units a frame.
+int64_t position_at(int64_t periods, int32_t rate)
+{
+    constexpr int64_t units = position_units_per_second;
+    const int64_t seconds = std::min(periods / rate, INT64_MAX / units - 1);
+    return seconds * units + periods % rate * units / rate;
+}
+
+} // namespace
+
+bool begin_at(soundfile *file, const exact_time &time)
+{
+    const int32_t rate = file->wave.nSamplesPerSec;
+    const bool dsd = file->wave.wBitsPerSample == dsd_bits_per_sample;
+    const int64_t periods_each = dsd ? 8 : 1; // of what is passed over
+    int64_t count = periods_of(time, rate) / periods_each;
+    if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
+    if (dsd) count -= count % (dsd_group_bytes / stream_channels);
+    for (const container_row &row : containers)
+        if (row.container == file->container && !row.skip(file, count)) return false;
+    file->begun_at = count * periods_each;
+    if (count != 0) store_release(file->position, position_at(file->begun_at, rate));
+    return true;
 }
 
 namespace
@@ -842,6 +887,18 @@ void make_ring()
     ring_pause = pause_of(ring->usable_size / frame_bytes, output_rate);
 }
 
+// Gives the list its start time. From here on nothing knows of it but the first file's record.
+void begin_list()
+{
+    if (start_time.seconds == 0 && start_time.attoseconds == 0) return;
+    if (!begin_at(file_list, start_time)) open_next_file();
+}
+
+int64_t shown_second(const soundfile *file)
+{
+    return load_acquire(file->position) / position_units_per_second;
+}
+
 constexpr int32_t filled_percent = 79; // the first filling ends above it
 
 // Fills the ring before anything takes from it.
@@ -852,7 +909,7 @@ void fill_ring()
         const bool fed = load_acquire(stop_output) == 0 && fill_buffer() != 0;
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
-        show_status(0, ring_percent(ring), "filling buffer");
+        show_status(shown_second(file_list), ring_percent(ring), "filling buffer");
         event_filling(ring_percent(ring));
     }
 }
@@ -962,7 +1019,7 @@ void status_update(soundfile *file)
         show_file_banner(file->index + 1, file_count, total_seconds(file), file->path);
         last_shown_file = file;
     }
-    const int64_t second = load_acquire(file->position) / position_units_per_second;
+    const int64_t second = shown_second(file);
     if (second == last_shown_second) return;
     last_shown_second = second;
 
@@ -993,6 +1050,7 @@ int main(int argc, char **argv)
     terminal_raw();
     feeding_file = file_list;
     store_release(playing_file, file_list);
+    begin_list();
     fill_ring();
     play_list();
     std::putchar('\n');

@@ -52,6 +52,36 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
     EXPECT_TRUE(pcm || std::memcmp(&file->wave, &every_dsd_file, sizeof every_dsd_file) == 0);
 }
 
+// Begun behind its first bytes, a file gives the rest of what it gives as a whole; at what its
+// header tells for its end, or behind that, nothing is to be read. The rate makes a second of each
+// frame, or byte of a channel.
+void check_beginnings(const file_row &row)
+{
+    for (const int64_t second : {1, 4, 7, 17, 35, 36, 511, 512, 8999, 9000, 1 << 30}) {
+        SCOPED_TRACE(row.what + ", begun at " + std::to_string(second));
+        soundfile file{};
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(open_content(&file, row.content), 0);
+        testing::internal::GetCapturedStderr();
+        const bool pcm = file.container == container_wav;
+        const int64_t frame = pcm ? file.wave.nBlockAlign : 1;
+        file.wave.nSamplesPerSec = pcm ? 1 : 8;
+        const bool begun = begin_at(&file, {second, attoseconds_per_second - 1});
+        const int64_t passed = std::min(pcm ? second * frame : second / 4 * 8, // whole groups
+                                        std::ssize(*row.delivered));
+        bytes rest(row.delivered->begin() + passed, row.delivered->end());
+        if (second >= file.data_bytes / frame) rest.clear();
+        bytes got(rest.size() + 4096);
+        int32_t size = 0;
+        for (int32_t part; begun && (part = read_samples(&file, &got[size], 24)) > 0;) size += part;
+        got.resize(static_cast<size_t>(size));
+        EXPECT_EQ(got, rest);
+        EXPECT_TRUE(!begun || second < file.data_bytes / frame);
+        EXPECT_EQ(file.position, begun ? (pcm ? second : second / 4 * 4) * 352800 : 0);
+        std::fclose(file.fp);
+    }
+}
+
 // Bytes that the process has reserved, touched or not.
 int64_t reserved_bytes()
 {
@@ -77,6 +107,7 @@ void check(const file_row &row)
         if (verdict == 0 && row.delivered) check_sound(row, &file, count);
         std::fclose(file.fp);
     }
+    if (row.delivered) check_beginnings(row);
     EXPECT_LT(reserved_bytes() - reserved, 16 << 20) << row.what;
 }
 
