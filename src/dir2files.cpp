@@ -1,7 +1,10 @@
 #include "dir2files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,8 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string_view>
+#include <utility>
 
 #include "events.h"
+#include "sonivane.h"
 #include "util.h"
 
 int32_t pool_count;
@@ -88,13 +94,122 @@ void walk_directory(const char *path)
     closedir(directory);
 }
 
-// Equal names stay in their order: two paths may differ only behind compared_bytes.
-void sort_names()
+// Sorts the names from the given one on. Equal names stay in their order: two paths may differ only
+// behind compared_bytes.
+void sort_names(int32_t first)
 {
-    std::stable_sort(pool_offsets, pool_offsets + pool_count, [](int32_t a, int32_t b) {
+    std::stable_sort(pool_offsets + first, pool_offsets + pool_count, [](int32_t a, int32_t b) {
         return std::strncmp(pool_chars + a, pool_chars + b, compared_bytes) < 0;
     });
 }
+
+// --- A list of names ----------------------------------------------------------------------------
+
+constexpr size_t first_list_bytes = 65536;
+constexpr size_t list_bytes_limit = size_t{1} << 30; // what never ends is refused some time
+constexpr int list_look = 50; // milliseconds between two looks at what ends the wait for a list
+
+// What read_list read, until its names are expanded. A zero byte follows the last one.
+char *list_text; // owned; null: there is no list
+size_t list_size;
+std::string_view list_folder; // with its slash at the end; part of the path that was given
+
+// What read tells. The writer of a pipe may take its time, and must not hold the player: the
+// descriptor does not block.
+ssize_t read_part(int descriptor, char *part, size_t room)
+{
+    pollfd polled = {descriptor, POLLIN, 0};
+    while (true) {
+        exit_if_interrupted();
+        if (poll(&polled, 1, list_look) < 1) continue;
+        const ssize_t got = read(descriptor, part, room);
+        if (got >= 0 || errno != EAGAIN) return got;
+    }
+}
+
+bool read_whole_list(int descriptor)
+{
+    size_t room = 0;
+    ssize_t got = 0;
+    for (list_size = 0;; list_size += static_cast<size_t>(got)) {
+        if (list_size + 1 >= room) {
+            room = std::max(room * 2, first_list_bytes);
+            auto *grown = static_cast<char *>(std::realloc(list_text, room));
+            if (grown == nullptr) return false;
+            list_text = grown;
+        }
+        got = read_part(descriptor, list_text + list_size, room - list_size - 1);
+        if (got < 1 || list_size >= list_bytes_limit) break;
+    }
+    list_text[list_size] = '\0';
+    return got == 0;
+}
+
+// A list that comes through a descriptor has no folder of its own.
+std::string_view folder_of(std::string_view path, int descriptor)
+{
+    struct stat64 status;
+    if (fstat64(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    for (const char *handed_over : {"/dev/fd/", "/dev/stdin", "/proc/"})
+        if (path.starts_with(handed_over)) return {};
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+// Unlike a name of the command line, one of a list keeps its place, with a directory's files in
+// byte order.
+void walk_in_place(const char *name)
+{
+    exit_if_interrupted();
+    const int32_t first = pool_count;
+    walk_path(name);
+    sort_names(first);
+}
+
+void walk_names_with_zeros()
+{
+    const char *const end = list_text + list_size;
+    for (const char *name = list_text; name < end; name += std::strlen(name) + 1)
+        walk_in_place(name);
+}
+
+void walk_line(const char *line)
+{
+    if (*line == '\0' || *line == '#') return;
+    if (*line == '/') return walk_in_place(line);
+    char *path = nullptr;
+    const auto folder_bytes = static_cast<int>(list_folder.size());
+    if (asprintf(&path, "%.*s%s", folder_bytes, list_folder.data(), line) < 0) return;
+    walk_in_place(path);
+    std::free(path);
+}
+
+void walk_lines()
+{
+    static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+    char *line = list_text;
+    char *const end = list_text + list_size;
+    if (std::string_view(line, list_size).starts_with(byte_order_mark))
+        line += byte_order_mark.size();
+    while (line < end) {
+        auto *feed = static_cast<char *>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
+        if (feed != nullptr && feed > line && feed[-1] == '\r') feed[-1] = '\0';
+        if (feed == nullptr) feed = end;
+        *feed = '\0';
+        walk_line(line);
+        line = feed + 1;
+    }
+}
+
+void walk_list()
+{
+    if (std::memchr(list_text, '\0', list_size) != nullptr)
+        walk_names_with_zeros();
+    else
+        walk_lines();
+    std::free(std::exchange(list_text, nullptr));
+}
+
+// --- The result ---------------------------------------------------------------------------------
 
 char **make_list()
 {
@@ -159,8 +274,23 @@ void walk_path(const char *path)
 char **expand_file_list(int32_t first, int32_t count, char **argv)
 {
     pool_reset();
+    if (list_text != nullptr) {
+        walk_list();
+        return make_list();
+    }
     if (first >= count) walk_path(".");
     for (int32_t i = first; i < count; ++i) walk_path(argv[i]);
-    sort_names();
+    sort_names(0);
     return make_list();
+}
+
+bool read_list(const char *path)
+{
+    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    list_folder = folder_of(path, descriptor);
+    const bool whole = read_whole_list(descriptor);
+    close(descriptor);
+    if (!whole) std::free(std::exchange(list_text, nullptr));
+    return whole;
 }
