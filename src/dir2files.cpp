@@ -132,13 +132,13 @@ bool read_whole_list(int descriptor)
     size_t room = 0;
     ssize_t got = 0;
     for (list_size = 0;; list_size += static_cast<size_t>(got)) {
-        if (list_size + 1 >= room) {
+        if (list_size == room) {
             room = std::max(room * 2, first_list_bytes);
             auto *grown = static_cast<char *>(std::realloc(list_text, room));
             if (grown == nullptr) return false;
             list_text = grown;
         }
-        got = read_part(descriptor, list_text + list_size, room - list_size - 1);
+        got = read_part(descriptor, list_text + list_size, room - list_size);
         if (got < 1 || list_size >= list_bytes_limit) break;
     }
     list_text[list_size] = '\0';
@@ -146,10 +146,8 @@ bool read_whole_list(int descriptor)
 }
 
 // A list that comes through a descriptor has no folder of its own.
-std::string_view folder_of(std::string_view path, int descriptor)
+std::string_view folder_of(std::string_view path)
 {
-    struct stat64 status;
-    if (fstat64(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return {};
     for (const char *handed_over : {"/dev/fd/", "/dev/stdin", "/proc/"})
         if (path.starts_with(handed_over)) return {};
     return path.substr(0, path.rfind('/') + 1);
@@ -288,7 +286,7 @@ bool read_list(const char *path)
 {
     const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor < 0) return false;
-    list_folder = folder_of(path, descriptor);
+    list_folder = folder_of(path);
     const bool whole = read_whole_list(descriptor);
     close(descriptor);
     if (!whole) std::free(std::exchange(list_text, nullptr));

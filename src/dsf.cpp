@@ -161,7 +161,6 @@ int32_t dsf_open(soundfile *file)
 
 bool dsf_skip(soundfile *file, int64_t count)
 {
-    if (count == 0) return true;
     if (file->block_bytes == 0) return false;
     const int64_t stored = int64_t{file->block_bytes} * std::max(file->channels, stream_channels);
     const int64_t blocks = count / file->block_bytes;

@@ -890,8 +890,9 @@ void make_ring()
 // Gives the list its start time. From here on nothing knows of it but the first file's record.
 void begin_list()
 {
-    if (start_time.seconds == 0 && start_time.attoseconds == 0) return;
-    if (!begin_at(file_list, start_time)) open_next_file();
+    const exact_time time = std::exchange(start_time, {});
+    if (time.seconds == 0 && time.attoseconds == 0) return;
+    if (!begin_at(file_list, time)) open_next_file();
 }
 
 int64_t shown_second(const soundfile *file)
