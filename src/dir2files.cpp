@@ -133,13 +133,14 @@ bool read_whole_list(int descriptor)
     ssize_t got = 0;
     for (list_size = 0;; list_size += static_cast<size_t>(got)) {
         if (list_size == room) {
+            if (room >= list_bytes_limit) return false;
             room = std::max(room * 2, first_list_bytes);
             auto *grown = static_cast<char *>(std::realloc(list_text, room));
             if (grown == nullptr) return false;
             list_text = grown;
         }
         got = read_part(descriptor, list_text + list_size, room - list_size);
-        if (got < 1 || list_size >= list_bytes_limit) break;
+        if (got < 1) break;
     }
     list_text[list_size] = '\0';
     return got == 0;

@@ -13,8 +13,8 @@ char **expand_file_list(int32_t first, int32_t count, char **argv);
 // Reads a list whose names, in their order, expand_file_list then takes once in place of those of
 // argv. With a zero byte in it, each name ends with one; else it is an M3U list, with names
 // relative to its folder, or to the current directory where it comes through a descriptor. Waits
-// for the writer of a pipe; a SIGINT then is report 1045. False when it cannot be read, is larger
-// than 1 GiB or finds no memory. The path must stay until the list is expanded.
+// for the writer of a pipe; a SIGINT then is report 1045. False when it cannot be read, is 1 GiB or
+// larger, or finds no memory. The path must stay until the list is expanded.
 bool read_list(const char *path);
 
 // Appends a copy of the length bytes of name and a terminator to the pool; dropped silently for

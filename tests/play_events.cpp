@@ -79,17 +79,14 @@ TEST(play_events, tell_the_position_that_is_heard)
     const bytes pcm = wave_file(random_pcm(400000, 700000));
     const bytes dsd = dsd_containers[1](random_dsd(1500000, 1, 2822410));
     const struct {
-        const char *start;
+        const char *start, *format, *shown;
         bytes content;
-        const char *format;
-        int64_t stands_at; // frames, the silence among them
-        double rate;
-        double begun; // seconds
-        const char *shown;
+        int64_t stands_at;  // frames, the silence among them
+        double rate, begun; // frames per second, seconds
     } rows[] = {
-        {"--start=0", pcm, "S32_LE", 500000, 400000, 0, "position 00:00 "},
-        {"--start=1.0000012", pcm, "S32_LE", 500000, 400000, 1, "position 00:01 "},
-        {"--start=1.5", dsd, "DSD_U32_BE", 150000, 88200, 4233600 / 2822410.0, "position 00:02 "},
+        {"--start=0", "S32_LE", "position 00:00 ", pcm, 500000, 400000, 0},
+        {"--start=1.0000012", "S32_LE", "position 00:01 ", pcm, 500000, 400000, 1},
+        {"--start=1.5", "DSD_U32_BE", "position 00:02 ", dsd, 150000, 88200, 4233600 / 2822410.0},
     };
     for (const auto &row : rows) {
         const auto result = run_player({.arguments = {row.start, scratch_file("a", row.content)},

@@ -61,7 +61,7 @@ void check_beginnings(const file_row &row)
 {
     constexpr int64_t rate = 8192;
     for (const int64_t at :
-         {int64_t{1}, {4}, {7}, {17}, {35}, {36}, {511}, {512}, {8999}, 2 * huge}) {
+         std::initializer_list<int64_t>{1, 4, 7, 17, 35, 36, 511, 512, 8999, 2 * huge}) {
         SCOPED_TRACE(row.what + ", begun at " + std::to_string(at));
         soundfile file{};
         testing::internal::CaptureStderr();
