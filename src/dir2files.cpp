@@ -114,7 +114,7 @@ char *list_text; // owned; null: there is no list
 size_t list_size;
 std::string_view list_folder; // with its slash at the end; part of the path that was given
 
-// What read tells. The writer of a pipe may take its time, and must not hold the player: the
+// Result: that of read. The writer of a pipe may take its time, and must not hold the player: the
 // descriptor does not block.
 ssize_t read_part(int descriptor, char *part, size_t room)
 {

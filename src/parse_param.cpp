@@ -106,8 +106,8 @@ void take_list(bool names_given)
 
 constexpr int64_t most_seconds = 100000000000000000; // ten times as many fit in a word
 
-// Reads digits with one point at most among, before or behind them. False for anything else. Not
-// through a binary fraction, which would put 0.29 seconds of 100 frames each at frame 28.
+// Reads digits, and at most one point before, among or after them. False for anything else. A
+// binary fraction would put 0.29 seconds of 100 frames each at frame 28.
 bool read_time(const char *text, exact_time *time)
 {
     *time = {};

@@ -206,8 +206,8 @@ int32_t open_soundfile(soundfile *file);
 
 // Has a file that was just opened begin at that time, by seeking: at the frame (PCM) or the group
 // of dsd_group_bytes (DSD) below it. begun_at and position are set; all sizes stay the whole
-// file's. False, and the file is not to be read, when it ends at that time or before, as far as its
-// header tells, or cannot be sought in. Main thread.
+// file's. False, and the file is not to be read, when by its header it ends at that time or before,
+// or when it cannot be sought in. Main thread.
 bool begin_at(soundfile *file, const exact_time &time);
 
 // Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of

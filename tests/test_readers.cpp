@@ -55,8 +55,8 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
 constexpr int64_t huge = int64_t{1} << 32;
 
 // Begun at a frame, or a byte of a channel, a file gives the rest of what it gives as a whole; at
-// what its header tells for its end, or behind that, nothing is to be read. The rate makes each of
-// them a time of 13 decimals.
+// the end by its header, or after it, nothing is to be read. The rate makes each of them a time of
+// 13 decimals.
 void check_beginnings(const file_row &row)
 {
     constexpr int64_t rate = 8192;
