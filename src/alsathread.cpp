@@ -527,11 +527,6 @@ void tell_playing()
         if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
 }
 
-int64_t shown_second(const soundfile *file)
-{
-    return load_acquire(file->position) / position_units_per_second;
-}
-
 // Main shows files and seconds, and fills a ring that has room for a good piece.
 void wake_main(const soundfile *file_before, int64_t second_before)
 {

@@ -1,7 +1,9 @@
 #include "dir2files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,8 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string_view>
+#include <utility>
 
 #include "events.h"
+#include "lookout.h"
+#include "sonivane.h"
 #include "util.h"
 
 int32_t pool_count;
@@ -91,7 +97,8 @@ void walk_directory(const char *path)
         report_system_error(151, "directory %s open failed.\n", path, "cannot read");
         return;
     }
-    while (const dirent64 *entry = next_entry(directory)) {
+    errno = 0;
+    while (const dirent64 *entry = is_stopped() ? nullptr : next_entry(directory)) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
@@ -99,13 +106,117 @@ void walk_directory(const char *path)
     closedir(directory);
 }
 
-// Equal names stay in their order: two paths may differ only behind compared_bytes.
-void sort_names()
+// Sorts the names from the given one on. Equal names stay in their order: two paths may differ only
+// behind compared_bytes.
+void sort_names(int32_t first)
 {
-    std::stable_sort(pool_offsets, pool_offsets + pool_count, [](int32_t a, int32_t b) {
+    std::stable_sort(pool_offsets + first, pool_offsets + pool_count, [](int32_t a, int32_t b) {
         return std::strncmp(pool_chars + a, pool_chars + b, compared_bytes) < 0;
     });
 }
+
+// --- A list of names ----------------------------------------------------------------------------
+
+constexpr size_t first_list_bytes = 65536;
+constexpr size_t list_bytes_limit = size_t{1} << 30; // what never ends is refused some time
+
+// What read_list read, until its names are expanded. A zero byte follows the last one.
+char *list_text; // owned; null: there is no list
+size_t list_size;
+std::string_view list_folder; // with its slash at the end; part of the path that was given
+
+bool read_whole_list(int descriptor)
+{
+    size_t room = 0;
+    ssize_t got = 0;
+    for (list_size = 0;; list_size += static_cast<size_t>(got)) {
+        if (list_size == room) {
+            if (room >= list_bytes_limit) return false;
+            room = std::max(room * 2, first_list_bytes);
+            auto *grown = static_cast<char *>(std::realloc(list_text, room));
+            if (grown == nullptr) return false;
+            list_text = grown;
+        }
+        got = read(descriptor, list_text + list_size, room - list_size);
+        if (got < 1) break;
+    }
+    list_text[list_size] = '\0';
+    return got == 0;
+}
+
+// Such a list must not lose bytes to the search for keys.
+bool is_standard_input(int descriptor)
+{
+    struct stat64 list;
+    struct stat64 input;
+    return fstat64(descriptor, &list) == 0 && fstat64(STDIN_FILENO, &input) == 0 &&
+           list.st_dev == input.st_dev && list.st_ino == input.st_ino;
+}
+
+// A list that comes through a descriptor has no folder of its own.
+std::string_view folder_of(std::string_view path)
+{
+    for (const char *handed_over : {"/dev/fd/", "/dev/stdin", "/proc/"})
+        if (path.starts_with(handed_over)) return {};
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+// Unlike a name of the command line, one of a list keeps its place, with a directory's files in
+// byte order.
+void walk_in_place(const char *name)
+{
+    exit_if_interrupted();
+    if (is_stopped()) return;
+    const int32_t first = pool_count;
+    walk_path(name);
+    sort_names(first);
+}
+
+void walk_names_with_zeros()
+{
+    const char *const end = list_text + list_size;
+    for (const char *name = list_text; name < end; name += std::strlen(name) + 1)
+        walk_in_place(name);
+}
+
+void walk_line(const char *line)
+{
+    if (*line == '\0' || *line == '#') return;
+    if (*line == '/') return walk_in_place(line);
+    char *path = nullptr;
+    const auto folder_bytes = static_cast<int>(list_folder.size());
+    if (asprintf(&path, "%.*s%s", folder_bytes, list_folder.data(), line) < 0) return;
+    walk_in_place(path);
+    std::free(path);
+}
+
+void walk_lines()
+{
+    static constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+    char *line = list_text;
+    char *const end = list_text + list_size;
+    if (std::string_view(line, list_size).starts_with(byte_order_mark))
+        line += byte_order_mark.size();
+    while (line < end) {
+        auto *feed = static_cast<char *>(std::memchr(line, '\n', static_cast<size_t>(end - line)));
+        if (feed != nullptr && feed > line && feed[-1] == '\r') feed[-1] = '\0';
+        if (feed == nullptr) feed = end;
+        *feed = '\0';
+        walk_line(line);
+        line = feed + 1;
+    }
+}
+
+void walk_list()
+{
+    if (std::memchr(list_text, '\0', list_size) != nullptr)
+        walk_names_with_zeros();
+    else
+        walk_lines();
+    std::free(std::exchange(list_text, nullptr));
+}
+
+// --- The result ---------------------------------------------------------------------------------
 
 char **make_list()
 {
@@ -169,8 +280,24 @@ void walk_path(const char *path)
 char **expand_file_list(int32_t first, int32_t count, char **argv)
 {
     pool_reset();
+    if (list_text != nullptr) {
+        walk_list();
+        return make_list();
+    }
     if (first >= count) walk_path(".");
     for (int32_t i = first; i < count; ++i) walk_path(argv[i]);
-    sort_names();
+    sort_names(0);
     return make_list();
+}
+
+bool read_list(const char *path)
+{
+    const int descriptor = open(path, O_RDONLY | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    if (!is_standard_input(descriptor)) read_keys();
+    list_folder = folder_of(path);
+    const bool whole = read_whole_list(descriptor);
+    close(descriptor);
+    if (!whole) std::free(std::exchange(list_text, nullptr));
+    return whole;
 }

@@ -1,5 +1,6 @@
 // Expands the names of the command line into one sorted list: files as they are, directories as
-// the regular files directly inside. Main thread only; one list at a time.
+// the regular files directly inside. Or those of a list, which keep their order. Main thread only;
+// one list at a time.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,13 @@
 // names in ascending byte order, ended by a null pointer; they belong to the pool and are valid
 // until it next changes. Where the list itself cannot be allocated it is an empty one.
 char **expand_file_list(int32_t first, int32_t count, char **argv);
+
+// Reads a list whose names, in their order, expand_file_list then takes once in place of those of
+// argv. With a zero byte in it, each name ends with one; else it is an M3U list, with names
+// relative to its folder, or to the current directory where it comes through a descriptor. Waits
+// for the writer of a pipe; a SIGINT then is report 1045. False when it cannot be read, is 1 GiB or
+// larger, or finds no memory. The path must stay until the list is expanded.
+bool read_list(const char *path);
 
 // Appends a copy of the length bytes of name and a terminator to the pool; dropped silently for
 // want of memory or of offsets.

@@ -215,6 +215,11 @@ int32_t dsdiff_open(soundfile *file)
     return -1;
 }
 
+bool dsdiff_skip(soundfile *file, int64_t count)
+{
+    return skip_bytes(file->fp, static_cast<uint64_t>(count * file->channels));
+}
+
 int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     constexpr size_t batch = 512;     // frames of one read

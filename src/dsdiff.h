@@ -12,6 +12,10 @@
 // stands on the first sound byte. -1 when it is refused. Main thread.
 int32_t dsdiff_open(soundfile *file);
 
+// Passes over count bytes of each channel, of a file just opened that has more of them, by seeking.
+// False when it cannot. Main thread.
+bool dsdiff_skip(soundfile *file, int64_t count);
+
 // Delivers the left and right byte of each stored frame in turn, in groups of 8 bytes, up to the
 // end of the file; the last group is filled up with 0x96. Result: bytes stored, a multiple of 8; 0
 // for a request below 8 or when no frame was left; -1 once the end of the file was met. Main

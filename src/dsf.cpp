@@ -160,6 +160,23 @@ int32_t dsf_open(soundfile *file)
     return 0;
 }
 
+bool dsf_skip(soundfile *file, int64_t count)
+{
+    if (file->block_bytes == 0) return false;
+    const int64_t stored = int64_t{file->block_bytes} * std::max(file->channels, stream_channels);
+    const int64_t blocks = count / file->block_bytes;
+    if (blocks > INT64_MAX / stored ||
+        !skip_bytes(file->fp, static_cast<uint64_t>(blocks * stored)))
+        return false;
+    const auto into_block = static_cast<int32_t>(count % file->block_bytes);
+    file->dsf_bytes_left -= count;
+    dsf_position = file->block_bytes; // the block pair is still to be read
+    if (into_block == 0) return true;
+    if (!load_block_pair(file)) return false;
+    dsf_position = into_block;
+    return true;
+}
+
 int32_t dsf_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0 ||

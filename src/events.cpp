@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <numeric>
 #include <string_view>
 
 namespace
@@ -345,6 +346,16 @@ int64_t units_of(const soundfile *file)
     return file->wave.nBlockAlign == 0 ? 0 : file->data_bytes / file->wave.nBlockAlign;
 }
 
+// Where in the file that many frames of the device end, exactly: its own rate need not divide the
+// device's.
+seconds_field seconds_into(const soundfile *file, int64_t frames)
+{
+    if (file->begun_at == 0) return {"seconds", frames, output_rate};
+    const int64_t rate = file->wave.nSamplesPerSec;
+    const int64_t common = std::lcm(rate, int64_t{output_rate});
+    return {"seconds", file->begun_at * (common / rate) + frames * (common / output_rate), common};
+}
+
 } // namespace
 
 bool events_open(const char *number)
@@ -448,8 +459,7 @@ void event_playing(const soundfile *file)
 
 void event_position(const soundfile *file, int64_t frames)
 {
-    tell<short_line>("position", number_field{"index", file->index},
-                     seconds_field{"seconds", frames, output_rate},
+    tell<short_line>("position", number_field{"index", file->index}, seconds_into(file, frames),
                      number_field{"ring", ring_percent(ring)});
 }
 

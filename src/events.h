@@ -53,7 +53,7 @@ void event_filling(int32_t percent);
 // The file's first frame has gone to the device.
 void event_playing(const soundfile *file);
 
-// That many frames of the file have sounded, as far as the player can know.
+// That many frames of the file have sounded since it began, as far as the player can know.
 void event_position(const soundfile *file, int64_t frames);
 
 // Nothing more is read from the list; that many frames are still to sound.

@@ -115,6 +115,8 @@ constexpr char stop_key = 3;
 constexpr int input_rest_ms = 10;        // between two reads of an input that never ends
 constexpr int background_look_ms = 1000; // a shell that takes a job to the front says nothing
 
+std::atomic<int32_t> input_wanted; // flag
+
 // The look-out's own.
 bool input_is_terminal;
 bool input_is_over; // it gave its end or an error: left alone until the terminal comes back
@@ -123,7 +125,7 @@ bool input_rests;   // it was just read
 // The descriptor to wait for; none for an input that is over, at rest, or another job's.
 int readable_input()
 {
-    if (input_is_over || input_rests) return no_descriptor;
+    if (load_acquire(input_wanted) == 0 || input_is_over || input_rests) return no_descriptor;
     const bool ours = !input_is_terminal || place_of_terminal() == terminal_place::foreground;
     return ours ? STDIN_FILENO : no_descriptor;
 }
@@ -515,6 +517,12 @@ void print_early_end()
     std::snprintf(text.data(), text.size(), "\nERROR sonivane %d the sound ended early: %s.\n",
                   report_ended_early, name_of(load_acquire(stopped_by)->reason));
     print_in_time(text.data());
+}
+
+void read_keys()
+{
+    store_release(input_wanted, -1);
+    wake_lookout();
 }
 
 void sound_begins()

@@ -75,6 +75,10 @@ void print_early_end();
 // and nothing is read. Main thread, once, while it is the only one.
 void start_lookout();
 
+// From here on keys on standard input count. Main thread, once the command line is read, or before
+// that where nothing else is to be read there.
+void read_keys();
+
 // What the process ends with if its own threads do not end it in order. From there on the look-out
 // counts on one of them: where main does not follow the end of the sound within 200 ms, because it
 // stands in a call that does not return, the look-out ends the process itself. The end of the

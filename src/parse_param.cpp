@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dir2files.h"
 #include "events.h"
 #include "lookout.h"
 #include "sonivane.h"
@@ -88,6 +89,54 @@ void set_events(const char *number)
         fatal_report(unit, 61, "--events needs an open descriptor, not %s.\n", printable(number));
 }
 
+const char *list_path; // null: the names stand on the command line
+
+void set_list(const char *path)
+{
+    list_path = path;
+}
+
+// Read when all options are known: the last list counts, and no name may stand beside it.
+void take_list(bool names_given)
+{
+    if (list_path == nullptr) return;
+    if (names_given) fatal_report(unit, 63, "--list takes the place of names.\n");
+    if (!read_list(list_path))
+        fatal_report(unit, 67, "cannot read the list %s.\n", printable(list_path));
+}
+
+constexpr int64_t most_seconds = 100000000000000000; // ten times as many fit in a word
+
+// Reads digits, and at most one point before, among or after them. False for anything else. A
+// binary fraction would put 0.29 seconds of 100 frames each at frame 28.
+bool read_time(const char *text, exact_time *time)
+{
+    *time = {};
+    int64_t weight = 0; // attoseconds of the digit before; 0: no point yet
+    int digits = 0;
+    bool point = false;
+    for (; *text != '\0'; ++text) {
+        const int digit = *text - '0';
+        if (*text == '.' && !point) {
+            point = true;
+            weight = attoseconds_per_second;
+            continue;
+        }
+        if (digit < 0 || digit > 9) return false;
+        ++digits;
+        weight /= 10;
+        time->attoseconds += weight * digit;
+        if (!point) time->seconds = std::min(time->seconds * 10 + digit, most_seconds);
+    }
+    return digits > 0;
+}
+
+void set_start(const char *seconds)
+{
+    if (!read_time(seconds, &start_time))
+        fatal_report(unit, 71, "illegal start %s passed.\n", printable(seconds));
+}
+
 template <int32_t &flag> void set_flag(const char *)
 {
     flag = flag_on;
@@ -130,6 +179,8 @@ constexpr option_row options[] = {
     {"--mode=", value_place::behind_equals, select_mode, nullptr},
     {"--events=", value_place::behind_equals, set_events, nullptr},
     {"--strict", value_place::none, set_flag<strict>, nullptr},
+    {"--list=", value_place::behind_equals, set_list, nullptr},
+    {"--start=", value_place::behind_equals, set_start, nullptr},
     {"--skip", value_place::next_entry, take_no_notice, nullptr},
 };
 constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,
@@ -188,6 +239,7 @@ void parse_options(int32_t argc, char **argv, int32_t with_frequency)
     }
     program_name = argv[0];
     args_used = 1;
+    list_path = nullptr;
     for (int32_t i = 1; i < argc; ++i) {
         const bool has_next = i + 1 < argc;
         const option_row *option = find_option(argv[i], has_next, with_frequency != 0);
@@ -200,4 +252,5 @@ void parse_options(int32_t argc, char **argv, int32_t with_frequency)
         const bool attached = option->value == value_place::behind_equals;
         option->apply(attached ? argv[i] + std::strlen(option->word) : argv[i]);
     }
+    take_list(args_used < argc);
 }

@@ -4,8 +4,9 @@
 
 #include <cstdint>
 
-// Parses argv. with_frequency would admit the word --frequency; the player gives 0. Ends the
-// process itself at -?, --help, --version and at a bad value (reports 54, 61 and 183). Main thread.
+// Parses argv, and reads the list that --list names (dir2files.h). with_frequency would admit the
+// word --frequency; the player gives 0. Ends the process itself at -?, --help, --version, at a bad
+// value (reports 54, 61, 67, 71 and 183) and at names beside a list (63). Main thread.
 void parse_options(int32_t argc, char **argv, int32_t with_frequency);
 
 // Prints the usage text on standard output, with the given program name.

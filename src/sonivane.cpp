@@ -48,6 +48,7 @@ int32_t short_filter;
 int32_t left_cut;
 int32_t right_cut;
 int32_t silent;
+exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
 const char *mode_label;
@@ -118,12 +119,14 @@ struct container_row {
     void (*describe)(soundfile *file);
     reader_slot read;
     feeder_slot feed;
+    // Passes over frames (PCM) or bytes of each channel (DSD), of a file that has more of them.
+    bool (*skip)(soundfile *file, int64_t count);
 };
 constexpr std::array<container_row, 4> containers = {{
-    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder},
-    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder},
-    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder},
-    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
+    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder, wav_skip},
+    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder, dsdiff_skip},
+    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder, dsf_skip},
+    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder, wsd_skip},
 }};
 
 // The file that plays is read in few calls, as network mounts like it. Of the others only the
@@ -172,6 +175,48 @@ int32_t open_soundfile(soundfile *file)
     if (!open_stream(file))
         fatal_report(unit, report_not_opened, not_opened, printable(file->path));
     return find_container(file);
+}
+
+namespace
+{
+
+// --- Where a file begins ------------------------------------------------------------------------
+
+// Whole periods of that rate in Hz that the time holds; the largest number for times beyond.
+int64_t periods_of(const exact_time &time, int32_t rate)
+{
+    constexpr int64_t billion = 1000000000;
+    if (rate < 1) return 0;
+    if (time.seconds > INT64_MAX / rate - 1) return INT64_MAX;
+    // The product with the fraction has more digits than a word holds.
+    const int64_t upper = time.attoseconds / billion * rate;
+    const int64_t lower = time.attoseconds % billion * rate + upper % billion * billion;
+    return time.seconds * rate + upper / billion + lower / attoseconds_per_second;
+}
+
+// The position at that many periods, true to the file, and not counted in whole units a frame.
+int64_t position_at(int64_t periods, int32_t rate)
+{
+    constexpr int64_t units = position_units_per_second;
+    const int64_t seconds = std::min(periods / rate, INT64_MAX / units - 1);
+    return seconds * units + periods % rate * units / rate;
+}
+
+} // namespace
+
+bool begin_at(soundfile *file, const exact_time &time)
+{
+    const int32_t rate = file->wave.nSamplesPerSec;
+    const bool dsd = file->wave.wBitsPerSample == dsd_bits_per_sample;
+    const int64_t periods_each = dsd ? 8 : 1; // of what is passed over
+    int64_t count = periods_of(time, rate) / periods_each;
+    if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
+    if (dsd) count -= count % (dsd_group_bytes / stream_channels);
+    for (const container_row &row : containers)
+        if (row.container == file->container && !row.skip(file, count)) return false;
+    file->begun_at = count * periods_each;
+    if (count != 0) store_release(file->position, position_at(file->begun_at, rate));
+    return true;
 }
 
 namespace
@@ -738,11 +783,6 @@ void detach_controller()
 soundfile *last_shown_file;
 int64_t last_shown_second = -1;
 
-int64_t second_of(const soundfile *file)
-{
-    return load_acquire(file->position) / position_units_per_second;
-}
-
 // Total time in whole seconds; a header with a field of 0 gives 0.
 int64_t total_seconds(const soundfile *file)
 {
@@ -768,6 +808,7 @@ void show_banner_once(soundfile *file)
 void read_command_line(int argc, char **argv)
 {
     parse_options(argc, argv, 0);
+    read_keys();
     if (args_used > argc) {
         print_usage(argv[0]);
         fatal_report(unit, 933, "argc is %d skip is %d\n", argc, args_used);
@@ -786,6 +827,7 @@ void read_command_line(int argc, char **argv)
 void make_file_list(int argc, char **argv)
 {
     char **names = expand_file_list(args_used, argc, argv);
+    if (is_stopped()) return;
     if (names[0] == nullptr) fatal_report(unit, 958, "no files found.\n");
     while (names[file_count] != nullptr) ++file_count;
 
@@ -882,6 +924,14 @@ void make_ring()
     tell_stream();
 }
 
+// Gives the list its start time. From here on nothing knows of it but the first file's record.
+void begin_list()
+{
+    const exact_time time = std::exchange(start_time, {});
+    if (time.seconds == 0 && time.attoseconds == 0) return;
+    if (!begin_at(file_list, time)) open_next_file();
+}
+
 constexpr int32_t filled_percent = 79; // the first filling ends above it
 
 // Fills the ring before anything takes from it. A line for each call would drown a log.
@@ -894,7 +944,7 @@ void fill_ring()
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
         const int32_t percent = ring_percent(ring);
-        if (percent != shown) show_status(0, percent, "filling buffer");
+        if (percent != shown) show_status(shown_second(file_list), percent, "filling buffer");
         shown = percent;
         event_filling(percent);
     }
@@ -913,7 +963,7 @@ bool has_news()
 {
     const soundfile *file = load_acquire(playing_file);
     return is_stopped() || load_acquire(interrupted) != 0 || file != last_shown_file ||
-           second_of(file) != last_shown_second;
+           shown_second(file) != last_shown_second;
 }
 
 bool has_work()
@@ -1012,7 +1062,7 @@ bool everything_is_out()
 void status_update(soundfile *file)
 {
     show_banner_once(file);
-    const int64_t second = second_of(file);
+    const int64_t second = shown_second(file);
     if (second == last_shown_second) return;
     last_shown_second = second;
 
@@ -1036,8 +1086,8 @@ int main(int argc, char **argv)
     make_file_list(argc, argv);
 
     // From here on a key ends the run in order, between two stages or within one.
-    static constexpr std::array stages = {probe_files, open_first_file, set_up_stream,
-                                          make_ring,   fill_ring,       play_list};
+    static constexpr std::array stages = {probe_files, open_first_file, set_up_stream, make_ring,
+                                          begin_list,  fill_ring,       play_list};
     for (const auto stage : stages)
         if (!is_stopped()) stage();
     if (!sound_has_begun()) std::puts(blank_line);

@@ -79,7 +79,7 @@ struct soundfile {
     int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
     int32_t container;                  // container_kind
-    std::atomic<int64_t> position;      // played, 1/352800 s; written by the output thread
+    std::atomic<int64_t> position;      // played, 1/352800 s; from begin_at on by the output thread
     // PCM: bytes of the two played channels still to feed; DSD: bytes of one channel, constant.
     int64_t bytes_left;
     int64_t data_bytes; // as bytes_left, constant once open; gives the banner its total time
@@ -98,8 +98,15 @@ struct soundfile {
     int32_t rf64;              // flag: the WAV file is of the RF64 form
     int64_t probed_bytes;      // of the whole file, when it was probed for a front-end
     int64_t sound_offset;      // where the sound began then
+    int64_t begun_at;          // where --start had it begin: frames (PCM), bits of a channel (DSD)
     soundfile *next;           // the following element of file_list; null in the end sentinel
 };
+
+// The second of the file that the status line shows. Any thread.
+inline int64_t shown_second(const soundfile *file)
+{
+    return load_acquire(file->position) / position_units_per_second;
+}
 
 // Sets the length of a DSD file from its header's bits of one channel: the bytes to feed are whole
 // ones, a begun one counts in the time that the banner tells. Main thread.
@@ -108,6 +115,13 @@ inline void set_dsd_length(soundfile *file, int64_t bits)
     file->bytes_left = bits / 8;
     file->data_bytes = bits / 8 + (bits % 8 > 0 ? 1 : 0);
 }
+
+// A time from 0, exact to its 18th decimal. Longer ones than any file's are cut to one of those.
+struct exact_time {
+    int64_t seconds;
+    int64_t attoseconds; // below attoseconds_per_second
+};
+inline constexpr int64_t attoseconds_per_second = 1000000000000000000;
 
 // The block that an external controller shares with the player.
 struct controller_block {
@@ -149,6 +163,7 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
+extern exact_time start_time;  // where the first file begins
 extern int32_t args_used;      // argv entries taken by options, argv[0] included
 extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
 extern const char *mode_label; // end of the status line; may be null
@@ -176,6 +191,12 @@ const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 // the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
 // the caller to close. A path that cannot be opened is fatal report 725. Main thread.
 int32_t open_soundfile(soundfile *file);
+
+// Has a file that was just opened begin at that time, by seeking: at the frame (PCM) or the group
+// of dsd_group_bytes (DSD) below it. begun_at and position are set; all sizes stay the whole
+// file's. False, and the file is not to be read, when by its header it ends at that time or before,
+// or when it cannot be sought in. Main thread.
+bool begin_at(soundfile *file, const exact_time &time);
 
 // Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of
 // room, of files, or after a SIGINT; else -1. Main thread, through fill_buffer.

@@ -97,12 +97,13 @@ constexpr int raised_priority = -10; // added to the nice value
 
 void report(const char *source, int32_t number, const char *format, ...)
 {
-    laid_out_report made;
     va_list arguments;
     va_start(arguments, format);
-    lay_out(made, source, number, format, arguments);
+    flockfile(stderr); // the lines of two threads must not mix
+    std::fprintf(stderr, "\nERROR %s %" PRId32 " ", source, number);
+    std::vfprintf(stderr, format, arguments);
+    funlockfile(stderr);
     va_end(arguments);
-    std::fputs(made.text.data(), stderr);
 }
 
 void stopping_report(const char *source, int32_t number, const char *format, ...)

@@ -150,6 +150,14 @@ int32_t wav_open(soundfile *file)
     return rewrite_to_stereo(file, rf64 ? sizes.data_bytes : data_size) ? 0 : -1;
 }
 
+bool wav_skip(soundfile *file, int64_t count)
+{
+    const int32_t width = sample_width(file->wave);
+    file->bytes_left -= count * stream_channels * width;
+    const auto stored = static_cast<uint64_t>(int64_t{file->channels} * width);
+    return skip_bytes(file->fp, static_cast<uint64_t>(count) * stored);
+}
+
 int32_t wav_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     const int32_t width = sample_width(file->wave);

@@ -14,6 +14,10 @@
 // with a width of 0 that the opener names. Main thread.
 int32_t wav_open(soundfile *file);
 
+// Passes over count frames, of a file just opened that has more of them, by seeking. False when it
+// cannot. Main thread.
+bool wav_skip(soundfile *file, int64_t count);
+
 // Delivers whole two-channel frames, at most count bytes, in the stored sample width. A single
 // channel goes to both sides. Result: bytes stored, or -1 when no whole frame was left; bytes_left
 // falls by as much. Main thread.

@@ -105,6 +105,11 @@ int32_t wsd_open(soundfile *file)
     return 0;
 }
 
+bool wsd_skip(soundfile *file, int64_t count)
+{
+    return dsdiff_skip(file, count);
+}
+
 int32_t wsd_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     return dsdiff_read(file, bytes, count);

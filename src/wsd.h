@@ -11,5 +11,6 @@
 // stands on the first sound byte. -1 when it is refused. Main thread.
 int32_t wsd_open(soundfile *file);
 
-// As dsdiff_read: the sound data has the same form.
+// As dsdiff_skip and dsdiff_read: the sound data has the same form.
+bool wsd_skip(soundfile *file, int64_t count);
 int32_t wsd_read(soundfile *file, uint8_t *bytes, int32_t count);

@@ -79,20 +79,38 @@ TEST(play_events, of_a_list_of_every_kind)
 }
 
 // The device stands still at a frame: the position tells that very one, at a rate at which the
-// printed one stands at 0.
+// printed one stays where it began, and at one that the device does not run at exactly.
 TEST(play_events, tell_the_position_that_is_heard)
 {
-    constexpr int64_t stands_at = 500000; // frames, the silence among them
-    const auto result = run_player({.arguments = {scratch_wave("a.wav", 400000, 300000)},
-                                    .events = {{.log_has = "open 2", .allow = stands_at},
-                                               {.out_has = "playing"},
-                                               {.after_ms = 2500, .type = key_3}},
-                                    .input = wire::pipe});
-    const auto first = std::ranges::find_if(result.capture, [](uint8_t b) { return b != 0; });
-    const int64_t silence = (first - result.capture.begin()) / 8;
-    double seconds = 0;
-    std::sscanf(told_words(result, "position").c_str(), "0,%lf,", &seconds);
-    EXPECT_EQ(std::lround(seconds * 1000000), (stands_at - silence) * 10 / 4);
+    const bytes pcm = wave_file(random_pcm(400000, 700000));
+    const bytes dsd = dsd_containers[1](random_dsd(1500000, 1, 2822410));
+    const struct {
+        const char *start, *format, *shown;
+        bytes content;
+        int64_t stands_at;  // frames, the silence among them
+        double rate, begun; // frames per second, seconds
+    } rows[] = {
+        {"--start=0", "S32_LE", "position 00:00 ", pcm, 500000, 400000, 0},
+        {"--start=1.0000012", "S32_LE", "position 00:01 ", pcm, 500000, 400000, 1},
+        {"--start=1.5", "DSD_U32_BE", "position 00:02 ", dsd, 150000, 88200, 4233600 / 2822410.0},
+    };
+    for (const auto &row : rows) {
+        const auto result = run_player({.arguments = {row.start, scratch_file("a", row.content)},
+                                        .capture = {{"FORMATS", row.format}},
+                                        .events = {{.log_has = "open 2", .allow = row.stands_at},
+                                                   {.out_has = "playing"},
+                                                   {.after_ms = 2500, .type = key_3}},
+                                        .input = wire::pipe});
+        const auto first =
+            std::ranges::find_if(result.capture, [&](uint8_t b) { return b != result.capture[0]; });
+        const int64_t heard = row.stands_at - (first - result.capture.begin()) / 8;
+        double seconds = 0;
+        std::sscanf(told_words(result, "position").c_str(), "0,%lf,", &seconds);
+        EXPECT_EQ(std::lround(seconds * 1000000),
+                  std::lround((row.begun + static_cast<double>(heard) / row.rate) * 1e6 - 0.499));
+        EXPECT_NE(result.out.find(row.shown), std::string::npos) << result.out;
+        EXPECT_EQ(row.begun < 1, result.out.find("position 00:00 ") != std::string::npos);
+    }
 }
 
 TEST(play_events, tell_names_of_any_bytes)

@@ -68,6 +68,8 @@ void make_files()
     scratch_wave("b.wav", 100, 1000);
     scratch_wave("long.wav", 44100, 250000);
     scratch_wave("\x1b.wav", 44100, 100);
+    scratch_file("list.m3u", text("a.wav\n"));
+    scratch_file("empty.m3u", {});
     scratch_file("wide.wav", make_wav({.bits = 64, .data = frames}));
     scratch_file("blocks.dsf",
                  make_dsf({.rate = 705600, .block_bytes = 2048, .left = half, .right = half}));

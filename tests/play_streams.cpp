@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <random>
 
 #include "play_model.h"
 #include "scalar_filter.h"
@@ -61,6 +62,53 @@ TEST_P(play_list, comes_whole_in_every_form)
 }
 INSTANTIATE_TEST_SUITE_P(all, play_list, testing::Range(size_t{0}, std::size(list_rows)),
                          [](const auto &row) { return std::string(list_rows[row.param].name); });
+
+// The second of two same files is always whole, and so is the first one from its begin on. Half of
+// the times are about the end.
+TEST(play_streams, begin_where_they_are_to_start)
+{
+    std::mt19937 random(1);
+    for (size_t i = 0; i < stream_forms.size() * 3; ++i) {
+        const stream_form &form = stream_forms[i / 3];
+        const bool dsd = form.kind != packing::pcm;
+        const uint32_t rate = dsd ? 256000 : 8000;
+        const size_t length = 3000 + random() % 20; // frames, or bytes of a channel, 4 in a frame
+        dsd_sound bits = random_dsd(4 * length + 3, 1, rate);
+        pcm_sound pcm = random_pcm(8000, length, 1, samples[i % samples.size()], 1 + i % 3);
+        const bytes file = dsd ? dsd_containers[i % 3](bits) : wave_file(pcm, wave_kind(i % 3));
+        const bytes whole = dsd ? device_bytes(bits, form) : device_bytes(pcm, form);
+        const size_t end = dsd ? bits.left.size() * 31250 : length * 125000; // nanoseconds
+        for (const size_t time : {random() % end, end - random() % 2, end + random() % end}) {
+            std::array<char, 40> start;
+            std::snprintf(start.data(), start.size(), "--start=0.%09zu", time);
+            const size_t passed = time / 125000 * (whole.size() / length);
+            bytes sound;
+            if (time < end) sound = {whole.begin() + static_cast<long>(passed), whole.end()};
+            put_bytes(sound, whole);
+            SCOPED_TRACE(std::string(form.name) + start.data());
+            const auto path = scratch_file("start", file);
+            const auto result = run_player(settings_for(form, {start.data(), path, path}));
+            expect_stream(result, form, rate, sound);
+        }
+    }
+}
+
+// A list keeps its order, through a pipe too, where its names are those of the current directory.
+TEST(play_streams, of_a_list_keep_its_order)
+{
+    for (const auto &[name, frames] : {std::pair("1.wav", 500), {"2.wav", 700}})
+        scratch_wave(std::string("named/") + name, 8000, static_cast<size_t>(frames));
+    scratch_file("named/list.m3u", text("#EXTM3U\r\n2.wav\r\n1.wav\n2.wav"));
+    bytes sound;
+    for (const size_t frames : {700, 500, 700})
+        put_bytes(sound, device_bytes(random_pcm(8000, frames), s32_le));
+    const char *const through_pipe =
+        "exec \"$0\" \"$@\" 4< <(printf 'named/2.wav\\nnamed/1.wav\\n'; sleep 0.2; "
+        "printf 'named/2.wav')";
+    for (const char *list : {"--list=named/list.m3u", "--list=/dev/fd/4"})
+        expect_stream(run_player({.arguments = {list}, .launcher = {"bash", "-c", through_pipe}}),
+                      s32_le, 8000, sound);
+}
 
 // The first file is longer than the ring, so that the second is opened only when the device plays:
 // after it has become something else, has lost its end, or is gone.

@@ -52,6 +52,41 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
     EXPECT_TRUE(pcm || std::memcmp(&file->wave, &every_dsd_file, sizeof every_dsd_file) == 0);
 }
 
+constexpr int64_t huge = int64_t{1} << 32;
+
+// Begun at a frame, or a byte of a channel, a file gives the rest of what it gives as a whole; at
+// the end by its header, or after it, nothing is to be read. The rate makes each of them a time of
+// 13 decimals.
+void check_beginnings(const file_row &row)
+{
+    constexpr int64_t rate = 8192;
+    for (const int64_t at :
+         std::initializer_list<int64_t>{1, 4, 7, 17, 35, 36, 511, 512, 8999, 2 * huge}) {
+        SCOPED_TRACE(row.what + ", begun at " + std::to_string(at));
+        soundfile file{};
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(open_content(&file, row.content), 0);
+        testing::internal::GetCapturedStderr();
+        const bool pcm = file.container == container_wav;
+        const int64_t frame = pcm ? file.wave.nBlockAlign : 2;
+        const bool within = at < file.data_bytes / (pcm ? frame : 1);
+        const int64_t passed = pcm ? at : at / 4 * 4;
+        file.wave.nSamplesPerSec = static_cast<int32_t>(pcm ? rate : 8 * rate);
+        EXPECT_FALSE(begin_at(&file, {huge << 19, 0})); // 0 frames, where the product wraps
+        const bool begun =
+            begin_at(&file, {at / rate, at % rate * (attoseconds_per_second / rate)});
+        EXPECT_TRUE(within || !begun);
+        EXPECT_EQ(file.position, begun ? passed * 352800 / rate : 0);
+        bytes part(24), rest;
+        for (int32_t got; begun && (got = read_samples(&file, part.data(), 24)) > 0;)
+            rest.insert(rest.end(), part.begin(), part.begin() + got);
+        const auto missing = std::min(passed * frame, std::ssize(*row.delivered));
+        EXPECT_EQ(rest,
+                  within ? bytes(row.delivered->begin() + missing, row.delivered->end()) : bytes{});
+        std::fclose(file.fp);
+    }
+}
+
 // Bytes that the process has reserved, touched or not.
 int64_t reserved_bytes()
 {
@@ -77,6 +112,7 @@ void check(const file_row &row)
         if (verdict == 0 && row.delivered) check_sound(row, &file, count);
         std::fclose(file.fp);
     }
+    if (row.delivered) check_beginnings(row);
     EXPECT_LT(reserved_bytes() - reserved, 16 << 20) << row.what;
 }
 
@@ -101,7 +137,6 @@ const bytes left = noise(2, 36);
 const bytes right = noise(3, 36);
 const bytes heard = dsd_frames(left, right);
 
-constexpr int64_t huge = int64_t{1} << 32;
 const std::string short_tag = "\nERROR readwrite 223 read() 4 bytes failed.\n";
 
 // --- WAV and RF64 -------------------------------------------------------------------------------
@@ -188,6 +223,9 @@ TEST(readers, dsf_headers_play_or_are_refused)
         {"8 bits a sample", with(60, {8})},
         {"count of 2^63", patched(endless, 64, le(uint64_t{1} << 63, 8)), heard, block_report(36),
          INT64_MIN / 8},
+        {"2^31 - 1 channels, count of 2^60",
+         patched(patched(endless, 52, le(INT32_MAX, 4)), 64, le(int64_t{1} << 60, 8)), heard,
+         block_report(36), int64_t{1} << 57},
         {"file and data of 0", patched(with(12, bytes(16)), 84, bytes(8)), heard},
         {"blocks of 0", blocks(0), bytes{}, block_report(0), 36, 0},
         {"blocks of 2^31 - 1", blocks(INT32_MAX), bytes{}, block_report(INT32_MAX), 36},

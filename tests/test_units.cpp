@@ -97,12 +97,15 @@ std::string parse(const std::string &line, int32_t with_frequency = 0)
     device_name = {};
     buffer_bytes = 0;
     mode_label = "";
+    start_time = {};
     std::vector<char *> argv = argv_of("sonivane " + line);
     parse_options(static_cast<int32_t>(argv.size()), argv.data(), with_frequency);
 
     std::string text = std::to_string(args_used) + (oversample == flag_on ? " os" : "");
     if (device_name[0] != '\0') text += std::string(" D=") + device_name.data();
     if (buffer_bytes != 0) text += " B=" + std::to_string(buffer_bytes);
+    if (start_time.seconds != 0) text += " S=" + std::to_string(start_time.seconds);
+    if (start_time.attoseconds != 0) text += " A=" + std::to_string(start_time.attoseconds);
     return text + mode_label;
 }
 
@@ -119,6 +122,10 @@ TEST(options, are_counted_and_set)
         {"-B 1m", "3 B=1048576"},
         {"-B 2k", "3 B=2048"},
         {"-B 1000x", "3 B=1000"},
+        {"--start=9 --start=0.29 a", "3 A=290000000000000000"},
+        {"--start=.0000000000000000019", "2 A=1"},
+        {"--start=00012.", "2 S=12"},
+        {"--start=99999999999999999999999.5", "2 S=100000000000000000 A=500000000000000000"},
         // Numbers above 4 Gi are cut and must not wrap into a size that would be taken.
         {"-B 4296015872", "3 B=4294967296"},
         {"-B 17592186044416M", "3 B=4503599627370496"},
@@ -191,6 +198,45 @@ TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
     };
     EXPECT_EXIT(walk(), testing::ExitedWithCode(0),
                 "^Too many open files\n\nERROR dir2files 151 directory music open failed.\n$");
+    fs::remove_all(folder);
+}
+
+// What the list holds besides names is reported, and nothing of it is read as a name of another
+// kind.
+TEST(names, are_those_of_a_list_of_any_bytes)
+{
+    std::string folder = testing::TempDir() + "sonivane-XXXXXX";
+    fs::current_path(mkdtemp(folder.data()));
+    fs::create_directories("l/d/sub");
+    const std::string absolute = folder + "/a", mark = "\xEF\xBB\xBF", zero(1, '\0');
+    for (const char *path : {"a", "b", "l/a", "l/b", "l/#a", "l/c\r", "l/-os", "l/d/9", "l/d/10"})
+        std::ofstream file(path);
+    const auto none = [](const std::string &path) {
+        return "No such file or directory\n\nERROR dir2files 136 cannot stat " + path + "\n";
+    };
+    const std::string long_name(100000, 'x');
+    const std::pair<std::string, std::string> rows[] = {
+        {"", ""},
+        {zero, none("")},
+        {"\n\r\n#a\n\nb\na\r\nb", " l/b l/a l/b"},
+        {mark + "b", " l/b"},
+        {"b\n" + mark + "a", " l/b" + none("l/" + mark + "a")},
+        {"c\r\r\nc\r", " l/c\r l/c\r"},
+        {"-os\n" + absolute + "\nd\na\nd/",
+         " l/-os " + absolute + " l/d/10 l/d/9 l/a l/d/10 l/d/9"},
+        {"http://a.b/c\na", " l/a" + none("l/http://a.b/c")},
+        {"b" + zero + "l/#a" + zero + "a", " b l/#a a"},
+        {"l/c\r" + zero + "a\nb" + zero, " l/c\r" + none("a?b")},
+        {mark + "b" + zero + absolute + zero, " " + absolute + none(mark + "b")},
+        {long_name + "\na",
+         " l/aFile name too long\n\nERROR dir2files 136 cannot stat l/" + long_name + "\n"},
+    };
+    for (const auto &[content, expected] : rows) {
+        std::ofstream("l/list", std::ios::binary) << content;
+        EXPECT_TRUE(read_list("l/list"));
+        EXPECT_EQ(expand("not a"), expected) << content;
+    }
+    EXPECT_EQ(expand("a b"), " a b") << "a list counts once";
     fs::remove_all(folder);
 }
 
@@ -295,6 +341,7 @@ bool becomes_stopped()
     of_shell.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     std::signal(SIGHUP, SIG_IGN); // as nohup has it
     start_lookout();
+    read_keys();
     // No line yet: it cannot be read before the switch, and counts then.
     if (write(keyboard, "typed ahead\x03", 12) != 12 || is_stopped()) _exit(1);
     terminal_raw();

@@ -43,7 +43,11 @@ _sonivane()
         mapfile -t COMPREPLY < <(compgen -W '1 2' -- "$cur")
         return
         ;;
-    --events | --skip)
+    --list)
+        _filedir '@(m3u|m3u8)'
+        return
+        ;;
+    --events | --start | --skip)
         return
         ;;
     esac
@@ -51,7 +55,7 @@ _sonivane()
     if [[ $cur == -* ]]; then
         _sonivane_has_name && return
         mapfile -t COMPREPLY < <(compgen -W '-os -D -B --skip --version --help --mode= --silent
-            --events= --strict --short-filter --left-cut --right-cut -?' -- "$cur")
+            --events= --strict --list= --start= --short-filter --left-cut --right-cut -?' -- "$cur")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
         return
     fi

@@ -37,6 +37,8 @@ complete -c sonivane -l right-cut -n __sonivane_no_name -d 'Keep the right chann
 complete -c sonivane -l mode -x -a '1\tDoP 2\tBi-Naural' -n __sonivane_no_name -d 'Label at the end of the status line'
 complete -c sonivane -l events -x -n __sonivane_no_name -d 'Write events for a front-end'
 complete -c sonivane -l strict -n __sonivane_no_name -d 'A sound that ends early is a failure'
+complete -c sonivane -l list -r -F -n __sonivane_no_name -d 'Play the names of this file, in its order'
+complete -c sonivane -l start -x -n __sonivane_no_name -d 'Begin the first file at this time in seconds'
 complete -c sonivane -l skip -x -n __sonivane_no_name -d 'Take a value and ignore it'
 complete -c sonivane -l version -n __sonivane_no_name -d 'Print the version'
 complete -c sonivane -l help -n __sonivane_no_name -d 'Print the usage text'
