@@ -630,7 +630,7 @@ void play()
 int32_t sound_probe()
 {
     stream_settings stream{};
-    dsd_stream = file_list[0].wave.wBitsPerSample == dsd_bits_per_sample ? 1 : 0;
+    dsd_stream = is_dsd(&file_list[0]) ? 1 : 0;
     sound_open(&stream); // nothing can stop it before the output thread exists
     output_format = stream.format;
     output_rate = stream.rate;

@@ -302,16 +302,7 @@ bool is_time(int64_t *next)
 
 const char *kind_of(const soundfile *file)
 {
-    switch (file->container) {
-    case container_dsf:
-        return "dsf";
-    case container_dsdiff:
-        return "dsdiff";
-    case container_wsd:
-        return "wsd";
-    default:
-        return file->rf64 != 0 ? "rf64" : "wav";
-    }
+    return file->rf64 != 0 ? "rf64" : container_word(file->container);
 }
 
 const char *name_of(stop_reason reason)
@@ -325,8 +316,7 @@ const char *name_of(stop_reason reason)
 // Frames, or bits of a channel.
 int64_t units_of(const soundfile *file)
 {
-    if (file->wave.wBitsPerSample == dsd_bits_per_sample)
-        return file->data_bytes > INT64_MAX / 8 ? 0 : file->data_bytes * 8;
+    if (is_dsd(file)) return file->data_bytes > INT64_MAX / 8 ? 0 : file->data_bytes * 8;
     return file->wave.nBlockAlign == 0 ? 0 : file->data_bytes / file->wave.nBlockAlign;
 }
 

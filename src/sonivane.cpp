@@ -111,21 +111,47 @@ void describe_pcm(soundfile *file)
     file->sample_bytes = file->wave.nBlockAlign / file->wave.nChannels;
 }
 
-// The parsers in the order in which a file is offered to them, and what a file that one takes is
-// described and fed by.
+// Whether a file of now size bytes that was read to its end lacks sound that its header promised.
+// Each reader leaves another count to ask.
+bool lacks_pcm(const soundfile *file, int64_t)
+{
+    return file->bytes_left >= file->wave.nBlockAlign;
+}
+
+bool lacks_dsf(const soundfile *file, int64_t)
+{
+    return file->dsf_bytes_left > 0;
+}
+
+// DSDIFF and WSD, whose reader counts nothing.
+bool lacks_dsd(const soundfile *file, int64_t size)
+{
+    return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
+}
+
+// All that the player knows of a container. Files are offered to the parsers in this order.
 struct container_row {
     container_kind container;
+    const char *word; // for front-ends
     int32_t (*open)(soundfile *file);
     void (*describe)(soundfile *file);
     reader_slot read;
     feeder_slot feed;
+    bool (*lacks_sound)(const soundfile *file, int64_t size);
 };
 constexpr std::array<container_row, 4> containers = {{
-    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder},
-    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder},
-    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder},
-    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder},
+    {container_wav, "wav", wav_open, describe_pcm, wav_read, pcm_feeder, lacks_pcm},
+    {container_dsdiff, "dsdiff", dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder, lacks_dsd},
+    {container_dsf, "dsf", dsf_open, describe_dsd, dsf_read, dsd_feeder, lacks_dsf},
+    {container_wsd, "wsd", wsd_open, describe_dsd, wsd_read, dsd_feeder, lacks_dsd},
 }};
+
+const container_row &row_of(container_kind container)
+{
+    const auto *row = containers.data();
+    while (row->container != container) ++row;
+    return *row;
+}
 
 } // namespace
 
@@ -147,6 +173,11 @@ int32_t open_soundfile(soundfile *file)
     std::fprintf(stderr, "file format of %s unknown. Skip\n", printable(file->path));
     event_left_out(file->path, "unknown format");
     return -1;
+}
+
+const char *container_word(container_kind container)
+{
+    return row_of(container).word;
 }
 
 namespace
@@ -174,14 +205,7 @@ bool is_cut_short(const soundfile *file)
 {
     const int64_t size = size_of(file);
     if (size >= file->probed_bytes) return false;
-    switch (file->container) {
-    case container_wav:
-        return file->bytes_left >= file->wave.nBlockAlign;
-    case container_dsf:
-        return file->dsf_bytes_left > 0;
-    default:
-        return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
-    }
+    return row_of(file->container).lacks_sound(file, size);
 }
 
 // A front-end hears of what the player passes over in silence.
@@ -933,8 +957,7 @@ int64_t total_seconds(const soundfile *file)
     const wave_format &wave = file->wave;
     if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
     // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
-    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
-    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
+    const uint64_t factor = is_dsd(file) ? uint64_t{8} * stream_channels : 1;
     const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
 }

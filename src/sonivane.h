@@ -77,8 +77,8 @@ struct soundfile {
     int32_t channels;                   // channels stored in the file
     int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
-    int32_t container;                  // container_kind
-    std::atomic<int64_t> position;      // played, 1/352800 s; written by the output thread
+    container_kind container;
+    std::atomic<int64_t> position; // played, 1/352800 s; written by the output thread
     // PCM: bytes of the two played channels still to feed; DSD: bytes of one channel, constant.
     int64_t bytes_left;
     int64_t data_bytes; // as bytes_left, constant once open; gives the banner its total time
@@ -99,6 +99,12 @@ struct soundfile {
     int64_t sound_offset;      // where the sound began then
     soundfile *next;           // the following element of file_list; null in the end sentinel
 };
+
+// Whether an open file holds DSD. Main thread.
+inline bool is_dsd(const soundfile *file)
+{
+    return file->wave.wBitsPerSample == dsd_bits_per_sample;
+}
 
 // Sets the length of a DSD file from its header's bits of one channel: the bytes to feed are whole
 // ones, a begun one counts in the time that the banner tells. Main thread.
@@ -194,6 +200,9 @@ const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 // the slots are set and the stream stands on the first sound byte. -1: none did, and fp is open for
 // the caller to close. A path that cannot be opened is report 725. Main thread.
 int32_t open_soundfile(soundfile *file);
+
+// The word for the container in an event. Any thread.
+const char *container_word(container_kind container);
 
 // Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of
 // room, of files, or after a SIGINT; else -1. Main thread, through fill_buffer.

@@ -39,7 +39,7 @@ int32_t open_content(soundfile *file, const bytes &content)
 // Reads an open file to its end in requests of count bytes.
 void check_sound(const file_row &row, soundfile *file, int32_t count)
 {
-    const bool pcm = file->container == container_wav;
+    const bool pcm = !is_dsd(file);
     bytes part(static_cast<size_t>(count));
     bytes all;
     for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(file, nullptr, few), 1);
