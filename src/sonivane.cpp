@@ -335,14 +335,20 @@ size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// The last row stands for every other PCM word, too.
-constexpr std::array<dsd_form, 6> dsd_forms = {{
-    {SND_PCM_FORMAT_DSD_U32_LE, flag_off, "native", 32, 8, 1, native_cut, pack_native_le},
-    {SND_PCM_FORMAT_DSD_U32_BE, flag_off, "native", 32, 8, 1, native_cut, pack_native_be},
-    {SND_PCM_FORMAT_S24_3LE, flag_off, "DoP", 16, 6, 2, dop_cut, pack_dop_3_bytes},
-    {SND_PCM_FORMAT_S32_LE, flag_on, "I2S", 32, 8, 2, i2s_cut, pack_i2s},
-    {SND_PCM_FORMAT_S24_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_s24},
-    {SND_PCM_FORMAT_S32_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_4_bytes},
+// Also the form of every PCM word that has none of its own.
+constexpr dsd_form dop_4_bytes = {
+    SND_PCM_FORMAT_S32_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_4_bytes};
+
+constexpr std::array<dsd_form, 6> form_rows = {{
+    {SND_PCM_FORMAT_DSD_U32_BE, form_offer::always, "native", 32, 1, 8, 1, native_cut,
+     pack_native_be},
+    {SND_PCM_FORMAT_S32_LE, form_offer::with_i2s, "I2S", 32, 2, 8, 2, i2s_cut, pack_i2s},
+    dop_4_bytes,
+    {SND_PCM_FORMAT_S24_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_s24},
+    {SND_PCM_FORMAT_S24_3LE, form_offer::without_i2s, "DoP", 16, 2, 6, 2, dop_cut,
+     pack_dop_3_bytes},
+    {SND_PCM_FORMAT_DSD_U32_LE, form_offer::never, "native", 32, 1, 8, 1, native_cut,
+     pack_native_le},
 }};
 
 // Groups of one call: a budget of frames, up to the end of the ring's data area, in whole groups. A
@@ -366,11 +372,14 @@ void overwrite_cut_channels(std::span<uint8_t> groups, uint8_t fill)
 
 } // namespace
 
+const std::span<const dsd_form> dsd_forms = form_rows;
+
 const dsd_form &find_dsd_form(int32_t format, int32_t i2s)
 {
     for (const dsd_form &form : dsd_forms)
-        if (form.format == format && (form.i2s == flag_off || i2s != flag_off)) return form;
-    return dsd_forms.back();
+        if (form.format == format && (form.offered != form_offer::with_i2s || i2s != flag_off))
+            return form;
+    return dop_4_bytes;
 }
 
 int32_t dsd_feeder()

@@ -179,18 +179,32 @@ extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none
 
+// When the device is asked for a form.
+enum class form_offer {
+    always,
+    with_i2s,
+    without_i2s,
+    never, // a stream that has it is packed all the same
+};
+
 // One form of DSD on the device: how the bits of both channels lie in its frames.
 struct dsd_form {
-    int32_t format;         // SND_PCM_FORMAT_* of the device
-    int32_t i2s;            // the form is for i2s_mode
+    int32_t format; // SND_PCM_FORMAT_* of the device
+    form_offer offered;
     const char *label;      // in the stream's banner
     int32_t bits_per_frame; // of a channel
+    int32_t rate_step;      // the frame rate is a multiple of it: an even one in PCM words
     uint32_t frame_bytes;
-    uint32_t budget_frames; // frames of a feeder call's budget that a group of 8 bytes costs
-    uint8_t cut;            // what the bytes of a cut channel become
+    // Frames of a feeder call's budget that a group of 8 bytes costs. A call of I2S, which makes
+    // one frame of it, reads as much as one of DoP, which makes two.
+    uint32_t budget_frames;
+    uint8_t cut; // what the bytes of a cut channel become
     // Packs whole groups as the readers deliver them into frames at out. Result: bytes stored.
     size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out);
 };
+
+// All forms, in the order in which the device is asked for them.
+extern const std::span<const dsd_form> dsd_forms;
 
 // The form that a device format gives, in i2s_mode or not. Any PCM word that has no form of its own
 // gets DoP in 4 bytes. Any thread.
