@@ -424,11 +424,14 @@ void event_end(int32_t status)
         while (finish(line) == outcome::no_room && milliseconds_now() < latest) poll(nullptr, 0, 1);
     };
     const stop_cause &cause = *load_acquire(stopped_by);
-    const text_field reason = {"reason", name_of(cause.reason)};
-    const number_field shown_status = {"status", status & 0xFF};
-    if (cause.unit == nullptr)
-        lay_out<short_line>("end", insist, reason, shown_status);
-    else
-        lay_out<short_line>("end", insist, reason, text_field{"unit", cause.unit},
-                            number_field{"number", cause.number}, shown_status);
+    const char *reason = name_of(cause.reason);
+    const int32_t shown_status = status & 0xFF;
+    if (cause.unit == nullptr) {
+        lay_out<short_line>("end", insist, text_field{"reason", reason},
+                            number_field{"status", shown_status});
+    } else {
+        lay_out<short_line>("end", insist, text_field{"reason", reason},
+                            text_field{"unit", cause.unit}, number_field{"number", cause.number},
+                            number_field{"status", shown_status});
+    }
 }

@@ -19,6 +19,7 @@ namespace
 
 const std::string stream_line = "Open 44100Hzfs PCM stream\n";
 const std::string steering_name = "\x1b[2J\x7f\xc3\xa9\r\n"; // would steer the terminal
+const std::string end_mark = "\x04";
 
 // What the texts of the table leave to be put in, in this order.
 const std::vector<std::pair<std::string, std::string>> shorthands = {
@@ -30,6 +31,7 @@ const std::vector<std::pair<std::string, std::string>> shorthands = {
      "@alsathread 505 snd_pcm_open() failed. Device or resource busy\\n\\n"},
     {"{usage}", "usage:\t" PLAYER_PATH " [params...] sound_file...\n\n"},
     {"{steering}", steering_name},
+    {"{end}", end_mark},
     {"@", "\nERROR "},
     {"\\n", "\n"},
     {"\\e", "\x1b"},
@@ -100,7 +102,7 @@ void expect_row(const std::string &line)
     const auto result = run_player(settings);
     EXPECT_EQ(result.end, columns[1]);
     EXPECT_EQ(result.err, err);
-    EXPECT_TRUE(result.out.starts_with(columns[5])) << result.out;
+    EXPECT_TRUE((result.out + end_mark).starts_with(columns[5])) << result.out;
     if (!columns[6].empty()) {
         EXPECT_EQ(told_words(result, "stream"), columns[6]);
         EXPECT_TRUE(settings.arguments[0] == "-os" ||

@@ -26,6 +26,13 @@ std::string text_of(const fs::path &name)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// From the first place of one text up to the next of another.
+std::string part_of(const std::string &text, const std::string &from, const std::string &to)
+{
+    const size_t start = text.find(from);
+    return text.substr(start, text.find(to, start + from.size()) - start);
+}
+
 // What is found of a pattern, in a form of its groups.
 words find_all(const std::string &text, const char *pattern, const std::string &form = "$1$2")
 {
@@ -45,15 +52,22 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     const words options = find_all(parser, R"re(^ +\{"(-[^"=]+))re");
     EXPECT_GT(options.size(), 8U);
     const char *const flag = R"(\bFl ([^\s\\=]+))";
-    EXPECT_EQ(find_all(page.substr(0, page.find(".Sh DESCRIPTION")), flag, "-$1"), options);
+    EXPECT_EQ(find_all(part_of(page, "", ".Sh DESCRIPTION"), flag, "-$1"), options);
     EXPECT_EQ(find_all(page, flag, "-$1"), options);
     EXPECT_EQ(find_all(page, R"(^\.It Fl ([^\s=]+)|, Fl (.)\\&$)", "-$1$2"), options);
-    const size_t offers = bash.find("'-os");
-    EXPECT_EQ(find_all(bash.substr(offers, bash.find("' --", offers) - offers), "(-[^\\s'=]+)"),
-              options);
+    EXPECT_EQ(find_all(part_of(bash, "'-os", "' --"), "(-[^\\s'=]+)"), options);
     EXPECT_EQ(find_all(zsh, R"(^ +'(?:\*|\(- \*\))?(-[^=[\\]*)\\?(\??))"), options);
     const std::string spelled = std::regex_replace(fish, std::regex(" -l "), " -o -");
     EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s']+))"), options);
+
+    // Options with a value: those that take the next word for it, and all.
+    const char *const option = R"((--?\w[-\w]*))";
+    const words next = find_all(parser, R"re(^ +\{"(\S+)", value_place::next_entry)re");
+    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[nb][^o])re");
+    EXPECT_EQ(find_all(part_of(bash, "case ${words", "((++i))"), option), next);
+    EXPECT_EQ(find_all(part_of(fish, "contains -- $word", "\n"), option), next);
+    EXPECT_EQ(find_all(part_of(bash, "case $prev", "esac"), R"((-\S+)(?=\)$| \|))"), valued);
+    EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] (\S+) -x)"), valued);
 
     const words modes = find_all(parser, R"re(\{"(\w)", "([^"]+))re");
     EXPECT_EQ(find_all(page, R"(\.Ql (\S+)\nfor the name (\w))", "$2$1"), modes);
@@ -97,6 +111,47 @@ TEST(documents, tell_every_report_and_its_exit_status)
     }
     const std::string page = text_of("docs/sonivane.1");
     EXPECT_EQ(find_all(page, R"(^\.It Sy (\w+ [0-9]+) No \(([^)]+)\)$)", "$1 $2"), entries);
+    // The README has the status of the last one in a row.
+    const words usual = find_all(text_of("README.md"), "^\\| (`.*` \\| \\S+) \\|");
+    EXPECT_GT(usual.size(), 10U);
+    for (std::string row : usual) {
+        for (const auto &[from, to] : {std::pair("^`(\\w+) (.*`)?([0-9]+)` \\| ", "$1 $3 "),
+                                       {"–", "goes on"},
+                                       {"([0-9]+) same", "$1 $1"},
+                                       {" ([0-9]+)$", " status $1"}})
+            row = std::regex_replace(row, std::regex(from), to);
+        EXPECT_TRUE(entries.contains(row)) << row;
+    }
+}
+
+// "name field field", of rows that are "name|" and what the fields stand in.
+words in_order(const words &rows, const std::string &field)
+{
+    words found;
+    const std::regex parts("^([^|]+)|" + field);
+    for (const std::string &row : rows)
+        found.insert(std::regex_replace(row, parts, "$1$2 ", std::regex_constants::format_no_copy));
+    return found;
+}
+
+TEST(documents, tell_the_events_with_their_fields_and_words)
+{
+    const std::string page = text_of("docs/front-end.md"), source = text_of("src/events.cpp"),
+                      lines = part_of(page, "## The lines", "## "),
+                      player = text_of("src/sonivane.cpp") + text_of("src/dir2files.cpp");
+    const char *const call = R"re(<\w+_line>\(\s*"([^"]+)",([^;]+))re";
+    words events = in_order(find_all(source, call, "$1|$2"), R"re(_field\{"(\w+)")re");
+    EXPECT_EQ(events.erase("end reason status "), 1U); // without a report
+    EXPECT_EQ(in_order(find_all(lines, R"(^\| `([^`]+)` \|([^|]+))", "$1|$2"), "`(\\w+)`"), events);
+
+    words values = {"rf64", "pcm", "native", "dop", "i2s", "report"};
+    values.merge(find_all(player, R"re(\{container_\w+, "(\w+)"|_left_out\([^"]+"([^"]+))re"));
+    EXPECT_EQ(find_all(lines, "`\"([^`]+)\"`"), values);
+    const words reasons = find_all(part_of(page, "## Reasons", "## "), "^\\| `([^`]+)` \\| \\w");
+    EXPECT_EQ(find_all(part_of(source, "name_of(stop_reason", "return"), "\"([^\"]+)\""), reasons);
+    const std::string causes = part_of(text_of("src/sonivane.h"), "enum class stop_reason", "};");
+    EXPECT_EQ(find_all(std::regex_replace(causes, std::regex("_"), " "), "^    ([a-z ]+),"),
+              reasons);
 }
 
 TEST(documents, tell_one_version)
