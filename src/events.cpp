@@ -307,10 +307,27 @@ const char *kind_of(const soundfile *file)
 
 const char *name_of(stop_reason reason)
 {
-    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
-                                                          "underrun", "suspended",  "disconnected",
-                                                          "refused",  "read error", "report"};
-    return names[static_cast<size_t>(reason)];
+    switch (reason) {
+    case stop_reason::played:
+        return "played";
+    case stop_reason::key:
+        return "key";
+    case stop_reason::interrupt:
+        return "interrupt";
+    case stop_reason::underrun:
+        return "underrun";
+    case stop_reason::suspended:
+        return "suspended";
+    case stop_reason::disconnected:
+        return "disconnected";
+    case stop_reason::refused:
+        return "refused";
+    case stop_reason::read_error:
+        return "read error";
+    case stop_reason::report:
+        return "report";
+    }
+    return "";
 }
 
 // Frames, or bits of a channel.
