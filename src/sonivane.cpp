@@ -603,7 +603,8 @@ template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shi
     }
 }
 
-// Words whose whole frames fit in the ring while each still leaves more than its own size free.
+// Words of the whole frames that fit in the ring. A frame goes in only while more than its own size
+// is free, beside the frame that the ring keeps.
 size_t words_of_room()
 {
     const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
@@ -857,7 +858,6 @@ void set_up_stream()
 }
 
 constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
-constexpr uint64_t buffer_bytes_limit = uint64_t{1} << 31;
 
 uint32_t ring_pause; // microseconds that main may sleep while the ring is full
 
@@ -869,7 +869,7 @@ void make_ring()
     }
     buffer_bytes = std::max(buffer_bytes, smallest_buffer_bytes);
     const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
-    if (buffer_bytes < buffer_bytes_limit)
+    if (buffer_bytes < ring_size_limit)
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
     ring_pause = pause_of(ring->usable_size / frame_bytes, output_rate);
