@@ -244,16 +244,16 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     if (result.capture == told) return;
     const auto at = std::ranges::mismatch(result.capture, told).in1 - result.capture.begin();
     const auto part = std::prev(parts.upper_bound(static_cast<size_t>(std::max(at - silence, 0L))));
-    size_t sent = 0; // bytes
+    size_t sent = 0, taken = 0; // bytes, frames
     std::string write;
-    for (size_t taken = 0; const std::string &line : result.log) {
-        if (std::cmp_greater(sent, at)) break;
-        if (std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1) write = line;
-        sent += 2 * form.bytes * std::exchange(taken, 0);
-    }
-    ADD_FAILURE() << form.name << ": " << result.capture.size() << " bytes for " << told.size()
-                  << ", the first other one is " << at - silence - static_cast<long>(part->first)
-                  << " of " << part->second << ", in: " << write;
+    for (const std::string &line : result.log)
+        if (std::cmp_less_equal(sent, at) &&
+            std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1)
+            sent += taken * 2 * form.bytes, write = line;
+    ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes for "
+                  << told.size() << ", the first other one is "
+                  << at - silence - static_cast<long>(part->first) << " of " << part->second
+                  << ", in: " << write;
 }
 
 // --- Mixed lists --------------------------------------------------------------------------------
@@ -266,8 +266,7 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
     std::mt19937 random(1);
     for (uint32_t i = 0; i < files; ++i) {
         std::string kind;
-        bytes file;
-        bytes played;
+        bytes file, played;
         const bool dsd = i == 0 ? form.kind != packing::pcm : random() % 2 == 0;
         const auto rate =
             static_cast<uint32_t>(list.rate) + static_cast<uint32_t>(i == 0 ? 0 : random() % 1000);
@@ -290,8 +289,7 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
         }
         std::array<char, 64> path;
         std::snprintf(path.data(), path.size(), "%s/%05u %s", name.c_str(), i, kind.c_str());
-        scratch_file(path.data(), file);
-        list.parts[list.sound.size()] = path.data();
+        list.parts[list.sound.size()] = scratch_file(path.data(), file);
         put_bytes(list.sound, played);
     }
     return list;
