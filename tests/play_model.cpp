@@ -244,7 +244,7 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     if (result.capture == told) return;
     const auto at = std::ranges::mismatch(result.capture, told).in1 - result.capture.begin();
     const auto part = std::prev(parts.upper_bound(static_cast<size_t>(std::max(at - silence, 0L))));
-    size_t sent = 0, taken = 0; // bytes, frames
+    unsigned long sent = 0, taken = 0; // bytes, frames
     std::string write;
     for (const std::string &line : result.log)
         if (std::cmp_less_equal(sent, at) &&

@@ -109,15 +109,16 @@ TEST(documents, tell_every_report_and_its_exit_status)
     for (const std::string &name : printed) {
         const std::string number = name.substr(name.find(' ') + 1);
         const auto status = std::to_string(std::stoi(number) & 0xFF);
-        entries.insert(name + (mild.contains(name) ? " goes on" : " status " + status));
-        rows.insert(name + " " + (mild.contains(name) ? "–" : status == number ? "same" : status));
+        const bool goes_on = mild.contains(name);
+        entries.insert(name + (goes_on ? " goes on" : " status " + status));
+        rows.insert(name + (goes_on ? " –" : " " + (status == number ? "same" : status)));
     }
     const std::string page = text_of("docs/sonivane.1");
     EXPECT_EQ(find_all(page, R"(^\.It Sy (\w+ [0-9]+) No \(([^)]+)\)$)", "$1 $2"), entries);
-    const words usual =
+    const words told =
         find_all(text_of("README.md"), R"(^\| `(\w+) .*?([0-9]+)` \| (\S+) \|)", "$1 $2 $3");
-    EXPECT_GT(usual.size(), 10U);
-    EXPECT_TRUE(std::ranges::includes(rows, usual)) << testing::PrintToString(usual);
+    EXPECT_GT(told.size(), 10U);
+    EXPECT_TRUE(std::ranges::includes(rows, told)) << testing::PrintToString(told);
 }
 
 TEST(documents, tell_the_events_with_their_fields_and_words)
