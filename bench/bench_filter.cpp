@@ -50,7 +50,6 @@ constexpr auto widths = std::to_array<filter_width>({
     {4, "128", vectors_128::run_peak},
 #if defined(__x86_64__)
     {8, "256", vectors_256::run_peak},
-    {16, "512", vectors_512::run_peak},
 #endif
 });
 // clang-format on

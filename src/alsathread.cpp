@@ -99,16 +99,23 @@ int32_t card_takes_i2s(int32_t card)
     return found;
 }
 
-// What the stream is, as wished or as the device agreed to it.
+// Of the first file, in Hz.
+int32_t source_rate()
+{
+    return file_list[0].wave.nSamplesPerSec;
+}
+
+// What the stream is, as the device agreed to it.
 struct stream_settings {
     int32_t format; // SND_PCM_FORMAT_*; -1: none
     int32_t rate;   // frames per second
     int32_t i2s;
 };
 
-// Whether raw DSD bits go out, from the device's name alone.
+// Whether raw DSD bits are to go out, from the device's name alone.
 int32_t wished_i2s()
 {
+    if (dsd_stream == 0) return flag_off;
     int card = 0;
     int device = 0;
     if (controller == nullptr ||
@@ -117,16 +124,10 @@ int32_t wished_i2s()
     return card_takes_i2s(card);
 }
 
-// What the stream would be, from the first file alone. The rate of DSD is the device's to decide.
-stream_settings wished_stream()
+void refuse_fast_dsd()
 {
-    const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
-    if (dsd_stream == 0)
-        return {output_format, oversample != 0 ? oversampled_rate : source_rate, flag_off};
-    const int32_t i2s = wished_i2s();
-    if (source_rate > dsd_rate_limit)
-        fatal_report(unit, 456, "Delta Sigma frequency too high %dHz\n", source_rate);
-    return {output_format, source_rate, i2s};
+    if (dsd_stream != 0 && source_rate() > dsd_rate_limit)
+        fatal_report(unit, 456, "Delta Sigma frequency too high %dHz\n", source_rate());
 }
 
 // --- Opening ------------------------------------------------------------------------------------
@@ -192,34 +193,37 @@ int32_t widest_format(snd_pcm_hw_params_t *params)
     return best;
 }
 
-// Frames per second of DSD in that form. In PCM words the rate is always an even one.
-int32_t dsd_rate(const dsd_form &form)
+void choose_pcm_form(snd_pcm_hw_params_t *params, stream_settings *stream)
 {
-    const int32_t source_rate = file_list[0].wave.nSamplesPerSec;
-    if (form.format == SND_PCM_FORMAT_DSD_U32_BE) return source_rate / form.bits_per_frame;
-    return source_rate / (2 * form.bits_per_frame) * 2;
+    *stream = {widest_format(params), oversample != 0 ? oversampled_rate : source_rate(), flag_off};
 }
 
-// Settles the DSD form: native words where the device takes them, else DoP in the widest PCM word,
-// or the one word of I2S. Result: 0, or the code of the last refused test.
-int choose_dsd_form(snd_pcm_hw_params_t *params, stream_settings *stream)
+bool is_offered(const dsd_form &form, int32_t i2s)
 {
-    static constexpr std::array<int32_t, 4> formats = {SND_PCM_FORMAT_DSD_U32_BE,
-                                                       SND_PCM_FORMAT_S32_LE, SND_PCM_FORMAT_S24_LE,
-                                                       SND_PCM_FORMAT_S24_3LE};
-    constexpr size_t i2s_formats = 2;
+    return form.offered == form_offer::always ||
+           form.offered == (i2s != 0 ? form_offer::with_i2s : form_offer::without_i2s);
+}
 
+// Frames per second of DSD in that form.
+int32_t dsd_rate(const dsd_form &form)
+{
+    return source_rate() / (form.rate_step * form.bits_per_frame) * form.rate_step;
+}
+
+// Settles the DSD form: the first one offered that the device takes. Result: 0, or the code of the
+// last refused test.
+int choose_dsd_form(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
+{
     int code = 0;
-    for (const int32_t format :
-         std::span(formats).first(stream->i2s != 0 ? i2s_formats : formats.size())) {
-        code = test_format(params, format);
+    for (const dsd_form &form : dsd_forms) {
+        if (!is_offered(form, i2s)) continue;
+        code = test_format(params, form.format);
         if (code != 0) continue;
-        const dsd_form &dsd = find_dsd_form(format, stream->i2s);
-        *stream = {format, dsd_rate(dsd), dsd.i2s};
+        *stream = {form.format, dsd_rate(form),
+                   form.offered == form_offer::with_i2s ? flag_on : flag_off};
         return 0;
     }
-    if (stream->i2s == 0)
-        report(unit, 167, "snd_pcm_hw_params_set_format(Delta Sigma stream) failed.\n");
+    if (i2s == 0) report(unit, 167, "snd_pcm_hw_params_set_format(Delta Sigma stream) failed.\n");
     return code;
 }
 
@@ -283,7 +287,8 @@ void set_period(snd_pcm_hw_params_t *params)
 
 // Narrows params down to what is wished and granted, without setting them. Results as of
 // sound_hwparams.
-int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period_choice periods)
+int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, period_choice periods,
+                    stream_settings *stream)
 {
     require(snd_pcm_hw_params_any(pcm, params), 118,
             "Broken configuration for playback: no configurations available: %s\n");
@@ -295,10 +300,10 @@ int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period
                      stream_channels, snd_strerror(code));
     }
     if (dsd_stream != 0) {
-        const int refused = choose_dsd_form(params, stream);
+        const int refused = choose_dsd_form(params, i2s, stream);
         if (refused != 0) return refused;
     } else {
-        stream->format = widest_format(params);
+        choose_pcm_form(params, stream);
     }
     set_format(params, stream->format);
     set_rate(params, stream->rate);
@@ -307,17 +312,15 @@ int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period
     return 0;
 }
 
-// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, which comes
-// with the wished rate and I2S. Result: 0, or the negative code that refused a form; every other
-// failure ends the process. A sound server whose periods are powers of two refuses the buffer that
-// it would have granted on top of a period.
-int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
+// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, in I2S if
+// that is wished. Result: 0, or the negative code that refused a form; every other failure ends the
+// process. A sound server whose periods are powers of two refuses the buffer that it would have
+// granted on top of a period.
+int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
-    const stream_settings wished = *stream;
-    int refused = choose_hwparams(params, stream, period_choice::none);
+    int refused = choose_hwparams(params, i2s, period_choice::none, stream);
     if (refused != 0 || snd_pcm_hw_params(pcm, params) >= 0) return refused;
-    *stream = wished;
-    refused = choose_hwparams(params, stream, period_choice::quarter_buffer);
+    refused = choose_hwparams(params, i2s, period_choice::quarter_buffer, stream);
     if (refused != 0) return refused;
     require(snd_pcm_hw_params(pcm, params), 239, "Unable to set hw params for playback: %s\n");
     return 0;
@@ -377,12 +380,13 @@ bool agrees_with_settled(const stream_settings &stream)
 // the device could be had.
 bool sound_open(stream_settings *stream)
 {
-    *stream = wished_stream();
+    refuse_fast_dsd();
+    const int32_t i2s = wished_i2s();
     if (!open_device()) return false;
 
     snd_pcm_hw_params_t *hw_params = nullptr;
     snd_pcm_hw_params_alloca(&hw_params);
-    int code = sound_hwparams(hw_params, stream);
+    int code = sound_hwparams(hw_params, i2s, stream);
     if (code == 0 && !agrees_with_settled(*stream)) code = -EINVAL;
     if (code != 0) fatal_report(unit, 514, "sound_hwparams() failed. %s\n", snd_strerror(code));
 
@@ -745,7 +749,7 @@ void close_device()
 int32_t sound_probe()
 {
     stream_settings stream{};
-    dsd_stream = file_list[0].wave.wBitsPerSample == dsd_bits_per_sample ? 1 : 0;
+    dsd_stream = is_dsd(&file_list[0]) ? 1 : 0;
     if (!sound_open(&stream)) return -1;
     output_format = stream.format;
     output_rate = stream.rate;

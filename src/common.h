@@ -30,6 +30,6 @@ void coeff_filter_free();
 int32_t coeff_filter_init_rows(const coeff_row *rows, int32_t source_rate, int32_t target_rate,
                                int32_t channels);
 
-// Frees the filter, and takes vectors of 4, 8 or 16 floats for the next ones, or the widest for 0.
+// Frees the filter, and takes vectors of 4 or 8 floats for the next ones, or the widest for 0.
 // False when the processor or the program lacks them.
 bool coeff_filter_take_width(int32_t vector_floats);

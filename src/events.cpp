@@ -326,23 +326,13 @@ bool is_time(int64_t *next)
 
 const char *kind_of(const soundfile *file)
 {
-    switch (file->container) {
-    case container_dsf:
-        return "dsf";
-    case container_dsdiff:
-        return "dsdiff";
-    case container_wsd:
-        return "wsd";
-    default:
-        return file->rf64 != 0 ? "rf64" : "wav";
-    }
+    return file->rf64 != 0 ? "rf64" : container_word(file->container);
 }
 
 // Frames, or bits of a channel.
 int64_t units_of(const soundfile *file)
 {
-    if (file->wave.wBitsPerSample == dsd_bits_per_sample)
-        return file->data_bytes > INT64_MAX / 8 ? 0 : file->data_bytes * 8;
+    if (is_dsd(file)) return file->data_bytes > INT64_MAX / 8 ? 0 : file->data_bytes * 8;
     return file->wave.nBlockAlign == 0 ? 0 : file->data_bytes / file->wave.nBlockAlign;
 }
 
@@ -375,10 +365,27 @@ bool events_open(const char *number)
 
 const char *name_of(stop_reason reason)
 {
-    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
-                                                          "underrun", "suspended",  "disconnected",
-                                                          "refused",  "read error", "report"};
-    return names[static_cast<size_t>(reason)];
+    switch (reason) {
+    case stop_reason::played:
+        return "played";
+    case stop_reason::key:
+        return "key";
+    case stop_reason::interrupt:
+        return "interrupt";
+    case stop_reason::underrun:
+        return "underrun";
+    case stop_reason::suspended:
+        return "suspended";
+    case stop_reason::disconnected:
+        return "disconnected";
+    case stop_reason::refused:
+        return "refused";
+    case stop_reason::read_error:
+        return "read error";
+    case stop_reason::report:
+        return "report";
+    }
+    return "";
 }
 
 bool events_wanted()
@@ -485,12 +492,14 @@ void event_end(int32_t status)
         while (finish(line) == outcome::no_room && milliseconds_now() < latest) poll(nullptr, 0, 1);
     };
     const stop_cause &cause = *load_acquire(stopped_by);
-    const text_field reason = {"reason", name_of(cause.reason)};
-    const number_field shown_status = {"status", status & 0xFF};
-    if (cause.unit == nullptr)
-        lay_out<short_line>("end", insist, reason, shown_status);
-    else
-        lay_out<long_line>("end", insist, reason, text_field{"unit", cause.unit},
-                           number_field{"number", cause.number}, text_field{"text", cause.text},
-                           shown_status);
+    const char *reason = name_of(cause.reason);
+    const int32_t shown_status = status & 0xFF;
+    if (cause.unit == nullptr) {
+        lay_out<short_line>("end", insist, text_field{"reason", reason},
+                            number_field{"status", shown_status});
+    } else {
+        lay_out<long_line>("end", insist, text_field{"reason", reason},
+                           text_field{"unit", cause.unit}, number_field{"number", cause.number},
+                           text_field{"text", cause.text}, number_field{"status", shown_status});
+    }
 }

@@ -10,13 +10,12 @@ namespace
 {
 
 constexpr int32_t report_out_of_memory = 16;
-constexpr uint32_t size_limit = 1U << 31; // a size on the command line is below it
 
 } // namespace
 
 ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files)
 {
-    if (frame_bytes == 0 || size >= size_limit) return nullptr;
+    if (frame_bytes == 0 || size >= ring_size_limit) return nullptr;
 
     const auto entries = static_cast<size_t>(files) + 1;
     void *memory = std::malloc(sizeof(ringbuffer) + size);

@@ -21,6 +21,8 @@
 // that first byte; read by the output thread.
 using track_mark = std::atomic<uint64_t>;
 
+inline constexpr uint32_t ring_size_limit = 1U << 31; // bytes; every ring is below it
+
 inline constexpr uint64_t mark_unset = UINT64_MAX;
 
 struct ringbuffer {
@@ -34,8 +36,8 @@ struct ringbuffer {
 };
 
 // Makes an empty ring. size and frame_bytes are in bytes; files is the number of files that get
-// marks. Null for a frame of 0 bytes or a size of 2 GiB or more, silently, and after report 16 for
-// want of memory. Either thread.
+// marks. Null for a frame of 0 bytes or a size of ring_size_limit or more, silently, and after
+// report 16 for want of memory. Either thread.
 ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files);
 
 // Frees *owner with its marks and clears it; *owner may be null. Main thread, when no other uses

@@ -111,23 +111,50 @@ void describe_pcm(soundfile *file)
     file->sample_bytes = file->wave.nBlockAlign / file->wave.nChannels;
 }
 
-// The parsers in the order in which a file is offered to them, and what a file that one takes is
-// described and fed by.
+// Whether a file of now size bytes that was read to its end lacks sound that its header promised.
+// Each reader leaves another count to ask.
+bool lacks_pcm(const soundfile *file, int64_t)
+{
+    return file->bytes_left >= file->wave.nBlockAlign;
+}
+
+bool lacks_dsf(const soundfile *file, int64_t)
+{
+    return file->dsf_bytes_left > 0;
+}
+
+// DSDIFF and WSD, whose reader counts nothing.
+bool lacks_dsd(const soundfile *file, int64_t size)
+{
+    return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
+}
+
+// All that the player knows of a container. Files are offered to the parsers in this order.
 struct container_row {
     container_kind container;
+    const char *word; // for front-ends
     int32_t (*open)(soundfile *file);
     void (*describe)(soundfile *file);
     reader_slot read;
     feeder_slot feed;
+    bool (*lacks_sound)(const soundfile *file, int64_t size);
     // Passes over frames (PCM) or bytes of each channel (DSD), of a file that has more of them.
     bool (*skip)(soundfile *file, int64_t count);
 };
 constexpr std::array<container_row, 4> containers = {{
-    {container_wav, wav_open, describe_pcm, wav_read, pcm_feeder, wav_skip},
-    {container_dsdiff, dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder, dsdiff_skip},
-    {container_dsf, dsf_open, describe_dsd, dsf_read, dsd_feeder, dsf_skip},
-    {container_wsd, wsd_open, describe_dsd, wsd_read, dsd_feeder, wsd_skip},
+    {container_wav, "wav", wav_open, describe_pcm, wav_read, pcm_feeder, lacks_pcm, wav_skip},
+    {container_dsdiff, "dsdiff", dsdiff_open, describe_dsd, dsdiff_read, dsd_feeder, lacks_dsd,
+     dsdiff_skip},
+    {container_dsf, "dsf", dsf_open, describe_dsd, dsf_read, dsd_feeder, lacks_dsf, dsf_skip},
+    {container_wsd, "wsd", wsd_open, describe_dsd, wsd_read, dsd_feeder, lacks_dsd, wsd_skip},
 }};
+
+const container_row &row_of(container_kind container)
+{
+    const auto *row = containers.data();
+    while (row->container != container) ++row;
+    return *row;
+}
 
 // The file that plays is read in few calls, as network mounts like it. Of the others only the
 // header is wanted. No more than one plays at a time.
@@ -204,16 +231,20 @@ int64_t position_at(int64_t periods, int32_t rate)
 
 } // namespace
 
+const char *container_word(container_kind container)
+{
+    return row_of(container).word;
+}
+
 bool begin_at(soundfile *file, const exact_time &time)
 {
     const int32_t rate = file->wave.nSamplesPerSec;
-    const bool dsd = file->wave.wBitsPerSample == dsd_bits_per_sample;
+    const bool dsd = is_dsd(file);
     const int64_t periods_each = dsd ? 8 : 1; // of what is passed over
     int64_t count = periods_of(time, rate) / periods_each;
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
-    for (const container_row &row : containers)
-        if (row.container == file->container && !row.skip(file, count)) return false;
+    if (!row_of(file->container).skip(file, count)) return false;
     file->begun_at = count * periods_each;
     if (count != 0) store_release(file->position, position_at(file->begun_at, rate));
     return true;
@@ -242,14 +273,7 @@ bool is_cut_short(const soundfile *file)
 {
     const int64_t size = size_of(file);
     if (size >= file->probed_bytes) return false;
-    switch (file->container) {
-    case container_wav:
-        return file->bytes_left >= file->wave.nBlockAlign;
-    case container_dsf:
-        return file->dsf_bytes_left > 0;
-    default:
-        return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
-    }
+    return row_of(file->container).lacks_sound(file, size);
 }
 
 void note_read_error(const soundfile *file)
@@ -393,14 +417,20 @@ size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// The last row stands for every other PCM word, too.
-constexpr std::array<dsd_form, 6> dsd_forms = {{
-    {SND_PCM_FORMAT_DSD_U32_LE, flag_off, "native", 32, 8, 1, native_cut, pack_native_le},
-    {SND_PCM_FORMAT_DSD_U32_BE, flag_off, "native", 32, 8, 1, native_cut, pack_native_be},
-    {SND_PCM_FORMAT_S24_3LE, flag_off, "DoP", 16, 6, 2, dop_cut, pack_dop_3_bytes},
-    {SND_PCM_FORMAT_S32_LE, flag_on, "I2S", 32, 8, 2, i2s_cut, pack_i2s},
-    {SND_PCM_FORMAT_S24_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_s24},
-    {SND_PCM_FORMAT_S32_LE, flag_off, "DoP", 16, 8, 2, dop_cut, pack_dop_4_bytes},
+// Also the form of every PCM word that has none of its own.
+constexpr dsd_form dop_4_bytes = {
+    SND_PCM_FORMAT_S32_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_4_bytes};
+
+constexpr std::array<dsd_form, 6> form_rows = {{
+    {SND_PCM_FORMAT_DSD_U32_BE, form_offer::always, "native", 32, 1, 8, 1, native_cut,
+     pack_native_be},
+    {SND_PCM_FORMAT_S32_LE, form_offer::with_i2s, "I2S", 32, 2, 8, 2, i2s_cut, pack_i2s},
+    dop_4_bytes,
+    {SND_PCM_FORMAT_S24_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_s24},
+    {SND_PCM_FORMAT_S24_3LE, form_offer::without_i2s, "DoP", 16, 2, 6, 2, dop_cut,
+     pack_dop_3_bytes},
+    {SND_PCM_FORMAT_DSD_U32_LE, form_offer::never, "native", 32, 1, 8, 1, native_cut,
+     pack_native_le},
 }};
 
 // Groups of one call: a budget of frames, up to the end of the ring's data area, in whole groups. A
@@ -424,11 +454,14 @@ void overwrite_cut_channels(std::span<uint8_t> groups, uint8_t fill)
 
 } // namespace
 
+const std::span<const dsd_form> dsd_forms = form_rows;
+
 const dsd_form &find_dsd_form(int32_t format, int32_t i2s)
 {
     for (const dsd_form &form : dsd_forms)
-        if (form.format == format && (form.i2s == flag_off || i2s != flag_off)) return form;
-    return dsd_forms.back();
+        if (form.format == format && (form.offered != form_offer::with_i2s || i2s != flag_off))
+            return form;
+    return dop_4_bytes;
 }
 
 int32_t dsd_feeder()
@@ -652,7 +685,8 @@ template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shi
     }
 }
 
-// Words whose whole frames fit in the ring while each still leaves more than its own size free.
+// Words of the whole frames that fit in the ring. A frame goes in only while more than its own size
+// is free, beside the frame that the ring keeps.
 size_t words_of_room()
 {
     const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
@@ -789,8 +823,7 @@ int64_t total_seconds(const soundfile *file)
     const wave_format &wave = file->wave;
     if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
     // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
-    const bool dsd = wave.wBitsPerSample == dsd_bits_per_sample;
-    const uint64_t factor = dsd ? uint64_t{8} * stream_channels : 1;
+    const uint64_t factor = is_dsd(file) ? uint64_t{8} * stream_channels : 1;
     const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
 }
@@ -899,7 +932,6 @@ void set_up_stream()
 }
 
 constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
-constexpr uint64_t buffer_bytes_limit = uint64_t{1} << 31;
 
 // Main refills the ring when a quarter of it is free. Where that lasts no sixth of a second it
 // waits for more, to do with few wake-ups, but not for more than half.
@@ -917,7 +949,7 @@ void make_ring()
     }
     buffer_bytes = std::max(buffer_bytes, smallest_buffer_bytes);
     const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
-    if (buffer_bytes < buffer_bytes_limit)
+    if (buffer_bytes < ring_size_limit)
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
     refill_bytes = refill_of(ring);

@@ -78,8 +78,8 @@ struct soundfile {
     int32_t channels;                   // channels stored in the file
     int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
-    int32_t container;                  // container_kind
-    std::atomic<int64_t> position;      // played, 1/352800 s; from begin_at on by the output thread
+    container_kind container;
+    std::atomic<int64_t> position; // played, 1/352800 s; from begin_at on by the output thread
     // PCM: bytes of the two played channels still to feed; DSD: bytes of one channel, constant.
     int64_t bytes_left;
     int64_t data_bytes; // as bytes_left, constant once open; gives the banner its total time
@@ -106,6 +106,12 @@ struct soundfile {
 inline int64_t shown_second(const soundfile *file)
 {
     return load_acquire(file->position) / position_units_per_second;
+}
+
+// Whether an open file holds DSD. Main thread.
+inline bool is_dsd(const soundfile *file)
+{
+    return file->wave.wBitsPerSample == dsd_bits_per_sample;
 }
 
 // Sets the length of a DSD file from its header's bits of one channel: the bytes to feed are whole
@@ -170,18 +176,32 @@ extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none
 
+// When the device is asked for a form.
+enum class form_offer {
+    always,
+    with_i2s,
+    without_i2s,
+    never, // a stream that has it is packed all the same
+};
+
 // One form of DSD on the device: how the bits of both channels lie in its frames.
 struct dsd_form {
-    int32_t format;         // SND_PCM_FORMAT_* of the device
-    int32_t i2s;            // the form is for i2s_mode
+    int32_t format; // SND_PCM_FORMAT_* of the device
+    form_offer offered;
     const char *label;      // in the stream's banner
     int32_t bits_per_frame; // of a channel
+    int32_t rate_step;      // the frame rate is a multiple of it: an even one in PCM words
     uint32_t frame_bytes;
-    uint32_t budget_frames; // frames of a feeder call's budget that a group of 8 bytes costs
-    uint8_t cut;            // what the bytes of a cut channel become
+    // Frames of a feeder call's budget that a group of 8 bytes costs. A call of I2S, which makes
+    // one frame of it, reads as much as one of DoP, which makes two.
+    uint32_t budget_frames;
+    uint8_t cut; // what the bytes of a cut channel become
     // Packs whole groups as the readers deliver them into frames at out. Result: bytes stored.
     size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out);
 };
+
+// All forms, in the order in which the device is asked for them.
+extern const std::span<const dsd_form> dsd_forms;
 
 // The form that a device format gives, in i2s_mode or not. Any PCM word that has no form of its own
 // gets DoP in 4 bytes. Any thread.
@@ -197,6 +217,8 @@ int32_t open_soundfile(soundfile *file);
 // file's. False, and the file is not to be read, when by its header it ends at that time or before,
 // or when it cannot be sought in. Main thread.
 bool begin_at(soundfile *file, const exact_time &time);
+// The word for the container in an event. Any thread.
+const char *container_word(container_kind container);
 
 // Feeds DSD: up to 3528 frames, to the end of the ring's data area. 0: nothing done, for want of
 // room, of files, or after a SIGINT; else -1. Main thread, through fill_buffer.

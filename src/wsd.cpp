@@ -20,30 +20,23 @@ struct wsd_header {
     std::array<uint8_t, 4> assignment; // at 48
 };
 
-// Bytes that nothing is known to stand in; the next read tells whether they were there.
-void pass_over(std::FILE *fp, int32_t n)
-{
-    for (int32_t i = 0; i < n; ++i) std::fgetc(fp);
-}
-
 bool read_plain(std::FILE *fp, std::array<uint8_t, 4> *bytes)
 {
     return std::fread(bytes->data(), 1, bytes->size(), fp) == bytes->size();
 }
 
-// Reads the fixed layout up to the channel count, in file order.
+// Reads the fixed layout up to the channel count, in file order. What is skipped need not be there:
+// the next read tells.
 bool read_layout(std::FILE *fp, wsd_header *h)
 {
     uint32_t unused = 0;
     std::array<uint8_t, 4> plain;
-    if (check_tag(fp, "1bit", 4) == 0) return false;
-    pass_over(fp, 8);
+    if (check_tag(fp, "1bit", 4) == 0 || !skip_bytes(fp, 8)) return false;
     if (read_be32(fp, &h->file_size_low) == 0 || read_be32(fp, &h->file_size_high) == 0 ||
-        read_be32(fp, &unused) == 0 || read_be32(fp, &h->data_offset) == 0)
+        read_be32(fp, &unused) == 0 || read_be32(fp, &h->data_offset) == 0 || !skip_bytes(fp, 4))
         return false;
-    pass_over(fp, 4);
-    if (!read_plain(fp, &plain) || read_be32(fp, &h->frequency) == 0) return false;
-    pass_over(fp, 4);
+    if (!read_plain(fp, &plain) || read_be32(fp, &h->frequency) == 0 || !skip_bytes(fp, 4))
+        return false;
     h->channels = std::fgetc(fp);
     return h->channels <= most_channels;
 }
@@ -97,8 +90,9 @@ int32_t wsd_open(soundfile *file)
     if (!read_layout(file->fp, &h)) return -1;
     file->channels = h.channels;
     set_dsd_length(file, bits_per_channel(h));
-    pass_over(file->fp, 3);
-    if (!read_plain(file->fp, &h.assignment) || !set_channel_map(file, h.assignment)) return -1;
+    if (!skip_bytes(file->fp, 3) || !read_plain(file->fp, &h.assignment) ||
+        !set_channel_map(file, h.assignment))
+        return -1;
     const auto offset = static_cast<int32_t>(h.data_offset);
     if (fseeko64(file->fp, offset, SEEK_SET) != 0) return -1;
     file->wave.nSamplesPerSec = static_cast<int32_t>(h.frequency);

@@ -167,10 +167,9 @@ TEST(play_events, are_all_told_before_the_sound)
     constexpr int files = 200;
     for (int i = 0; i < files; ++i)
         scratch_wave("many/" + std::to_string(i) + ".wav", 8000, 10, static_cast<uint32_t>(i));
-    const auto result =
-        run_player({.arguments = {"many"},
-                    .events = {{.clogs = 3}, {.after_ms = 1000}, {.allow = 100000}},
-                    .launcher = {"sh", "-c", "sleep 0.5; exec \"$@\"", "sh"}});
+    const auto result = run_player({.arguments = {"many"},
+                                    .events = {{.clogs = 3}, {.after_ms = 1000}, {.allow = 100000}},
+                                    .launcher = {"sh", "-c", "sleep 0.5; exec \"$@\"", "sh"}});
     EXPECT_EQ(std::ranges::count(pick(result, "file"), '\n'), files);
     EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
 }

@@ -222,13 +222,14 @@ uint64_t told_silence(const play_result &result, uint64_t rate)
 } // namespace
 
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
-                   const bytes &sound, bool whole)
+                   const bytes &sound, bool whole, const named_parts &parts)
 {
     const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
     const auto rate = static_cast<uint64_t>(file_rate / divisor);
     const uint64_t silent = told_silence(result, rate);
     bytes told;
     for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(told, silence_of(form));
+    const std::ptrdiff_t silence = std::ssize(told);
     put_bytes(told, sound);
     if (whole) {
         EXPECT_EQ(result.status, 0) << result.err;
@@ -242,10 +243,19 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
         EXPECT_TRUE(log_has(result, std::string("params ") + form.name + " rate " +
                                         std::to_string(rate) + " channels 2 "));
     }
-    const auto [at, other] = std::ranges::mismatch(result.capture, told);
-    EXPECT_TRUE(result.capture == told)
-        << form.name << ": " << result.capture.size() << " bytes for " << told.size()
-        << ", the first other one at " << at - result.capture.begin();
+    if (result.capture == told) return;
+    const auto at = std::ranges::mismatch(result.capture, told).in1 - result.capture.begin();
+    const auto part = std::prev(parts.upper_bound(static_cast<size_t>(std::max(at - silence, 0L))));
+    unsigned long sent = 0, taken = 0; // bytes, frames
+    std::string write;
+    for (const std::string &line : result.log)
+        if (std::cmp_less_equal(sent, at) &&
+            std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1)
+            sent += taken * 2 * form.bytes, write = line;
+    ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes for "
+                  << told.size() << ", the first other one is "
+                  << at - silence - static_cast<long>(part->first) << " of " << part->second
+                  << ", in: " << write;
 }
 
 // --- Mixed lists --------------------------------------------------------------------------------
@@ -254,25 +264,35 @@ mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_fr
 {
     static int lists;
     const std::string name = "list" + std::to_string(++lists);
-    mixed_list list = {name, form.kind == packing::pcm ? 8000 : 256000, {}};
+    mixed_list list = {name, form.kind == packing::pcm ? 8000 : 256000, {}, {}};
     std::mt19937 random(1);
     for (uint32_t i = 0; i < files; ++i) {
-        std::array<char, 32> path;
-        std::snprintf(path.data(), path.size(), "%s/%05u", name.c_str(), i);
+        std::string kind;
+        bytes file, played;
         const bool dsd = i == 0 ? form.kind != packing::pcm : random() % 2 == 0;
         const auto rate =
             static_cast<uint32_t>(list.rate) + static_cast<uint32_t>(i == 0 ? 0 : random() % 1000);
         const size_t frames = random() % (most_frames + 1);
         if (dsd) {
             const auto sound = random_dsd(frames * 2 + random() % 2, i, rate);
-            scratch_file(path.data(), dsd_containers[random() % 3](sound));
-            put_bytes(list.sound, device_bytes(sound, form, cut));
+            const size_t container = random() % 3;
+            kind = std::array{"dsf", "dff", "wsd"}[container];
+            file = dsd_containers[container](sound);
+            played = device_bytes(sound, form, cut);
         } else {
             const auto sound = random_pcm(static_cast<int>(rate), frames, i,
                                           samples[random() % samples.size()], 1 + random() % 6);
-            scratch_file(path.data(), wave_file(sound, wave_kind(random() % 3)));
-            put_bytes(list.sound, device_bytes(sound, form, cut));
+            const size_t container = random() % 3;
+            kind = std::to_string(sound.channels) + "x" + std::to_string(sound.sample.bytes) +
+                   (sound.sample.floats ? " float" : "") +
+                   std::array{".wav", ".rf64", " extensible.wav"}[container];
+            file = wave_file(sound, wave_kind(container));
+            played = device_bytes(sound, form, cut);
         }
+        std::array<char, 64> path;
+        std::snprintf(path.data(), path.size(), "%s/%05u %s", name.c_str(), i, kind.c_str());
+        list.parts[list.sound.size()] = scratch_file(path.data(), file);
+        put_bytes(list.sound, played);
     }
     return list;
 }

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -90,11 +91,19 @@ bytes device_bytes(const dsd_sound &sound, const stream_form &form, cuts cut = {
 // Settings with which the device takes that form, and no other one.
 play_settings settings_for(const stream_form &form, std::vector<std::string> arguments);
 
+// The line that every run with an ordinary WAV file leaves on standard error.
+inline const std::string stream_line = "Open 44100Hzfs PCM stream\n";
+
+// Places in the sound that the device gets, and what begins there.
+using named_parts = std::map<size_t, std::string>;
+
 // Expects of a run whose first file has the given rate that the device got silence for a second, no
 // write more than that takes, and then the sound, with nothing before, between or behind, and that
-// all of it was heard. One that is not whole may have left out any end of it.
+// all of it was heard. One that is not whole may have left out any end of it. parts: what a failure
+// names.
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
-                   const bytes &sound, bool whole = true);
+                   const bytes &sound, bool whole = true,
+                   const named_parts &parts = {{0, "sound"}});
 
 // --- Mixed lists --------------------------------------------------------------------------------
 
@@ -103,6 +112,7 @@ struct mixed_list {
     std::string directory;
     int64_t rate; // of the first file
     bytes sound;  // what the device gets behind the silence
+    named_parts parts;
 };
 // The first file makes the stream what form says; the others are of every kind, of up to
 // most_frames frames of the device each.

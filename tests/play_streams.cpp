@@ -39,9 +39,7 @@ const list_row list_rows[] = {
     {"many_files", "random 1000 1", "1536K", "50", "96000-96000", 0, 1000},
 };
 
-class play_list : public testing::TestWithParam<size_t>
-{
-};
+using play_list = testing::TestWithParam<size_t>;
 
 TEST_P(play_list, comes_whole_in_every_form)
 {
@@ -57,7 +55,8 @@ TEST_P(play_list, comes_whole_in_every_form)
         if (cut.right) settings.arguments.insert(settings.arguments.begin(), "--right-cut");
         settings.capture.insert(
             {{"CAPS", row.caps}, {"SPEED", row.speed}, {"BUFFER_BYTES", row.buffer}});
-        expect_stream(run_player(settings), form, list.rate, list.sound);
+        SCOPED_TRACE(testing::PrintToString(settings.arguments));
+        expect_stream(run_player(settings), form, list.rate, list.sound, true, list.parts);
     }
 }
 INSTANTIATE_TEST_SUITE_P(all, play_list, testing::Range(size_t{0}, std::size(list_rows)),

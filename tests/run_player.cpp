@@ -263,7 +263,9 @@ int watch_player(run_state &state, const std::vector<play_event> &events, play_r
         waitpid(state.process, &exit, 0);
         break;
     }
-    EXPECT_TRUE(event == events.end() || event->may_miss) << "an event did not come";
+    EXPECT_TRUE(event == events.end() || event->may_miss)
+        << "event " << event - events.begin() << " did not come: " << event->out_has
+        << event->err_has << event->log_has << " " << event->captured << " bytes captured";
     return exit;
 }
 

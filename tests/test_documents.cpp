@@ -3,6 +3,7 @@
 // the changelogs.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +27,13 @@ std::string text_of(const fs::path &name)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// From the first place of one text up to the next of another.
+std::string part_of(const std::string &text, const std::string &from, const std::string &to)
+{
+    const size_t start = text.find(from);
+    return text.substr(start, text.find(to, start + from.size()) - start);
+}
+
 // What is found of a pattern, in a form of its groups.
 words find_all(const std::string &text, const char *pattern, const std::string &form = "$1$2")
 {
@@ -45,15 +53,22 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     const words options = find_all(parser, R"re(^ +\{"(-[^"=]+))re");
     EXPECT_GT(options.size(), 8U);
     const char *const flag = R"(\bFl ([^\s\\=]+))";
-    EXPECT_EQ(find_all(page.substr(0, page.find(".Sh DESCRIPTION")), flag, "-$1"), options);
+    EXPECT_EQ(find_all(part_of(page, "", ".Sh DESCRIPTION"), flag, "-$1"), options);
     EXPECT_EQ(find_all(page, flag, "-$1"), options);
     EXPECT_EQ(find_all(page, R"(^\.It Fl ([^\s=]+)|, Fl (.)\\&$)", "-$1$2"), options);
-    const size_t offers = bash.find("'-os");
-    EXPECT_EQ(find_all(bash.substr(offers, bash.find("' --", offers) - offers), "(-[^\\s'=]+)"),
-              options);
+    EXPECT_EQ(find_all(part_of(bash, "'-os", "' --"), "(-[^\\s'=]+)"), options);
     EXPECT_EQ(find_all(zsh, R"(^ +'(?:\*|\(- \*\))?(-[^=[\\]*)\\?(\??))"), options);
     const std::string spelled = std::regex_replace(fish, std::regex(" -l "), " -o -");
     EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s']+))"), options);
+
+    // Options with a value: those that take the next word for it, and all.
+    const char *const option = R"((--?\w[-\w]*))";
+    const words next = find_all(parser, R"re(^ +\{"(\S+)", value_place::next_entry)re");
+    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[nb][^o])re");
+    EXPECT_EQ(find_all(part_of(bash, "case ${words", "((++i))"), option), next);
+    EXPECT_EQ(find_all(part_of(fish, "contains -- $word", "\n"), option), next);
+    EXPECT_EQ(find_all(part_of(bash, "case $prev", "esac"), R"((-\S+)(?=\)$| \|))"), valued);
+    EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] (\S+) -[xr])"), valued);
 
     const words modes = find_all(parser, R"re(\{"(\w)", "([^"]+))re");
     EXPECT_EQ(find_all(page, R"(\.Ql (\S+)\nfor the name (\w))", "$2$1"), modes);
@@ -92,13 +107,45 @@ TEST(documents, tell_every_report_and_its_exit_status)
     }
     EXPECT_GT(printed.size(), 55U);
     mild.erase("common 153");
-    words entries;
+    words entries, rows;
     for (const std::string &name : printed) {
-        const auto status = std::to_string(std::stoi(name.substr(name.find(' '))) & 0xFF);
-        entries.insert(name + (mild.contains(name) ? " goes on" : " status " + status));
+        const std::string number = name.substr(name.find(' ') + 1);
+        const auto status = std::to_string(std::stoi(number) & 0xFF);
+        const bool goes_on = mild.contains(name);
+        entries.insert(name + (goes_on ? " goes on" : " status " + status));
+        rows.insert(name + (goes_on ? " –" : " " + (status == number ? "same" : status)));
     }
     const std::string page = text_of("docs/sonivane.1");
     EXPECT_EQ(find_all(page, R"(^\.It Sy (\w+ [0-9]+) No \(([^)]+)\)$)", "$1 $2"), entries);
+    const words told =
+        find_all(text_of("README.md"), R"(^\| `(\w+) .*?([0-9]+)` \| (\S+) \|)", "$1 $2 $3");
+    EXPECT_GT(told.size(), 10U);
+    EXPECT_TRUE(std::ranges::includes(rows, told)) << testing::PrintToString(told);
+}
+
+TEST(documents, tell_the_events_with_their_fields_and_words)
+{
+    const std::string page = text_of("docs/front-end.md"), source = text_of("src/events.cpp"),
+                      player = text_of("src/sonivane.cpp") + text_of("src/dir2files.cpp"),
+                      table = part_of(page, "| Event", "\n\n"),
+                      fields = std::regex_replace(table, std::regex("\\|[^|]*\\|\n"), "\n");
+    // Names, and fields behind a blank, in their order.
+    const auto listed = [](const std::string &text, const char *pattern) {
+        return std::regex_replace(text, std::regex(pattern), "$1\n $2$3",
+                                  std::regex_constants::format_no_copy);
+    };
+    std::string told = listed(part_of(source, "void event_", "\n\n\n"),
+                              R"re(_line>\(\s*"([^"]+)"|_field\{"(\w+)"|\b(seconds)_into\()re");
+    const size_t end = told.find("end\n"); // of the two, the one with a report has all fields
+    told.erase(end, told.rfind("end\n") - end);
+    EXPECT_EQ(listed(fields, R"(\n\| `([^`]+)` |`(\w+)`)"), told);
+
+    words values = {"rf64", "pcm", "native", "dop", "i2s", "report"};
+    values.merge(
+        find_all(player, R"re(\{container_\w+, "(\w+)"|(?:_left_out|_error)\(.*"([^"\n]+)"\))re"));
+    EXPECT_EQ(find_all(table, "`\"([^`]+)\"`"), values);
+    EXPECT_EQ(find_all(part_of(page, "## Reasons", "## "), "^\\| `([^`]+)` \\| \\w"),
+              find_all(part_of(source, "name_of(stop_reason", "\n}"), "return \"([^\"]+)"));
 }
 
 TEST(documents, tell_one_version)

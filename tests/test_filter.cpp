@@ -3,11 +3,11 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <complex>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <numeric>
 #include <random>
@@ -53,25 +53,26 @@ const std::array<coeff_set, 2> pairs[]{
 // demand more room for the output than the one before; from those below 1 nothing comes.
 TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
+    constexpr int32_t cd = 44100; // four in a row: each cut of the family that looks at it
     const int32_t rates[]{352799,  352801,      352801,  352800, 384000, 192000, 96000,
-                          88200,   48000,       44101,   44100,  44100,  44100,  44100,
+                          88200,   48000,       44101,   cd,     cd,     cd,     cd,
                           44099,   22050,       10000,   8000,   1,      0,      -1,
-                          INT_MIN, INT_MAX - 1, INT_MAX, 44100,  48000};
+                          INT_MIN, INT_MAX - 1, INT_MAX, cd,     48000};
     const int32_t rounds = std::getenv("SONIVANE_FULL") != nullptr ? 20 : 1;
     for (const auto &[set44, set48] : pairs)
-        for (const int32_t width : {4, 8, 16}) { // of vectors, in floats
+        for (const int32_t width : {4, 8}) { // of vectors, in floats
             const bool present = coeff_filter_take_width(width);
             ASSERT_TRUE(present || width > 4);
             if (!present) continue;
             const coeff_row rows[]{{44100, 352800, &set44}, {0, 352800, &set48}, {-1, -1, nullptr}};
             scalar_filter model = make_scalar_filter(set44, set48);
             std::minstd_rand noise;
-            std::vector<float> told, got;
             for (int32_t i = 0; i < rounds * std::ssize(rates); ++i) {
                 const int32_t rate = rates[i % std::ssize(rates)];
                 left_cut = -(i & 1);
                 right_cut = -(i >> 1 & 1);
                 coeff_filter_init_rows(rows, rate, 352800, 2);
+                std::vector<float> told, got;
                 for (int32_t at = std::clamp(rate / 16, 1, 3000); at > 0; --at) {
                     const auto input = next_frame(noise, at);
                     scalar_filter_run(model, rate, input, told);
@@ -79,10 +80,13 @@ TEST(filter, equals_the_scalar_filter_bit_for_bit)
                     const float *floats = coeff_filter_run(input.data(), &count);
                     got.insert(got.end(), floats, floats + count);
                 }
+                const auto bits = [](float value) { return std::bit_cast<uint32_t>(value); };
+                const auto at = std::ranges::mismatch(got, told, {}, bits, bits).in1 - got.begin();
+                ASSERT_TRUE(got.size() == told.size() && at == std::ssize(got))
+                    << width << " floats, " << set44.tap_count << " and " << set48.tap_count
+                    << " taps, stretch " << i << " at " << rate << " Hz, frame " << at / 2
+                    << (at % 2 == 0 ? " left, cut " : " right, cut ") << left_cut << right_cut;
             }
-            ASSERT_EQ(got.size(), told.size()) << width;
-            ASSERT_EQ(std::memcmp(got.data(), told.data(), got.size() * sizeof(float)), 0)
-                << width << " floats, " << set44.tap_count << " taps";
         }
     left_cut = right_cut = flag_off;
     coeff_filter_take_width(0);

@@ -22,8 +22,7 @@ std::jmp_buf fatal_end;
 void read_to_the_end(soundfile &record, size_t size)
 {
     const int32_t frame = std::max<int32_t>(1, record.wave.nBlockAlign);
-    const int32_t count =
-        record.container == container_wav ? 3072 / frame * frame : dsd_group_bytes;
+    const int32_t count = is_dsd(&record) ? dsd_group_bytes : 3072 / frame * frame;
     std::array<uint8_t, 3072> bytes;
     size_t calls = 4 * size + 16;
     for (int32_t got = 1; got > 0; --calls) {
