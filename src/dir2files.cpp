@@ -81,7 +81,7 @@ void walk_directory(const char *path)
         report_system_error(151, "directory %s open failed.\n", path);
         return;
     }
-    while (const dirent64 *entry = readdir64(directory)) {
+    while (const dirent *entry = readdir(directory)) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
@@ -142,8 +142,8 @@ void pool_add(int32_t length, const char *name)
 
 void walk_path(const char *path)
 {
-    struct stat64 status;
-    if (stat64(path, &status) != 0) {
+    struct stat status;
+    if (stat(path, &status) != 0) {
         report_system_error(136, "cannot stat %s\n", path);
         event_left_out(path, "cannot stat");
         return;

@@ -2,7 +2,10 @@
 // feeders that turn file bytes into device frames.
 #include "sonivane.h"
 
+#if __has_include(<execinfo.h>)
 #include <execinfo.h>
+#define HAVE_BACKTRACE
+#endif
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -131,7 +134,7 @@ constexpr std::array<container_row, 4> containers = {{
 
 int32_t open_soundfile(soundfile *file)
 {
-    file->fp = fopen64(file->path, "rb");
+    file->fp = fopen(file->path, "rb");
     if (file->fp == nullptr)
         fatal_report(unit, 725, "file %s open error.\n", printable(file->path));
 
@@ -165,8 +168,8 @@ bool read_error_met; // in any file; only looked for when a front-end listens
 
 int64_t size_of(const soundfile *file)
 {
-    struct stat64 status;
-    return fstat64(fileno(file->fp), &status) == 0 ? status.st_size : 0;
+    struct stat status;
+    return fstat(fileno(file->fp), &status) == 0 ? status.st_size : 0;
 }
 
 // What the header promised and the file held when it was probed is not there any more.
@@ -648,17 +651,36 @@ namespace
 
 // --- Signals ------------------------------------------------------------------------------------
 
-constexpr int stack_limit = 1024;
 constexpr int32_t report_interrupt = 799;
+
+// Not every C library can tell the calls that lead here: musl leaves that to debuggers.
+#ifdef HAVE_BACKTRACE
+constexpr int stack_limit = 1024;
+
+void print_stack()
+{
+    static std::array<void *, stack_limit> stack;
+    const int depth = backtrace(stack.data(), stack_limit);
+    backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
+}
+
+// The first backtrace of a process loads a library, which a handler must not do.
+void prepare_stack()
+{
+    std::array<void *, 1> warm_up;
+    backtrace(warm_up.data(), warm_up.size());
+}
+#else
+void print_stack() {}
+void prepare_stack() {}
+#endif
 
 // What a second SIGINT does: only calls that are safe in a handler, since the first thread may have
 // been stopped inside malloc or a stream.
 [[noreturn]] void abort_with_stack()
 {
-    static std::array<void *, stack_limit> stack;
     static constexpr char text[] = "\nERROR sonivane 799 Interrupt stack. Abort\n";
-    const int depth = backtrace(stack.data(), stack_limit);
-    backtrace_symbols_fd(stack.data(), depth, STDERR_FILENO);
+    print_stack();
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, sizeof text - 1);
     terminal_restore();
     static constexpr stop_cause cause = {stop_reason::report, unit, report_interrupt};
@@ -674,9 +696,7 @@ void sigint_handler(int)
 
 void install_sigint_handler()
 {
-    // The first backtrace of a process loads a library, which a handler must not do.
-    std::array<void *, 1> warm_up;
-    backtrace(warm_up.data(), warm_up.size());
+    prepare_stack();
     std::signal(SIGINT, sigint_handler);
 }
 
@@ -775,7 +795,7 @@ void tell_file(soundfile *file)
 {
     if (!events_wanted()) return;
     file->probed_bytes = size_of(file);
-    file->sound_offset = ftello64(file->fp);
+    file->sound_offset = ftello(file->fp);
     event_file(file);
 }
 

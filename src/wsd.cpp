@@ -100,7 +100,7 @@ int32_t wsd_open(soundfile *file)
     pass_over(file->fp, 3);
     if (!read_plain(file->fp, &h.assignment) || !set_channel_map(file, h.assignment)) return -1;
     const auto offset = static_cast<int32_t>(h.data_offset);
-    if (fseeko64(file->fp, offset, SEEK_SET) != 0) return -1;
+    if (fseeko(file->fp, offset, SEEK_SET) != 0) return -1;
     file->wave.nSamplesPerSec = static_cast<int32_t>(h.frequency);
     return 0;
 }

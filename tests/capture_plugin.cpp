@@ -392,9 +392,10 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
 // CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
 // comes while it is opened. With "stall" it never ends, as on a lost network mount: the parent of a
 // clone, too, sleeps where no handler of a signal can run.
-FILE *fopen64(const char *path, const char *mode)
+FILE *fopen(const char *path, const char *mode)
 {
-    static auto *real = REAL(fopen64);
+    // The GNU C library calls it so where sizes of files have 64 bits, and so does this one then.
+    static auto *real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
