@@ -184,7 +184,7 @@ size_t captured_bytes(const run_state &state)
 {
     std::error_code error;
     const uintmax_t size = std::filesystem::file_size(state.directory + "/capture", error);
-    return error ? 0 : size;
+    return error ? 0 : static_cast<size_t>(size);
 }
 
 termios mode_now(const run_state &state)

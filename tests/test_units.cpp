@@ -66,6 +66,7 @@ TEST(ring, tells_and_takes_what_fits)
     const bytes given = noise(1, 1000);
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.size << " " << row.read << " " << row.used);
+        if (sizeof(size_t) < 8 && row.size > INT32_MAX / 2) continue; // no block is so large there
         ringbuffer *r = ringbuffer_new(row.size, row.frame, 1);
         ASSERT_NE(r, nullptr);
         r->bytes_sent = uint64_t{r->usable_size} * 3000000000U + row.read;
