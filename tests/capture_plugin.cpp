@@ -230,7 +230,8 @@ int on_close(snd_pcm_ioplug_t *io)
     if (io->state == SND_PCM_STATE_RUNNING) play_on(); // since it was asked last
     close(device.capture_fd);
     close(device.io.poll_fd);
-    return log_line("close %lu sounded %.0f\n", device.written, std::floor(device.played));
+    return log_line("close %d took %lu sounded %.0f\n", device.ordinal, device.written,
+                    std::floor(device.played));
 }
 
 constexpr snd_pcm_ioplug_callback_t callbacks = {

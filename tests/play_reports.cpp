@@ -111,7 +111,7 @@ void expect_row(const std::string &line)
     unsigned long struck = 0;
     if (std::sscanf(settings.capture["FAULT"].c_str(), "%*s %lu", &struck) == 1) {
         EXPECT_EQ(result.capture.size(), struck * 8);
-        const std::string closed = "close " + std::to_string(struck) + " ";
+        const std::string closed = "close 2 took " + std::to_string(struck) + " ";
         EXPECT_EQ(log_has(result, closed), result.status == 0); // in order
     }
     // Each look at a busy device is followed by a wait of two seconds, in slices.
