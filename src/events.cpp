@@ -178,18 +178,19 @@ void put_text(event_line &line, std::string_view text)
     put(line, "\"");
 }
 
-constexpr int64_t fraction_digits = 1000000;
+constexpr int64_t fraction_units = 1000000; // of a second: six decimals
 
 // units/rate seconds, cut off behind six decimals; 0 for what no file can mean.
 void put_seconds(event_line &line, int64_t units, int64_t rate)
 {
     if (units < 0 || rate < 1) return put(line, "0");
     put_number(line, units / rate);
-    int64_t fraction = units % rate * fraction_digits / rate;
+    int64_t fraction = units % rate * fraction_units / rate;
     if (fraction != 0) put(line, ".");
-    for (int64_t weight = fraction_digits / 10; fraction != 0; weight /= 10) {
-        put_number(line, fraction / weight);
-        fraction %= weight;
+    while (fraction != 0) {
+        fraction *= 10;
+        put_number(line, fraction / fraction_units);
+        fraction %= fraction_units;
     }
 }
 
@@ -316,9 +317,9 @@ const char *kind_of(const soundfile *file)
 
 const char *name_of(stop_reason reason)
 {
-    static constexpr std::array<const char *, 9> names = {"played",   "key",        "interrupt",
-                                                          "underrun", "suspended",  "disconnected",
-                                                          "refused",  "read error", "report"};
+    static constexpr const char *names[] = {"played",   "key",        "interrupt",
+                                            "underrun", "suspended",  "disconnected",
+                                            "refused",  "read error", "report"};
     return names[static_cast<size_t>(reason)];
 }
 

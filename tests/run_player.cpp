@@ -15,7 +15,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -196,7 +195,11 @@ termios mode_now(const run_state &state)
 
 void expect_mode(const termios &mode, const run_state &state)
 {
-    EXPECT_TRUE(state.terminal < 0 || std::memcmp(&mode, &state.mode_before, sizeof mode) == 0);
+    const termios &before = state.mode_before;
+    EXPECT_TRUE(state.terminal < 0 ||
+                (mode.c_iflag == before.c_iflag && mode.c_oflag == before.c_oflag &&
+                 mode.c_cflag == before.c_cflag && mode.c_lflag == before.c_lflag &&
+                 std::ranges::equal(mode.c_cc, before.c_cc)));
 }
 
 bool is_due(const play_event &event, const run_state &state, const play_result &result,

@@ -42,6 +42,7 @@ std::vector<char *> argv_of(const std::string &line)
     std::istringstream stream(line);
     words = {std::istream_iterator<std::string>(stream), {}};
     std::vector<char *> argv;
+    argv.reserve(words.size());
     for (std::string &word : words) argv.push_back(word.data());
     return argv;
 }
@@ -242,7 +243,7 @@ TEST(console, stops_both_threads_at_a_fatal_report)
         std::atexit([] {
             std::thread([] { fatal_exit(2); }).detach();
             usleep(50000);
-            std::fprintf(stderr, "flags %d %d", +interrupted, +stop_output);
+            std::fprintf(stderr, "flags %d %d", interrupted.load(), stop_output.load());
         });
         fatal_report("util", 1033, "%s failed.\n", "it");
     };
