@@ -120,8 +120,8 @@ play_event then_send(int signal)
     return {.out_has = "\rposition 00:01", .signal = signal};
 }
 
-// The status line of a second wiped by main, which then waits for the output thread.
-const std::string wiped_status = "%]   \r\r" + std::string(72, ' ') + "\n";
+// The status line wiped by main, which then waits for the output thread.
+const std::string wiped_status = "\r" + std::string(72, ' ') + "\n";
 
 const struct {
     const char *name;
