@@ -52,8 +52,8 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     EXPECT_EQ(find_all(bash.substr(offers, bash.find("' --", offers) - offers), "(-[^\\s'=]+)"),
               options);
     EXPECT_EQ(find_all(zsh, R"(^ +'(?:\*|\(- \*\))?(-[^=[\\]*)\\?(\??))"), options);
-    const std::string spelled = std::regex_replace(fish, std::regex(" -l "), " -o -");
-    EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s']+))"), options);
+    const std::string spelled = std::regex_replace(fish, std::regex(" -l | -a '--"), " -o -");
+    EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s'=]+))"), options);
 
     const words modes = find_all(parser, R"re(\{"(\w)", "([^"]+))re");
     EXPECT_EQ(find_all(page, R"(\.Ql (\S+)\nfor the name (\w))", "$2$1"), modes);
