@@ -45,7 +45,7 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
     for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(file, nullptr, few), 1);
     for (int32_t got; (got = read_samples(file, part.data(), count)) > 0;)
         all.insert(all.end(), part.begin(), part.begin() + std::min(got, count));
-    EXPECT_EQ(all, *row.delivered);
+    EXPECT_EQ(row.delivered, all);
     EXPECT_EQ(read_samples(file, part.data(), count), row.at_end);
     const auto side = std::ssize(all) / (pcm ? 1 : 2);
     EXPECT_EQ(file->data_bytes, row.length.value_or(side));
