@@ -225,9 +225,14 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     return log_line("thresholds start %lu avail_min %lu\n", start, least);
 }
 
-int on_close(snd_pcm_ioplug_t *io)
+int on_stop(snd_pcm_ioplug_t *io)
 {
     if (io->state == SND_PCM_STATE_RUNNING) play_on(); // since it was asked last
+    return log_line("stop\n");
+}
+
+int on_close(snd_pcm_ioplug_t *)
+{
     close(device.capture_fd);
     close(device.io.poll_fd);
     return log_line("close %d took %lu sounded %.0f\n", device.ordinal, device.written,
@@ -236,7 +241,7 @@ int on_close(snd_pcm_ioplug_t *io)
 
 constexpr snd_pcm_ioplug_callback_t callbacks = {
     .start = on_start,
-    .stop = [](snd_pcm_ioplug_t *) { return log_line("stop\n"); },
+    .stop = on_stop,
     .pointer = on_pointer,
     .transfer = on_transfer,
     .close = on_close,
