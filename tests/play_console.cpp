@@ -130,7 +130,7 @@ const struct {
     tcflag_t without = 0; // bits of the terminal's mode
 } endings[] = {
     {"keys", {then_type("x y" + key_3)}, "key,0", ISIG | ECHO},
-    {"echoed keys", {then_type("x"), {.after_ms = 30, .signal = SIGINT}}, "interrupt,0"},
+    {"echoed keys", {then_type("x"), {.out_has = "x", .signal = SIGINT}}, "interrupt,0"},
     {"interrupt key", {then_type(key_3)}, "interrupt,0"},
     {"interrupt, then a key",
      {then_send(SIGINT), {.out_has = wiped_status, .type = key_3}},
