@@ -109,15 +109,16 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 
 // --- The ways to an end -------------------------------------------------------------------------
 
-// A second of the file has gone to the device, and more than the ring holds is still to be read.
+// A second of the file has gone to the device, a status line out, which need not be that second's,
+// and more than the ring holds is still to be read.
 play_event then_type(const std::string &keys)
 {
-    return {.out_has = "\rposition 00:01", .type = keys};
+    return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};
 }
 
 play_event then_send(int signal)
 {
-    return {.out_has = "\rposition 00:01", .signal = signal};
+    return {.out_has = "%]   \r", .captured = 2 * device_second, .signal = signal};
 }
 
 // The status line wiped by main, which then waits for the output thread.
@@ -172,6 +173,7 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
         EXPECT_TRUE(result.err.ends_with(
             hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : stream_line));
         EXPECT_LT(result.capture.size(), 13 * device_second);
+        if (result.at_events.empty()) continue; // the runner has said so
         // What the ring held at the interrupt is still heard.
         const bool plays_out = result.end == "interrupt,0";
         const size_t captured = result.at_events.back().captured;
