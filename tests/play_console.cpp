@@ -68,7 +68,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
-                {"--silent", "F+BTT+WWN", "total 0:03", 'T'}};
+                {"--silent", "F+BTT+WT?WN", "total 0:03", 'T'}};
     const std::string file = scratch_wave("a.wav", 44100, 3 * 44100);
     for (const auto &[option, shape, text, kind] : rows) {
         const auto result = run_player({.arguments = {option, file},
