@@ -95,7 +95,7 @@ void read_wav(benchmark::State &state)
 {
     open_file(make_wav({.data = noise(5, 2 * channel_bytes)}));
     const soundfile &file = records[0];
-    const off64_t start = ftello64(file.fp);
+    const off_t start = ftello(file.fp);
     std::array<uint8_t, 3072> to;
     int64_t played = 0;
     for (auto _ : state) {
@@ -106,7 +106,7 @@ void read_wav(benchmark::State &state)
             continue;
         }
         records[0].bytes_left = file.data_bytes;
-        fseeko64(file.fp, start, SEEK_SET);
+        fseeko(file.fp, start, SEEK_SET);
     }
     std::fclose(file.fp);
     state.SetBytesProcessed(played);

@@ -103,13 +103,13 @@ int64_t filter_output_floats;
 }
 
 // Steps of the output in which an input that comes now is the current one.
-int64_t steps_of_input()
+ptrdiff_t steps_of_input()
 {
     const auto source = static_cast<uint32_t>(filter_source_rate);
     const int32_t due = filter_target_rate - rate_accumulator;
     const uint32_t steps = due < 1 ? 0 : (static_cast<uint32_t>(due) - 1) / source + 1;
     rate_accumulator = static_cast<int32_t>(steps * source - static_cast<uint32_t>(due));
-    return steps;
+    return static_cast<ptrdiff_t>(steps);
 }
 
 #define VECTOR_KERNEL "filter_kernel.inc"

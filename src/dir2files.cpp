@@ -84,10 +84,10 @@ bool is_dots(const char *name)
 }
 
 // Null at the end, with errno 0, or when the directory cannot be read any further.
-const dirent64 *next_entry(DIR *directory)
+const dirent *next_entry(DIR *directory)
 {
     errno = 0;
-    return readdir64(directory);
+    return readdir(directory);
 }
 
 void walk_directory(const char *path)
@@ -98,7 +98,7 @@ void walk_directory(const char *path)
         return;
     }
     errno = 0;
-    while (const dirent64 *entry = is_stopped() ? nullptr : next_entry(directory)) {
+    while (const dirent *entry = is_stopped() ? nullptr : next_entry(directory)) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
@@ -147,9 +147,9 @@ bool read_whole_list(int descriptor)
 // Such a list must not lose bytes to the search for keys.
 bool is_standard_input(int descriptor)
 {
-    struct stat64 list;
-    struct stat64 input;
-    return fstat64(descriptor, &list) == 0 && fstat64(STDIN_FILENO, &input) == 0 &&
+    struct stat list;
+    struct stat input;
+    return fstat(descriptor, &list) == 0 && fstat(STDIN_FILENO, &input) == 0 &&
            list.st_dev == input.st_dev && list.st_ino == input.st_ino;
 }
 
@@ -264,8 +264,8 @@ void pool_add(int32_t length, const char *name)
 
 void walk_path(const char *path)
 {
-    struct stat64 status;
-    if (stat64(path, &status) != 0) {
+    struct stat status;
+    if (stat(path, &status) != 0) {
         report_system_error(136, "cannot stat %s\n", path, "cannot stat");
         return;
     }

@@ -34,7 +34,7 @@ int32_t dsf_position;     // in both blocks, of the next byte to hand out
 
 bool seek_to(std::FILE *fp, uint64_t offset)
 {
-    return offset <= largest_offset && fseeko64(fp, static_cast<off64_t>(offset), SEEK_SET) == 0;
+    return offset <= largest_offset && fseeko(fp, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
 
 void clear_dsf_fields(soundfile *file)
@@ -93,9 +93,9 @@ uint64_t pair_bytes(const soundfile *file)
 // A pair that the file does not hold is never read, and gets no memory.
 bool file_holds_pair(const soundfile *file)
 {
-    struct stat64 status;
-    const off64_t here = ftello64(file->fp);
-    return here >= 0 && fstat64(fileno(file->fp), &status) == 0 && status.st_size >= here &&
+    struct stat status;
+    const off_t here = ftello(file->fp);
+    return here >= 0 && fstat(fileno(file->fp), &status) == 0 && status.st_size >= here &&
            pair_bytes(file) <= static_cast<uint64_t>(status.st_size - here);
 }
 
@@ -105,7 +105,7 @@ bool provide_buffer(const soundfile *file)
     const uint64_t wanted = pair_bytes(file);
     if (file->dsf_block_size > INT32_MAX) return false; // dsf_position counts in 32 bits
     if (wanted <= dsf_buffer_size || !file_holds_pair(file)) return true;
-    auto *buffer = static_cast<uint8_t *>(std::realloc(dsf_buffer, wanted));
+    auto *buffer = static_cast<uint8_t *>(std::realloc(dsf_buffer, static_cast<size_t>(wanted)));
     if (buffer == nullptr) {
         dsf_release();
         return false;
@@ -121,7 +121,7 @@ bool read_block_pair(const soundfile *file)
     const auto pair = static_cast<size_t>(pair_bytes(file));
     if (pair <= dsf_buffer_size) return std::fread(dsf_buffer, 1, pair, file->fp) == pair;
     // No memory was taken: less than one pair is there. A read at the end is what marks it as met.
-    fseeko64(file->fp, 0, SEEK_END);
+    fseeko(file->fp, 0, SEEK_END);
     std::fgetc(file->fp);
     return false;
 }

@@ -180,18 +180,19 @@ void put_text(event_line &line, std::string_view text)
     put(line, "\"");
 }
 
-constexpr int64_t fraction_digits = 1000000;
+constexpr int64_t fraction_units = 1000000; // of a second: six decimals
 
 // units/rate seconds, cut off behind six decimals; 0 for what no file can mean.
 void put_seconds(event_line &line, int64_t units, int64_t rate)
 {
     if (units < 0 || rate < 1) return put(line, "0");
     put_number(line, units / rate);
-    int64_t fraction = units % rate * fraction_digits / rate;
+    int64_t fraction = units % rate * fraction_units / rate;
     if (fraction != 0) put(line, ".");
-    for (int64_t weight = fraction_digits / 10; fraction != 0; weight /= 10) {
-        put_number(line, fraction / weight);
-        fraction %= weight;
+    while (fraction != 0) {
+        fraction *= 10;
+        put_number(line, fraction / fraction_units);
+        fraction %= fraction_units;
     }
 }
 

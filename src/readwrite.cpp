@@ -81,7 +81,7 @@ bool name_is(const chunk_name &name, const char *text)
 bool skip_bytes(std::FILE *fp, uint64_t n)
 {
     if (n == 0) return true;
-    const off64_t here = ftello64(fp);
+    const off_t here = ftello(fp);
     if (here < 0 || n > static_cast<uint64_t>(INT64_MAX - here)) return false;
-    return fseeko64(fp, static_cast<off64_t>(n), SEEK_CUR) == 0;
+    return fseeko(fp, static_cast<off_t>(n), SEEK_CUR) == 0;
 }

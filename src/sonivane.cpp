@@ -169,7 +169,7 @@ constexpr char not_opened[] = "file %s open error.\n";
 
 bool open_stream(soundfile *file)
 {
-    file->fp = fopen64(file->path, "rb");
+    file->fp = fopen(file->path, "rb");
     if (file->fp != nullptr && file == feeding_file) read_in_large_pieces(file);
     return file->fp != nullptr;
 }
@@ -264,8 +264,8 @@ void close_file(soundfile *file)
 
 int64_t size_of(const soundfile *file)
 {
-    struct stat64 status;
-    return fstat64(fileno(file->fp), &status) == 0 ? status.st_size : 0;
+    struct stat status;
+    return fstat(fileno(file->fp), &status) == 0 ? status.st_size : 0;
 }
 
 // What the header promised and the file held when it was probed is not there any more.
@@ -879,7 +879,7 @@ void make_file_list(int argc, char **argv)
 void tell_file(soundfile *file)
 {
     file->probed_bytes = size_of(file);
-    file->sound_offset = ftello64(file->fp);
+    file->sound_offset = ftello(file->fp);
     event_file(file);
 }
 

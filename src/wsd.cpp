@@ -94,7 +94,7 @@ int32_t wsd_open(soundfile *file)
         !set_channel_map(file, h.assignment))
         return -1;
     const auto offset = static_cast<int32_t>(h.data_offset);
-    if (fseeko64(file->fp, offset, SEEK_SET) != 0) return -1;
+    if (fseeko(file->fp, offset, SEEK_SET) != 0) return -1;
     file->wave.nSamplesPerSec = static_cast<int32_t>(h.frequency);
     return 0;
 }

@@ -236,17 +236,23 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     return log_line("thresholds start %lu avail_min %lu\n", start, least);
 }
 
-int on_close(snd_pcm_ioplug_t *io)
+int on_stop(snd_pcm_ioplug_t *io)
 {
     if (io->state == SND_PCM_STATE_RUNNING) play_on(); // since it was asked last
+    return log_line("stop\n");
+}
+
+int on_close(snd_pcm_ioplug_t *)
+{
     close(device.capture_fd);
     close(device.io.poll_fd);
-    return log_line("close %lu sounded %.0f\n", device.written, std::floor(device.played));
+    return log_line("close %d took %lu sounded %.0f\n", device.ordinal, device.written,
+                    std::floor(device.played));
 }
 
 constexpr snd_pcm_ioplug_callback_t callbacks = {
     .start = on_start,
-    .stop = [](snd_pcm_ioplug_t *) { return log_line("stop\n"); },
+    .stop = on_stop,
     .pointer = on_pointer,
     .transfer = on_transfer,
     .close = on_close,
@@ -422,9 +428,10 @@ static void stall()
 
 // CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
 // comes while it is opened; with "stall" it never ends.
-FILE *fopen64(const char *path, const char *mode)
+FILE *fopen(const char *path, const char *mode)
 {
-    static auto *real = REAL(fopen64);
+    // The GNU C library calls it so where sizes of files have 64 bits, and so does this one then.
+    static auto *real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
@@ -445,11 +452,11 @@ size_t fread(void *to, size_t size, size_t count, FILE *stream)
 }
 
 // A directory that breaks off behind what it holds.
-dirent64 *readdir64(DIR *directory)
+dirent *readdir(DIR *directory)
 {
-    static auto *real = REAL(readdir64);
-    dirent64 *entry = real(directory);
-    if (entry == nullptr && setting_has("FAIL", "readdir64")) errno = EIO;
+    static auto *real = reinterpret_cast<decltype(&readdir)>(dlsym(RTLD_NEXT, "readdir64"));
+    dirent *entry = real(directory);
+    if (entry == nullptr && setting_has("FAIL", "readdir")) errno = EIO;
     return entry;
 }
 

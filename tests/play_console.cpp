@@ -67,7 +67,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
-                {"--silent", "F+BTT+WWN", "total 0:03", 'T'}};
+                {"--silent", "F+BTT+WT?WN", "total 0:03", 'T'}};
     const std::string file = scratch_wave("a.wav", 44100, 3 * 44100);
     for (const auto &[option, shape, text, kind] : rows) {
         const auto result = run_player({.arguments = {option, file},
@@ -109,19 +109,20 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 
 // --- The ways to an end -------------------------------------------------------------------------
 
-// A second of the file has gone to the device, and more than the ring holds is still to be read.
+// A second of the file has gone to the device, a status line out, which need not be that second's,
+// and more than the ring holds is still to be read.
 play_event then_type(const std::string &keys)
 {
-    return {.out_has = "\rposition 00:01", .type = keys};
+    return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};
 }
 
 play_event then_send(int signal)
 {
-    return {.out_has = "\rposition 00:01", .signal = signal};
+    return {.out_has = "%]   \r", .captured = 2 * device_second, .signal = signal};
 }
 
-// The status line of a second wiped by main, which then waits for the output thread.
-const std::string wiped_status = "%]   \r\r" + std::string(72, ' ') + "\n";
+// The status line wiped by main, which then waits for the output thread.
+const std::string wiped_status = "\r" + std::string(72, ' ') + "\n";
 
 const struct {
     const char *name;
@@ -130,7 +131,7 @@ const struct {
     tcflag_t without = 0; // bits of the terminal's mode
 } endings[] = {
     {"keys", {then_type("x y" + key_3)}, "key,0", ISIG | ECHO},
-    {"echoed keys", {then_type("x"), {.after_ms = 30, .signal = SIGINT}}, "interrupt,0"},
+    {"echoed keys", {then_type("x"), {.out_has = "x", .signal = SIGINT}}, "interrupt,0"},
     {"interrupt key", {then_type(key_3)}, "interrupt,0"},
     {"interrupt, then a key",
      {then_send(SIGINT), {.out_has = wiped_status, .type = key_3}},
@@ -174,6 +175,7 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
         EXPECT_TRUE(result.err.ends_with(
             hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : stream_line));
         EXPECT_LT(result.capture.size(), 13 * device_second);
+        if (result.at_events.empty()) continue; // the runner has said so
         // What the ring held at the interrupt is still heard.
         const bool plays_out = result.end == "interrupt,0";
         const size_t captured = result.at_events.back().captured;

@@ -115,7 +115,7 @@ TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
                     .capture = {{"SPEED", "4"}},
                     .events = {{.out_has = "0 1\n", .clogs = STDOUT_FILENO},
                                {.after_ms = 1000, .type = key_3, .clogs = STDOUT_FILENO},
-                               {.log_has = "stop\nclose "}},
+                               {.log_has = "stop\nclose 2 "}},
                     .input = wire::pipe});
     EXPECT_EQ(result.end, "key,0");
     EXPECT_FALSE(all_sounded(result));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -208,7 +209,8 @@ uint64_t told_silence(const play_result &result, uint64_t rate)
         uint64_t asked = 0;
         uint64_t taken = 0;
         uint64_t room = 0;
-        if (std::sscanf(line.c_str(), "write %lu took %lu room %lu", &asked, &taken, &room) != 3)
+        if (std::sscanf(line.c_str(), "write %" SCNu64 " took %" SCNu64 " room %" SCNu64, &asked,
+                        &taken, &room) != 3)
             continue;
         EXPECT_TRUE(room > nearly_full && asked < room) << "too much for the room: " << line;
         if (sent % 2 == 0 && sent >= rate) continue;

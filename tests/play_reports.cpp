@@ -125,7 +125,7 @@ TEST_P(reports, are_told_and_end_as_told)
     unsigned long struck = 0;
     if (std::sscanf(settings.capture["FAULT"].c_str(), "%*s %lu", &struck) == 1) {
         EXPECT_EQ(result.capture.size(), struck * 8);
-        EXPECT_TRUE(log_has(result, "close " + std::to_string(struck) + " "));
+        EXPECT_TRUE(log_has(result, "close 2 took " + std::to_string(struck) + " "));
     }
     // Each look at a busy device is followed by a wait of two seconds.
     const auto waits = std::ranges::count(result.log, "pause 2 s");

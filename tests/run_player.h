@@ -23,9 +23,9 @@ enum class line_mode { any, raw, canonical };
 // Something that happens to a running player as soon as all that is asked for has been seen; events
 // come in their order, each once.
 struct play_event {
-    std::string out_has = {};           // standard output holds this text
-    std::string err_has = {};           // standard error does
-    std::string log_has = {};           // the device's log does
+    std::string out_has = {};           // standard output got this text since the event before
+    std::string err_has = {};           // standard error did
+    std::string log_has = {};           // the device's log holds this text
     size_t captured = 0;                // bytes the device has, at least
     line_mode mode_is = line_mode::any; // of the terminal
     int after_ms = 0;                   // milliseconds since the event before
@@ -54,6 +54,7 @@ struct play_settings {
 struct play_moment {
     size_t captured; // bytes
     size_t shown;    // characters of out
+    size_t reported; // characters of err
 };
 
 struct play_result {

@@ -21,7 +21,9 @@ static int32_t allocations_left = -1;
 // The filter's allocations, replaced so that each of them can be made to fail.
 void *operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept
 {
-    if (allocations_left >= 0 && allocations_left-- == 0) return nullptr;
+    const bool fails = allocations_left == 0;
+    if (allocations_left >= 0) --allocations_left;
+    if (fails) return nullptr;
     return memalign(static_cast<std::size_t>(alignment), size);
 }
 void operator delete(void *memory, std::align_val_t) noexcept

@@ -477,7 +477,7 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     ringbuffer_free(&ring);
     ring = ringbuffer_new(free + frame, frame, 1);
     feeder_told = fill_buffer();
-    const bytes stored(ring_data(ring), ring_data(ring) + ring->bytes_put);
+    bytes stored(ring_data(ring), ring_data(ring) + ring->bytes_put);
     fill_buffer(); // meets the end of PCM, and closes it
     if (file.fp != nullptr) std::fclose(file.fp);
     return stored;

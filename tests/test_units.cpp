@@ -43,6 +43,7 @@ std::vector<char *> argv_of(const std::string &line)
     std::istringstream stream(line);
     words = {std::istream_iterator<std::string>(stream), {}};
     std::vector<char *> argv;
+    argv.reserve(words.size());
     for (std::string &word : words) argv.push_back(word.data());
     return argv;
 }
@@ -67,6 +68,7 @@ TEST(ring, tells_and_takes_what_fits)
     const bytes given = noise(1, 1000);
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.size << " " << row.read << " " << row.used);
+        if (sizeof(size_t) < 8 && row.size > INT32_MAX / 2) continue; // no block is so large there
         ringbuffer *r = ringbuffer_new(row.size, row.frame, 1);
         ASSERT_NE(r, nullptr);
         r->bytes_sent = uint64_t{r->usable_size} * 3000000000U + row.read;
@@ -288,7 +290,7 @@ TEST(console, stops_both_threads_at_a_fatal_report)
         std::atexit([] {
             std::thread([] { fatal_exit(2); }).detach();
             usleep(50000);
-            std::fprintf(stderr, "flags %d %d", +interrupted, +stop_output);
+            std::fprintf(stderr, "flags %d %d", interrupted.load(), stop_output.load());
         });
         fatal_report("util", 1033, "%s failed.\n", "it");
     };

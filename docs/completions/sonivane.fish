@@ -9,6 +9,7 @@ function __sonivane_devices
 end
 
 function __sonivane_files
+    string match -q -- '-*' (commandline -ct); and return
     complete -C "'' "(commandline -ct) | string match -ri '.*(?:/|\.(?:wav|rf64|dsf|dff|wsd))(?:\t.*)?$'
 end
 
@@ -26,6 +27,12 @@ function __sonivane_no_name
     end
 end
 
+# True where an option has been begun. Those that take their value behind a "=" alone are words to
+# fish: it would offer its own long options with a blank, too.
+function __sonivane_option
+    string match -q -- '-*' (commandline -ct); and __sonivane_no_name
+end
+
 complete -c sonivane -f -a '(__sonivane_files)'
 complete -c sonivane -s D -x -a '(__sonivane_devices)' -n __sonivane_no_name -d 'Play to this ALSA device'
 complete -c sonivane -s B -x -a '2M 4M 16M 64M' -n __sonivane_no_name -d 'Size of the ring in bytes'
@@ -34,11 +41,11 @@ complete -c sonivane -l short-filter -n __sonivane_no_name -d 'Use the short fil
 complete -c sonivane -l silent -n __sonivane_no_name -d 'One plain line a second, for front-ends'
 complete -c sonivane -l left-cut -n __sonivane_no_name -d 'Keep the left channel silent'
 complete -c sonivane -l right-cut -n __sonivane_no_name -d 'Keep the right channel silent'
-complete -c sonivane -l mode -x -a '1\tDoP 2\tBi-Naural' -n __sonivane_no_name -d 'Label at the end of the status line'
-complete -c sonivane -l events -x -n __sonivane_no_name -d 'Write events for a front-end'
+complete -c sonivane -a '--mode=1\tDoP --mode=2\tBi-Naural' -n __sonivane_option
+complete -c sonivane -a '--events=\t"Write events for a front-end"' -n __sonivane_option
+complete -c sonivane -a '--list=\t"Play the names of this file, in its order"' -n __sonivane_option
+complete -c sonivane -a '--start=\t"Begin the first file at this time in seconds"' -n __sonivane_option
 complete -c sonivane -l strict -n __sonivane_no_name -d 'A sound that ends early is a failure'
-complete -c sonivane -l list -r -F -n __sonivane_no_name -d 'Play the names of this file, in its order'
-complete -c sonivane -l start -x -n __sonivane_no_name -d 'Begin the first file at this time in seconds'
 complete -c sonivane -l skip -x -n __sonivane_no_name -d 'Take a value and ignore it'
 complete -c sonivane -l version -n __sonivane_no_name -d 'Print the version'
 complete -c sonivane -l help -n __sonivane_no_name -d 'Print the usage text'
