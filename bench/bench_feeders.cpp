@@ -22,7 +22,8 @@ void set_up_ring(int32_t device_format)
     static soundfile records[2];
     const int32_t width =
         snd_pcm_format_physical_width(static_cast<snd_pcm_format_t>(device_format));
-    file_list = feeding_file = records;
+    file_list = stream_file = feeding_file = records;
+    stream_end = &records[1];
     records[0].bytes_left = INT64_MAX;
     records[0].out_sample_bytes = width / 8;
     records[0].out_frame_bytes = width / 4;

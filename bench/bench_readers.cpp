@@ -55,7 +55,8 @@ void open_file(const bytes &content)
 
 void set_up(const form_case &form)
 {
-    file_list = feeding_file = records;
+    file_list = stream_file = feeding_file = records;
+    stream_end = &records[1];
     records[0].next = &records[1];
     records[1].index = -1;
     output_format = form.format;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <span>
 
+#include "common.h"
 #include "events.h"
 #include "lookout.h"
 #include "sonivane.h"
@@ -99,10 +100,10 @@ int32_t card_takes_i2s(int32_t card)
     return found;
 }
 
-// Of the first file, in Hz.
+// In Hz.
 int32_t source_rate()
 {
-    return file_list[0].wave.nSamplesPerSec;
+    return stream_file->wave.nSamplesPerSec;
 }
 
 // What the stream is, as the device agreed to it.
@@ -358,7 +359,7 @@ void fill_silence()
 void make_silence()
 {
     if (silence_ring != nullptr) return;
-    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
+    const auto frame_bytes = static_cast<uint32_t>(stream_file->out_frame_bytes);
     silence_ring = ringbuffer_new(silence_frames * frame_bytes, frame_bytes, file_count);
     if (silence_ring == nullptr)
         report(unit, 535, "ringbuffer allocation failed.\n");
@@ -375,7 +376,7 @@ bool agrees_with_settled(const stream_settings &stream)
     return !stream_is_settled() || (stream.format == output_format && stream.rate == output_rate);
 }
 
-// Opens, configures and prepares the device for file_list[0]: on the main thread for the probe, on
+// Opens, configures and prepares the device for stream_file: on the main thread for the probe, on
 // the output thread for good. *stream: what it agreed to. False when the sound was stopped before
 // the device could be had.
 bool sound_open(stream_settings *stream)
@@ -518,16 +519,17 @@ void add_to_position(int32_t frames)
 // Bytes of the stream ahead of the file's first one; above all others while they are not known.
 uint64_t start_of(int32_t index)
 {
-    return index == 0 ? 0 : load_acquire(ring->track_marks[index]);
+    return index == stream_file->index ? 0 : load_acquire(ring->track_marks[index]);
 }
+
+int32_t next_to_tell; // index of a file
 
 // Tells each file whose first frame has gone out since the last call. One without a frame is passed
 // over.
 void tell_playing()
 {
-    static int32_t next;
     const uint64_t sent = load_acquire(ring->bytes_sent);
-    for (; next < file_count && start_of(next) < sent; ++next)
+    for (int32_t &next = next_to_tell; next < file_count && start_of(next) < sent; ++next)
         if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
 }
 
@@ -643,11 +645,17 @@ int64_t queued_frames()
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
 }
 
-// Once, as soon as nothing more is read.
+// With this stream the list ends.
+bool is_last_stream()
+{
+    return stream_end->index < 0 || load_acquire(interrupted) != 0 || is_stopped();
+}
+
+// Once, as soon as nothing more is read of the list.
 void tell_draining()
 {
     static bool told;
-    if (told || !no_more_is_read() || is_stopped()) return;
+    if (told || !no_more_is_read() || !is_last_stream() || is_stopped()) return;
     told = true;
     event_draining(load_acquire(silence_left) + ring_frames(ring) + queued_frames());
 }
@@ -749,13 +757,13 @@ void close_device()
 int32_t sound_probe()
 {
     stream_settings stream{};
-    dsd_stream = is_dsd(&file_list[0]) ? 1 : 0;
+    dsd_stream = is_dsd(stream_file) ? 1 : 0;
     if (!sound_open(&stream)) return -1;
     output_format = stream.format;
     output_rate = stream.rate;
     i2s_mode = stream.i2s;
-    file_list[0].out_sample_bytes = format_bytes(stream.format);
-    file_list[0].out_frame_bytes = format_bytes(stream.format) * stream_channels;
+    stream_file->out_sample_bytes = format_bytes(stream.format);
+    stream_file->out_frame_bytes = format_bytes(stream.format) * stream_channels;
     make_silence();
     close_device();
     return -1;
@@ -797,6 +805,17 @@ int32_t find_last_card()
     return -1;
 }
 
+void forget_stream()
+{
+    ringbuffer_free(&silence_ring);
+    coeff_filter_free();
+    output_format = SND_PCM_FORMAT_S32_LE;
+    output_rate = 0;
+    dsd_stream = 0;
+    i2s_mode = flag_off;
+    store_release(silence_left, -1);
+}
+
 void sound_was_fed()
 {
     if (starving.exchange(0) != 0) wake(waiter::output);
@@ -823,6 +842,7 @@ void *output_thread(void *)
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
     store_release(silence_left, primed != 0 ? 0 : output_rate);
     moved_at = sound_clock::now();
+    next_to_tell = stream_file->index;
 
     // A device whose whole buffer counts as nearly full would never be written.
     if (opened && alsa_buffer_frames <= nearly_full_frames) {
@@ -833,7 +853,7 @@ void *output_thread(void *)
     }
     // The device comes first: a reader of standard output may have stopped reading.
     close_device();
-    sound_has_ended();
+    sound_has_ended(is_last_stream());
     std::puts(blank_line);
     return nullptr;
 }

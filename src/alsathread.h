@@ -22,6 +22,10 @@ void tell_stream();
 // card. Main thread.
 int32_t find_last_card();
 
+// Forgets the stream, once its output thread has ended: what sound_probe settles is as before the
+// first one. Main thread.
+void forget_stream();
+
 // Main has put frames into the ring, or will put no more: an output thread that waits for that goes
 // on. Main thread.
 void sound_was_fed();

@@ -459,8 +459,8 @@ void event_filling(int32_t percent)
 
 void event_playing(const soundfile *file)
 {
-    // The first file decides the stream, whatever its frames become in it.
-    const bool other = file->wave.nSamplesPerSec != file_list[0].wave.nSamplesPerSec;
+    // The stream's first file decides its rate, whatever the frames of others become in it.
+    const bool other = file->wave.nSamplesPerSec != stream_file->wave.nSamplesPerSec;
     tell<short_line>("playing", number_field{"index", file->index},
                      truth_field{"other_rate", other});
 }

@@ -159,6 +159,7 @@ constexpr int64_t at_most_ms = 3000; // for either, however busy the machine is
 constexpr int look_ms = 20;          // between two looks at threads that should end
 
 std::atomic<int32_t> sound_over;     // the output thread has closed the device
+std::atomic<int32_t> all_over;       // and no other stream follows
 std::atomic<int32_t> sound_begun;    // one SIGINT lets the ring play out
 std::atomic<int32_t> leaving;        // some thread ends the process
 std::atomic<int32_t> ends_by_itself; // and meets nothing more that could hold it
@@ -255,7 +256,7 @@ void prepare_report(const stop_cause *cause)
 [[noreturn]] void end_in_place_of_main()
 {
     static constexpr stop_cause cause = cause_of(exit_by_interrupt);
-    if (is_stopped() || load_acquire(sound_over) != 0) {
+    if (is_stopped() || sound_has_begun()) {
         end_process(settle_end());
     }
     prepare_report(&cause);
@@ -266,9 +267,8 @@ void prepare_report(const stop_cause *cause)
 bool end_is_due()
 {
     if (load_acquire(ends_by_itself) != 0) return false;
-    const bool no_sound = load_acquire(sound_begun) == 0;
-    return is_stopped() || load_acquire(sound_over) != 0 ||
-           (no_sound && load_acquire(interrupted) != 0);
+    return is_stopped() || load_acquire(all_over) != 0 ||
+           (!sound_is_on() && load_acquire(interrupted) != 0);
 }
 
 bool ended_early()
@@ -546,9 +546,10 @@ bool sound_is_over()
     return load_acquire(sound_over) != 0;
 }
 
-void sound_has_ended()
+void sound_has_ended(bool for_good)
 {
     store_release(sound_over, 1);
+    if (for_good) store_release(all_over, 1);
     wake(waiter::main);
     wake_lookout();
 }

@@ -82,8 +82,9 @@ void read_keys();
 // What the process ends with if its own threads do not end it in order. From there on the look-out
 // counts on one of them: where main does not follow the end of the sound within 200 ms, because it
 // stands in a call that does not return, the look-out ends the process itself. The end of the
-// sound is a stop, or the output thread at its end. Output thread.
-void sound_has_ended();
+// sound is a stop, or the output thread at its end; not so for_good where a stream follows. Output
+// thread.
+void sound_has_ended(bool for_good);
 // Whether it did. Any thread.
 bool sound_is_over();
 

@@ -179,6 +179,7 @@ constexpr option_row options[] = {
     {"--mode=", value_place::behind_equals, select_mode, nullptr},
     {"--events=", value_place::behind_equals, set_events, nullptr},
     {"--strict", value_place::none, set_flag<strict>, nullptr},
+    {"--reopen", value_place::none, set_flag<reopen>, nullptr},
     {"--list=", value_place::behind_equals, set_list, nullptr},
     {"--start=", value_place::behind_equals, set_start, nullptr},
     {"--skip", value_place::next_entry, take_no_notice, nullptr},

@@ -30,6 +30,8 @@
 #include "wsd.h"
 
 soundfile *file_list;
+soundfile *stream_file;
+soundfile *stream_end;
 int32_t file_count;
 soundfile *feeding_file;
 std::atomic<soundfile *> playing_file;
@@ -48,6 +50,7 @@ int32_t short_filter;
 int32_t left_cut;
 int32_t right_cut;
 int32_t silent;
+int32_t reopen;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
@@ -306,7 +309,7 @@ void open_next_file()
     look_for_read_error(feeding_file);
     close_file(feeding_file);
     feeding_file = feeding_file->next;
-    while (feeding_file->index >= 0) {
+    while (feeding_file != stream_end) {
         store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
         if (open_at_its_turn(feeding_file)) return;
         close_file(feeding_file);
@@ -469,7 +472,7 @@ int32_t dsd_feeder()
     static std::array<uint8_t, size_t{dsd_call_frames} * dsd_group_bytes> staged;
     static std::array<uint8_t, dsd_call_frames * dsd_frame_bytes> packed;
 
-    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
+    if (load_acquire(interrupted) != 0 || feeding_file == stream_end) return 0;
     const dsd_form &form = find_dsd_form(output_format, i2s_mode);
     const uint32_t groups = groups_of_room(form);
     if (groups == 0) return 0;
@@ -689,7 +692,7 @@ template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shi
 // is free, beside the frame that the ring keeps.
 size_t words_of_room()
 {
-    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
+    const auto frame_bytes = static_cast<uint32_t>(stream_file->out_frame_bytes);
     const uint32_t room = ring_free(ring);
     return room == 0 ? 0 : size_t{(room - 1) / frame_bytes} * stream_channels;
 }
@@ -701,7 +704,7 @@ void put_words(std::span<const uint32_t> words)
     static std::array<uint8_t, staging_words * word_bytes> packed;
     static constexpr std::array<void (*)(std::span<const uint32_t>, int, uint8_t *), 5> packings = {
         nullptr, pack_words<1>, pack_words<2>, pack_words<3>, pack_words<4>};
-    const auto sample_bytes = static_cast<size_t>(file_list[0].out_sample_bytes);
+    const auto sample_bytes = static_cast<size_t>(stream_file->out_sample_bytes);
     if (sample_bytes >= packings.size() || packings[sample_bytes] == nullptr) return;
     packings[sample_bytes](words, device_padding_bits(), packed.data());
     ring_put(ring, packed.data(), static_cast<uint32_t>(words.size() * sample_bytes));
@@ -748,22 +751,25 @@ bool filter_decoded()
 
 int32_t pcm_feeder()
 {
-    if (load_acquire(interrupted) != 0 || feeding_file->index < 0) return 0;
+    if (load_acquire(interrupted) != 0 || feeding_file == stream_end) return 0;
     if (decoded.empty() && filtered.empty() && !stage_samples()) {
         format_row = nullptr;
         open_next_file();
-        if (feeding_file->index < 0) store_release(ring->more_coming, 0);
+        if (feeding_file == stream_end) store_release(ring->more_coming, 0);
         return -1;
     }
     const bool done = oversample != 0 ? filter_decoded() : put_decoded();
     return done ? -1 : 0;
 }
 
+static bool stream_was_played; // an earlier one; written by main while there is no output thread
+
 void exit_if_interrupted()
 {
     // A fatal report of the other thread sets both words, stop_output first.
-    if (load_acquire(interrupted) != 0 && load_acquire(stop_output) == 0)
-        fatal_report(unit, 1045, "exit by interrupt\n");
+    if (load_acquire(interrupted) == 0 || is_stopped()) return;
+    if (!stream_was_played) fatal_report(unit, 1045, "exit by interrupt\n");
+    settle_end();
 }
 
 namespace
@@ -912,12 +918,34 @@ void probe_files()
     if (file_count < 1) fatal_report(unit, 1009, "No sound files are found.\n");
 }
 
-void open_first_file()
+// The file after the last one that can share a stream with the given one. A file without sound can
+// share any.
+soundfile *find_stream_end(soundfile *file)
 {
-    feeding_file = file_list;
-    if (open_soundfile(file_list) < 0)
-        fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file_list->path));
-    store_release(playing_file, file_list);
+    const soundfile &first = *file;
+    for (; reopen != 0 && file->index >= 0; file = file->next) {
+        const bool other_form = file->wave.nSamplesPerSec != first.wave.nSamplesPerSec ||
+                                is_dsd(file) != is_dsd(&first);
+        if (other_form && file->data_bytes > 0) return file;
+    }
+    return file_list + file_count;
+}
+
+// Opens the first file of the stream that begins there. The first one of the list must be there;
+// later ones are passed over, as at every turn. False when none is left.
+bool begin_stream(soundfile *file)
+{
+    stream_end = find_stream_end(file);
+    feeding_file = file;
+    if (file == file_list && open_soundfile(file) < 0)
+        fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file->path));
+    while (file != file_list && feeding_file != stream_end && !open_at_its_turn(feeding_file)) {
+        close_file(feeding_file);
+        feeding_file = feeding_file->next;
+    }
+    stream_file = feeding_file;
+    store_release(playing_file, stream_file);
+    return stream_file != stream_end;
 }
 
 void set_up_stream()
@@ -926,7 +954,7 @@ void set_up_stream()
     if (is_stopped()) return;
     stream_banner();
     if (oversample == 0) return;
-    const int32_t rate = file_list->wave.nSamplesPerSec;
+    const int32_t rate = stream_file->wave.nSamplesPerSec;
     if (coeff_filter_init(rate, oversampled_rate, stream_channels, short_filter) == 0)
         fatal_report(unit, 1019, "coeff filter initialize failed.\n");
 }
@@ -948,7 +976,7 @@ void make_ring()
                static_cast<int32_t>(buffer_bytes), static_cast<int32_t>(smallest_buffer_bytes));
     }
     buffer_bytes = std::max(buffer_bytes, smallest_buffer_bytes);
-    const auto frame_bytes = static_cast<uint32_t>(file_list[0].out_frame_bytes);
+    const auto frame_bytes = static_cast<uint32_t>(stream_file->out_frame_bytes);
     if (buffer_bytes < ring_size_limit)
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
@@ -961,7 +989,7 @@ void begin_list()
 {
     const exact_time time = std::exchange(start_time, {});
     if (time.seconds == 0 && time.attoseconds == 0) return;
-    if (!begin_at(file_list, time)) open_next_file();
+    if (!begin_at(stream_file, time)) open_next_file();
 }
 
 constexpr int32_t filled_percent = 79; // the first filling ends above it
@@ -976,7 +1004,7 @@ void fill_ring()
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
         const int32_t percent = ring_percent(ring);
-        if (percent != shown) show_status(shown_second(file_list), percent, "filling buffer");
+        if (percent != shown) show_status(shown_second(stream_file), percent, "filling buffer");
         shown = percent;
         event_filling(percent);
     }
@@ -1008,14 +1036,14 @@ void feed_list()
 {
     while (!is_stopped() && load_acquire(ring->more_coming) != 0) {
         if (load_acquire(interrupted) != 0) {
-            feeding_file = file_list + file_count;
+            feeding_file = stream_end;
             return;
         }
         status_update(load_acquire(playing_file));
         const bool fed = fill_buffer() != 0;
-        if (!fed && feeding_file->index < 0) store_release(ring->more_coming, 0);
+        if (!fed && feeding_file == stream_end) store_release(ring->more_coming, 0);
         sound_was_fed();
-        if (!fed && feeding_file->index >= 0) wait_for(longest_wait, has_work);
+        if (!fed && feeding_file != stream_end) wait_for(longest_wait, has_work);
     }
 }
 
@@ -1072,7 +1100,25 @@ void play_list()
     std::puts(blank_line);
     wait_for_sound();
     if (pthread_join(output, nullptr) != 0) fatal_report(unit, 1068, "pthread_join() failed.\n");
+    stream_was_played = true;
     show_last_file();
+}
+
+// After a SIGINT that let the ring play out, the list is over, too.
+void end_stream()
+{
+    forget_stream();
+    ringbuffer_free(&ring);
+    if (load_acquire(interrupted) != 0) settle_end();
+}
+
+// The stages of a stream. A stop leaves out those that follow.
+void play_stream()
+{
+    static constexpr std::array stages = {set_up_stream, make_ring, begin_list,
+                                          fill_ring,     play_list, end_stream};
+    for (const auto stage : stages)
+        if (!is_stopped()) stage();
 }
 
 void clean_up()
@@ -1118,14 +1164,12 @@ int main(int argc, char **argv)
     make_file_list(argc, argv);
 
     // From here on a key ends the run in order, between two stages or within one.
-    static constexpr std::array stages = {probe_files, open_first_file, set_up_stream, make_ring,
-                                          begin_list,  fill_ring,       play_list};
-    for (const auto stage : stages)
-        if (!is_stopped()) stage();
+    if (!is_stopped()) probe_files();
+    for (soundfile *file = file_list; !is_stopped() && file->index >= 0; file = stream_end)
+        if (begin_stream(file)) play_stream();
     if (!sound_has_begun()) std::puts(blank_line);
     std::putchar('\n');
     clean_up();
-    settle_end();
     const int32_t status = settle_end();
     begin_to_leave();
     event_end(status);

@@ -73,8 +73,8 @@ struct soundfile {
     std::FILE *fp;                      // the open stream; null while there is none
     int32_t sample_format;              // SND_PCM_FORMAT_* of the stored samples; 0 for DSD
     int32_t sample_bytes;               // bytes of one stored sample; 1 for DSD
-    int32_t out_sample_bytes;           // bytes of a sample on the device; in file_list[0] only
-    int32_t out_frame_bytes;            // bytes of a frame on the device; in file_list[0] only
+    int32_t out_sample_bytes;           // bytes of a sample on the device; in stream_file only
+    int32_t out_frame_bytes;            // bytes of a frame on the device; in stream_file only
     int32_t channels;                   // channels stored in the file
     int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
@@ -143,6 +143,11 @@ using reader_slot = int32_t (*)(soundfile *file, uint8_t *bytes, int32_t count);
 
 // The play list: file_count records and an end sentinel. Never moved.
 extern soundfile *file_list;
+// The files that one stream plays, without a gap: from stream_file, which decides its form, to the
+// one before stream_end. All of the list, or, with --reopen, neighbours of one form. Set by main
+// before the output thread exists.
+extern soundfile *stream_file;
+extern soundfile *stream_end;
 extern int32_t file_count;
 extern soundfile *feeding_file;
 extern std::atomic<soundfile *> playing_file; // written by main at start, then by the output thread
@@ -169,6 +174,7 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
+extern int32_t reopen; // a file of another form gets a stream of its own
 extern exact_time start_time;  // where the first file begins
 extern int32_t args_used;      // argv entries taken by options, argv[0] included
 extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
@@ -231,6 +237,7 @@ int32_t pcm_feeder();
 // Shows the banner of a file that newly plays, and one status line a shown second. Main thread.
 void status_update(soundfile *file);
 
-// Ends the process with report 1045 if a SIGINT came and nothing else ends it already. The thread
-// that sets the output up.
+// What a SIGINT does where no sound is on: ends the process with report 1045 if nothing sounded
+// yet, or else the run in order, with the interrupt as its cause. Nothing without a SIGINT, or when
+// something else ends the run already. The thread that sets the output up.
 void exit_if_interrupted();

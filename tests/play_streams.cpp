@@ -62,6 +62,98 @@ TEST_P(play_list, comes_whole_in_every_form)
 INSTANTIATE_TEST_SUITE_P(all, play_list, testing::Range(size_t{0}, std::size(list_rows)),
                          [](const auto &row) { return std::string(list_rows[row.param].name); });
 
+// A run of the device: its log from that opening to its close, and what it got meanwhile.
+play_result opening(const play_result &result, int number, size_t frame_bytes, size_t *captured)
+{
+    play_result part = result;
+    const auto starts = [](const std::string &head) {
+        return [head](const std::string &line) { return line.starts_with(head); };
+    };
+    const auto begin = std::ranges::find_if(result.log, starts("open " + std::to_string(number)));
+    const auto end = std::find_if(begin, result.log.end(), starts("close "));
+    part.log.assign(begin, end == result.log.end() ? end : std::next(end));
+    unsigned long frames = 0;
+    if (!part.log.empty()) std::sscanf(part.log.back().c_str(), "close %*d took %lu", &frames);
+    const auto from = result.capture.begin() + static_cast<ptrdiff_t>(*captured);
+    *captured = std::min(*captured + frames * frame_bytes, result.capture.size());
+    part.capture.assign(from, result.capture.begin() + static_cast<ptrdiff_t>(*captured));
+    return part;
+}
+
+// A list of several forms plays as its streams one after the other, each with a device of its own.
+// Few descriptors are enough for any number of them.
+TEST(play_streams, of_other_forms_reopen_the_device)
+{
+    constexpr int streams = 12;
+    const stream_form pcm = s32_le, native = {"DSD_U32_BE", 4, 0, packing::native},
+                      dop = {"S32_LE", 4, 0, packing::dop};
+    for (const bool takes_dsd : {false, true}) {
+        const std::string directory = takes_dsd ? "native" : "dop";
+        std::mt19937 random(1);
+        struct stream {
+            const stream_form &form;
+            int rate;
+            bytes sound = {};
+        };
+        std::vector<stream> expected;
+        int files = 0;
+        for (int i = 0; i < streams; ++i) {
+            const bool dsd = random() % 2 == 0;
+            const int rate = (dsd ? 256000 : 8000) << i % 2; // never that of the stream before
+            expected.push_back({dsd ? takes_dsd ? native : dop : pcm, rate});
+            for (auto left = 1 + random() % 3; left > 0; --left, ++files) {
+                const auto seed = static_cast<uint32_t>(files);
+                const size_t length = random() % 4 * 800;
+                const auto bits = random_dsd(length + 4, seed, static_cast<uint32_t>(rate));
+                const auto words = random_pcm(rate, length + 1, seed);
+                scratch_file(directory + "/" + std::to_string(1000 + files),
+                             dsd ? dsd_containers[random() % 3](bits) : wave_file(words));
+                put_bytes(expected.back().sound, dsd ? device_bytes(bits, expected.back().form)
+                                                     : device_bytes(words, pcm));
+            }
+        }
+        const auto result =
+            run_player({.arguments = {"--reopen", directory},
+                        .capture = {{"FORMATS", takes_dsd ? "S32_LE DSD_U32_BE" : "S32_LE"}},
+                        .launcher = {"prlimit", "--nofile=20"}});
+        EXPECT_EQ(result.end, "played,0") << result.err;
+        EXPECT_NE(result.out.find("playing file " + std::to_string(files) + "/" +
+                                  std::to_string(files) + " "),
+                  std::string::npos);
+        EXPECT_EQ(result.told.find("\"other_rate\":true"), std::string::npos);
+        size_t captured = 0;
+        for (int i = 0; i < streams; ++i) {
+            SCOPED_TRACE(directory + " " + std::to_string(i));
+            const stream &each = expected[static_cast<size_t>(i)];
+            const auto part = opening(result, 2 * i + 2, 2 * each.form.bytes, &captured);
+            expect_stream(part, each.form, each.rate, each.sound);
+        }
+        EXPECT_EQ(captured, result.capture.size());
+    }
+}
+
+// One SIGINT or key ends the whole list, also while the next stream waits for its device.
+TEST(play_streams, end_all_at_once_between_two)
+{
+    const auto first = scratch_wave("a.wav", 8000, 100);
+    const auto second = scratch_wave("b.wav", 16000, 100);
+    const play_event by_key = {.err_has = "retrying", .type = key_3};
+    const play_event by_signal = {.err_has = "retrying", .signal = SIGINT};
+    for (const char *busy : {"3 4 5 6 7", "4 5 6 7 8"}) // to see what it takes, and to play
+        for (const auto &[event, end] :
+             {std::pair{by_key, "key,0"}, std::pair{by_signal, "interrupt,0"}}) {
+            const auto result = run_player({.arguments = {"--reopen", first, second},
+                                            .capture = {{"BUSY", busy}},
+                                            .events = {event},
+                                            .input = wire::pipe});
+            EXPECT_EQ(result.end, end) << busy;
+            size_t captured = 0;
+            expect_stream(opening(result, 2, 8, &captured), s32_le, 8000,
+                          device_bytes(random_pcm(8000, 100), s32_le));
+            EXPECT_EQ(captured, result.capture.size());
+        }
+}
+
 // The second of two same files is always whole, and so is the first one from its begin on. Half of
 // the times are about the end.
 TEST(play_streams, begin_where_they_are_to_start)

@@ -465,7 +465,8 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     const int32_t width = snd_pcm_format_physical_width(device) / 8;
     static soundfile records[2]; // the file and the sentinel
     soundfile &file = records[0];
-    file_list = feeding_file = &file;
+    file_list = stream_file = feeding_file = &file;
+    stream_end = &records[1];
     EXPECT_EQ(open_content(&file, content), 0);
     file.sample_format = sample_format;
     file.out_sample_bytes = width;
