@@ -55,7 +55,7 @@ _sonivane()
     if [[ $cur == -* ]]; then
         _sonivane_has_name && return
         mapfile -t COMPREPLY < <(compgen -W '-os -D -B --skip --version --help --mode= --silent
-            --events= --strict --list= --start= --short-filter --left-cut --right-cut -?' -- "$cur")
+            --events= --strict --reopen --list= --start= --short-filter --left-cut --right-cut -?' -- "$cur")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
         return
     fi
