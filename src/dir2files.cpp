@@ -12,6 +12,8 @@
 #include <limits>
 
 #include "events.h"
+#include "lookout.h"
+#include "sonivane.h"
 #include "util.h"
 
 int32_t pool_count;
@@ -84,6 +86,13 @@ const dirent64 *next_entry(DIR *directory)
     return readdir64(directory);
 }
 
+// Directories on a network may be slow: a stop counts between two entries.
+bool goes_on()
+{
+    exit_if_interrupted();
+    return !is_stopped();
+}
+
 void walk_directory(const char *path)
 {
     DIR *directory = opendir(path);
@@ -91,11 +100,13 @@ void walk_directory(const char *path)
         report_system_error(151, "directory %s open failed.\n", path, "cannot read");
         return;
     }
-    while (const dirent64 *entry = next_entry(directory)) {
+    const dirent64 *entry = nullptr;
+    while (goes_on() && (entry = next_entry(directory)) != nullptr) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
-    if (errno != 0) report_system_error(153, "directory %s broke off.\n", path, "cannot read");
+    if (errno != 0 && !is_stopped())
+        report_system_error(153, "directory %s broke off.\n", path, "cannot read");
     closedir(directory);
 }
 
@@ -170,7 +181,7 @@ char **expand_file_list(int32_t first, int32_t count, char **argv)
 {
     pool_reset();
     if (first >= count) walk_path(".");
-    for (int32_t i = first; i < count; ++i) walk_path(argv[i]);
+    for (int32_t i = first; i < count && goes_on(); ++i) walk_path(argv[i]);
     sort_names();
     return make_list();
 }

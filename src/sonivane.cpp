@@ -237,7 +237,7 @@ void open_next_file()
     look_for_read_error(feeding_file);
     close_file(feeding_file);
     feeding_file = feeding_file->next;
-    while (feeding_file->index >= 0) {
+    while (feeding_file->index >= 0 && !is_stopped() && load_acquire(interrupted) == 0) {
         store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
         if (open_at_its_turn(feeding_file)) return;
         close_file(feeding_file);
@@ -786,7 +786,7 @@ void read_command_line(int argc, char **argv)
 void make_file_list(int argc, char **argv)
 {
     char **names = expand_file_list(args_used, argc, argv);
-    if (names[0] == nullptr) fatal_report(unit, 958, "no files found.\n");
+    if (names[0] == nullptr && !is_stopped()) fatal_report(unit, 958, "no files found.\n");
     while (names[file_count] != nullptr) ++file_count;
 
     const auto records = static_cast<size_t>(file_count) + 1;
