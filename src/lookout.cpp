@@ -49,11 +49,6 @@ void forget_wakes(int descriptor)
     [[maybe_unused]] const ssize_t got = read(descriptor, &count, sizeof count);
 }
 
-void wake_lookout()
-{
-    write_wake(lookout_wakes);
-}
-
 // A thread that waits. It announces that, looks for work once more, and waits. Both sides exchange
 // the one word: either the waker sees the announcement and wakes, or the waiter sees the work.
 struct sleeper {
@@ -484,6 +479,11 @@ void *look_out(void *)
 }
 
 } // namespace
+
+void wake_lookout()
+{
+    write_wake(lookout_wakes);
+}
 
 // --- Stops --------------------------------------------------------------------------------------
 
