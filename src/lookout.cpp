@@ -112,7 +112,7 @@ constexpr int background_look_ms = 1000; // a shell that takes a job to the fron
 
 // The look-out's own.
 bool input_is_terminal;
-bool input_is_over; // it gave its end or an error: left alone until the terminal comes back
+bool input_is_over; // it gave its end or an error, for good
 bool input_rests;   // it was just read
 
 // The descriptor to wait for; none for an input that is over, at rest, or another job's.
@@ -124,13 +124,14 @@ int readable_input()
 }
 
 // Takes all that waits, up to a buffer's size. Not through stdin: its buffer would hide bytes from
-// poll.
+// poll. On a terminal an end is a key like another one, and an error lasts while it is another
+// job's.
 void read_input()
 {
-    std::array<char, 4096> keys;
+    static std::array<char, 65536> keys; // what a pipe holds
     const ssize_t got = read(STDIN_FILENO, keys.data(), keys.size());
     if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
-    input_is_over = got < 1;
+    input_is_over = got < 1 && !input_is_terminal;
     input_rests = true;
     const auto end = keys.begin() + std::max(got, ssize_t{0});
     if (std::find(keys.begin(), end, stop_key) != end) stop_playing(&stopped_by_key);
@@ -141,7 +142,6 @@ void look_for_terminal()
     pthread_mutex_lock(&terminal_mutex);
     if (terminal_wanted) take_terminal();
     pthread_mutex_unlock(&terminal_mutex);
-    input_is_over = false;
 }
 
 // --- The end of the process ---------------------------------------------------------------------
