@@ -198,9 +198,10 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
 }
 
 // What this thread ends itself, nobody else is asked for: another one may hold the lock of a
-// stream, so that exit would wait for it.
+// stream, so that exit would wait for it. Who comes to its own end meanwhile waits.
 [[noreturn]] void end_process(int32_t status)
 {
+    store_release(leaving, -1);
     terminal_restore();
     event_end(status);
     print_early_end();

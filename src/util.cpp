@@ -61,8 +61,7 @@ struct laid_out_report {
     event_end(status);
     print_in_time(text);
     std::fflush(stdout);
-    end_is_near();
-    std::exit(status);
+    std::exit(status); // which waits, in some C libraries, for a file that main stands in a read of
 }
 
 // --- Names --------------------------------------------------------------------------------------
