@@ -281,6 +281,7 @@ bool ended_early()
 
 // --- The second SIGINT --------------------------------------------------------------------------
 
+std::atomic<int32_t> trace_wanted; // flag: the signal is the look-out's
 std::atomic<int32_t> trace_begun;
 std::atomic<int32_t> trace_done;
 
@@ -296,9 +297,19 @@ void print_trace()
     print_last(interrupt_stack);
 }
 
-// On the main thread, wherever it is. It stays here: the look-out ends the process.
-void trace_handler(int)
+// What ends the process by default. The signal acts as soon as this handler returns.
+void dying_handler(int signal_number)
 {
+    give_terminal_back();
+    std::signal(signal_number, SIG_DFL);
+    raise(signal_number);
+}
+
+// On the main thread, wherever it is. It stays here: the look-out ends the process. The same signal
+// from another program ends the process by default.
+void trace_handler(int signal_number)
+{
+    if (load_acquire(trace_wanted) == 0) return dying_handler(signal_number);
     store_release(trace_begun, 1);
     print_trace();
     store_release(trace_done, 1);
@@ -319,6 +330,7 @@ void end_with_trace()
     if (leaving.exchange(-1) != 0) return;
     static constexpr stop_cause cause = cause_of(interrupt_stack);
     prepare_report(&cause);
+    store_release(trace_wanted, 1);
     pthread_kill(main_thread, SIGRTMIN);
     end_watch watch{};
     while (load_acquire(trace_done) == 0 && !stands_still(watch, trace_ms)) {
@@ -394,18 +406,10 @@ constexpr std::array dying_signals = {SIGSEGV, SIGABRT, SIGBUS,  SIGFPE,    SIGI
                                       SIGSYS,  SIGXCPU, SIGXFSZ, SIGALRM,   SIGUSR1,
                                       SIGUSR2, SIGPWR,  SIGPROF, SIGVTALRM, SIGIO};
 
-// The signal acts as soon as this handler, which was reset, returns.
-void dying_handler(int signal_number)
-{
-    give_terminal_back();
-    raise(signal_number);
-}
-
 void handle_dying_signals()
 {
     struct sigaction action = {};
     action.sa_handler = dying_handler;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     for (const int signal_number : dying_signals) {
         struct sigaction inherited;
