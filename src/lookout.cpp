@@ -226,7 +226,8 @@ constexpr stop_cause cause_of(const last_report &last)
 // Safe in a signal handler.
 void print_last(const last_report &last)
 {
-    for (const char *text : {last.head, last.sentence, "\n"}) print_in_time(text);
+    for (const char *text : {last.head, last.sentence, "\n"})
+        if (!print_in_time(text)) return;
 }
 
 void keep_first_cause(const stop_cause *cause)
