@@ -224,9 +224,9 @@ void look_for_read_error(const soundfile *file)
 bool open_at_its_turn(soundfile *file)
 {
     if (open_stream(file)) return find_container(file) == 0;
-    report(unit, report_not_opened, not_opened, printable(file->path));
     store_release(exit_status, report_not_opened);
     note_read_error(file);
+    report(unit, report_not_opened, not_opened, printable(file->path)); // which may not return
     return false;
 }
 
