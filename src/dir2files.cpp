@@ -90,6 +90,13 @@ const dirent *next_entry(DIR *directory)
     return readdir(directory);
 }
 
+// Directories on a network may be slow: a stop counts between two entries.
+bool goes_on()
+{
+    exit_if_interrupted();
+    return !is_stopped();
+}
+
 void walk_directory(const char *path)
 {
     DIR *directory = opendir(path);
@@ -98,11 +105,13 @@ void walk_directory(const char *path)
         return;
     }
     errno = 0;
-    while (const dirent *entry = is_stopped() ? nullptr : next_entry(directory)) {
+    const dirent *entry = nullptr;
+    while (goes_on() && (entry = next_entry(directory)) != nullptr) {
         // A file system that does not tell types tells none.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
-    if (errno != 0) report_system_error(153, "directory %s broke off.\n", path, "cannot read");
+    if (errno != 0 && !is_stopped())
+        report_system_error(153, "directory %s broke off.\n", path, "cannot read");
     closedir(directory);
 }
 
@@ -165,8 +174,7 @@ std::string_view folder_of(std::string_view path)
 // byte order.
 void walk_in_place(const char *name)
 {
-    exit_if_interrupted();
-    if (is_stopped()) return;
+    if (!goes_on()) return;
     const int32_t first = pool_count;
     walk_path(name);
     sort_names(first);
@@ -285,7 +293,7 @@ char **expand_file_list(int32_t first, int32_t count, char **argv)
         return make_list();
     }
     if (first >= count) walk_path(".");
-    for (int32_t i = first; i < count; ++i) walk_path(argv[i]);
+    for (int32_t i = first; i < count && goes_on(); ++i) walk_path(argv[i]);
     sort_names(0);
     return make_list();
 }

@@ -361,6 +361,7 @@ bool events_open(const char *number)
     if ((fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0) return false;
     way = find_way(&descriptor);
     store_release(voice, descriptor);
+    wake_lookout(); // its reader may leave before the first line
     return true;
 }
 

@@ -12,7 +12,7 @@
 #include "sonivane.h"
 
 // Takes the descriptor of that decimal number. False when it is none that is open for writing. Main
-// thread, before any other exists.
+// thread, before the output thread exists.
 bool events_open(const char *number);
 
 // The word for a reason, in the last event and in report 1100. Any thread.

@@ -49,11 +49,6 @@ void forget_wakes(int descriptor)
     [[maybe_unused]] const ssize_t got = read(descriptor, &count, sizeof count);
 }
 
-void wake_lookout()
-{
-    write_wake(lookout_wakes);
-}
-
 // A thread that waits. It announces that, looks for work once more, and waits. Both sides exchange
 // the one word: either the waker sees the announcement and wakes, or the waiter sees the work.
 struct sleeper {
@@ -119,7 +114,7 @@ std::atomic<int32_t> input_wanted; // flag
 
 // The look-out's own.
 bool input_is_terminal;
-bool input_is_over; // it gave its end or an error: left alone until the terminal comes back
+bool input_is_over; // it gave its end or an error, for good
 bool input_rests;   // it was just read
 
 // The descriptor to wait for; none for an input that is over, at rest, or another job's.
@@ -131,13 +126,14 @@ int readable_input()
 }
 
 // Takes all that waits, up to a buffer's size. Not through stdin: its buffer would hide bytes from
-// poll.
+// poll. On a terminal an end is a key like another one, and an error lasts while it is another
+// job's.
 void read_input()
 {
-    std::array<char, 4096> keys;
+    static std::array<char, 65536> keys; // what a pipe holds
     const ssize_t got = read(STDIN_FILENO, keys.data(), keys.size());
     if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
-    input_is_over = got < 1;
+    input_is_over = got < 1 && !input_is_terminal;
     input_rests = true;
     const auto end = keys.begin() + std::max(got, ssize_t{0});
     if (std::find(keys.begin(), end, stop_key) != end) stop_playing(&stopped_by_key);
@@ -148,7 +144,6 @@ void look_for_terminal()
     pthread_mutex_lock(&terminal_mutex);
     if (terminal_wanted) take_terminal();
     pthread_mutex_unlock(&terminal_mutex);
-    input_is_over = false;
 }
 
 // --- The end of the process ---------------------------------------------------------------------
@@ -206,9 +201,10 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
 }
 
 // What this thread ends itself, nobody else is asked for: another one may hold the lock of a
-// stream, so that exit would wait for it.
+// stream, so that exit would wait for it. Who comes to its own end meanwhile waits.
 [[noreturn]] void end_process(int32_t status)
 {
+    store_release(leaving, -1);
     terminal_restore();
     event_end(status);
     print_early_end();
@@ -233,7 +229,8 @@ constexpr stop_cause cause_of(const last_report &last)
 // Safe in a signal handler.
 void print_last(const last_report &last)
 {
-    for (const char *text : {last.head, last.sentence, "\n"}) print_in_time(text);
+    for (const char *text : {last.head, last.sentence, "\n"})
+        if (!print_in_time(text)) return;
 }
 
 void keep_first_cause(const stop_cause *cause)
@@ -287,6 +284,7 @@ bool ended_early()
 
 // --- The second SIGINT --------------------------------------------------------------------------
 
+std::atomic<int32_t> trace_wanted; // flag: the signal is the look-out's
 std::atomic<int32_t> trace_begun;
 std::atomic<int32_t> trace_done;
 
@@ -302,9 +300,19 @@ void print_trace()
     print_last(interrupt_stack);
 }
 
-// On the main thread, wherever it is. It stays here: the look-out ends the process.
-void trace_handler(int)
+// What ends the process by default. The signal acts as soon as this handler returns.
+void dying_handler(int signal_number)
 {
+    give_terminal_back();
+    std::signal(signal_number, SIG_DFL);
+    raise(signal_number);
+}
+
+// On the main thread, wherever it is. It stays here: the look-out ends the process. The same signal
+// from another program ends the process by default.
+void trace_handler(int signal_number)
+{
+    if (load_acquire(trace_wanted) == 0) return dying_handler(signal_number);
     store_release(trace_begun, 1);
     print_trace();
     store_release(trace_done, 1);
@@ -325,6 +333,7 @@ void end_with_trace()
     if (leaving.exchange(-1) != 0) return;
     static constexpr stop_cause cause = cause_of(interrupt_stack);
     prepare_report(&cause);
+    store_release(trace_wanted, 1);
     pthread_kill(main_thread, SIGRTMIN);
     end_watch watch{};
     while (load_acquire(trace_done) == 0 && !stands_still(watch, trace_ms)) {
@@ -400,18 +409,10 @@ constexpr std::array dying_signals = {SIGSEGV, SIGABRT, SIGBUS,  SIGFPE,    SIGI
                                       SIGSYS,  SIGXCPU, SIGXFSZ, SIGALRM,   SIGUSR1,
                                       SIGUSR2, SIGPWR,  SIGPROF, SIGVTALRM, SIGIO};
 
-// The signal acts as soon as this handler, which was reset, returns.
-void dying_handler(int signal_number)
-{
-    give_terminal_back();
-    raise(signal_number);
-}
-
 void handle_dying_signals()
 {
     struct sigaction action = {};
     action.sa_handler = dying_handler;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigemptyset(&action.sa_mask);
     for (const int signal_number : dying_signals) {
         struct sigaction inherited;
@@ -486,6 +487,11 @@ void *look_out(void *)
 }
 
 } // namespace
+
+void wake_lookout()
+{
+    write_wake(lookout_wakes);
+}
 
 // --- Stops --------------------------------------------------------------------------------------
 

@@ -79,6 +79,9 @@ void start_lookout();
 // that where nothing else is to be read there.
 void read_keys();
 
+// Has the look-out look anew at what it waits for. Any thread.
+void wake_lookout();
+
 // What the process ends with if its own threads do not end it in order. From there on the look-out
 // counts on one of them: where main does not follow the end of the sound within 200 ms, because it
 // stands in a call that does not return, the look-out ends the process itself. The end of the

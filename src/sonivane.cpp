@@ -296,9 +296,9 @@ void look_for_read_error(const soundfile *file)
 bool open_at_its_turn(soundfile *file)
 {
     if (open_stream(file)) return find_container(file) == 0;
-    report(unit, report_not_opened, not_opened, printable(file->path));
     store_release(exit_status, report_not_opened);
     note_read_error(file);
+    report(unit, report_not_opened, not_opened, printable(file->path)); // which may not return
     return false;
 }
 
@@ -309,7 +309,7 @@ void open_next_file()
     look_for_read_error(feeding_file);
     close_file(feeding_file);
     feeding_file = feeding_file->next;
-    while (feeding_file != stream_end) {
+    while (feeding_file != stream_end && !is_stopped() && load_acquire(interrupted) == 0) {
         store_release(ring->track_marks[feeding_file->index], load_acquire(ring->bytes_put));
         if (open_at_its_turn(feeding_file)) return;
         close_file(feeding_file);
@@ -939,9 +939,11 @@ bool begin_stream(soundfile *file)
     feeding_file = file;
     if (file == file_list && open_soundfile(file) < 0)
         fatal_report(unit, 1012, "soundfile %s open failed.\n", printable(file->path));
-    while (file != file_list && feeding_file != stream_end && !open_at_its_turn(feeding_file)) {
+    while (file != file_list && feeding_file != stream_end && !is_stopped() &&
+           !open_at_its_turn(feeding_file)) {
         close_file(feeding_file);
         feeding_file = feeding_file->next;
+        exit_if_interrupted();
     }
     stream_file = feeding_file;
     store_release(playing_file, stream_file);

@@ -61,8 +61,7 @@ struct laid_out_report {
     event_end(status);
     print_in_time(text);
     std::fflush(stdout);
-    end_is_near();
-    std::exit(status);
+    std::exit(status); // which waits, in some C libraries, for a file that main stands in a read of
 }
 
 // --- Names --------------------------------------------------------------------------------------
@@ -139,17 +138,18 @@ void fatal_exit(int32_t status)
     leave(status, "");
 }
 
-void print_in_time(const char *text)
+bool print_in_time(const char *text)
 {
     constexpr int patience_ms = 100;
     constexpr size_t piece = 4096; // a pipe that has room at all takes as much without waiting
     pollfd polled = {STDERR_FILENO, POLLOUT, 0};
     for (std::string_view rest = text; !rest.empty();) {
-        if (poll(&polled, 1, patience_ms) != 1) return;
+        if (poll(&polled, 1, patience_ms) != 1) return false;
         const ssize_t written = write(STDERR_FILENO, rest.data(), std::min(rest.size(), piece));
-        if (written < 1) return;
+        if (written < 1) return false;
         rest.remove_prefix(static_cast<size_t>(written));
     }
+    return true;
 }
 
 void hold_standard_descriptors()

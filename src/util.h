@@ -29,8 +29,9 @@ extern thread_local void (*before_leaving)();
 [[noreturn]] void fatal_exit(int32_t status);
 
 // Prints text on standard error, but leaves out what finds no room there within 100 ms: a reader
-// that does not read must not hold the end of the process. Safe in a signal handler. Any thread.
-void print_in_time(const char *text);
+// that does not read must not hold the end of the process. False when something was left out. Safe
+// in a signal handler. Any thread.
+bool print_in_time(const char *text);
 
 // Opens /dev/null on each of descriptors 0, 1 and 2 that the parent left closed, so that no sound
 // file or device comes to stand there. Main thread, first of all.
