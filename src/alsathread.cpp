@@ -661,7 +661,7 @@ void tell_position()
     const auto now = sound_clock::now();
     if (sent == 0 || now < next) return;
     constexpr auto apart = std::chrono::seconds(1);
-    next = std::max(next, now - apart) + apart; // of two that are late, one is left out
+    next = now - next < apart ? next + apart : now + apart; // the first one, or one is left out
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
     event_position(file, std::max(frames - queued_frames(), int64_t{0}));
@@ -803,12 +803,19 @@ void sound_was_fed()
     if (starving.exchange(0) != 0) wake(waiter::output);
 }
 
+bool sound_is_open()
+{
+    return load_acquire(silence_left) >= 0;
+}
+
 int64_t sound_left()
 {
-    const int32_t silence = load_acquire(silence_left);
-    if (silence < 0) return -1;
-    const int64_t frames = int64_t{silence} + ring_frames(ring) + alsa_buffer_frames;
-    return duration_of(frames).count();
+    if (!sound_is_open()) {
+        const int64_t frames = int64_t{output_rate} + ring_frames(ring);
+        return duration_of(frames).count() + wanted_buffer_microseconds;
+    }
+    const int64_t silence = load_acquire(silence_left);
+    return duration_of(silence + ring_frames(ring) + alsa_buffer_frames).count();
 }
 
 void *output_thread(void *)
@@ -823,6 +830,7 @@ void *output_thread(void *)
     make_silence();
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
     store_release(silence_left, primed != 0 ? 0 : output_rate);
+    wake(waiter::main); // it may wait to learn how long the sound can last
     moved_at = sound_clock::now();
 
     // A device whose whole buffer counts as nearly full would never be written.

@@ -26,8 +26,11 @@ int32_t find_last_card();
 // on. Main thread.
 void sound_was_fed();
 
-// The time in microseconds that silence, ring and device can still last; below 0 while the output
-// thread has not opened the device. Main thread.
+// Whether the output thread has opened the device. Main thread.
+bool sound_is_open();
+
+// The time in microseconds that silence, ring and device can still last. Before the device is open
+// its buffer is taken to be as large as it will be asked for. Main thread.
 int64_t sound_left();
 
 // The output thread: opens the device for good, sends a second of silence, then the ring. Ends when

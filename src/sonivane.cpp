@@ -937,6 +937,47 @@ void feed_list()
     }
 }
 
+int64_t microseconds_now()
+{
+    const auto time = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+// The sound has an end in sight. An opening that nobody wants any more must not hold the player.
+bool end_is_known()
+{
+    return sound_is_open() || load_acquire(interrupted) != 0;
+}
+
+// How long the sound may last from now on, in microseconds, when nothing more is read: no longer
+// than what ring and device hold, and a tenth more, whatever the device says. longest_wait: not
+// known yet.
+int64_t time_left()
+{
+    constexpr int64_t allowance = 400000; // for what comes after the last frame
+    static int64_t latest = longest_wait;
+    static bool settled;
+    const bool opened = sound_is_open();
+    if (!settled && (opened || (end_is_known() && latest == longest_wait))) {
+        const int64_t left = sound_left();
+        latest = microseconds_now() + left + left / 10 + allowance;
+        settled = opened;
+    }
+    if (latest == longest_wait) return longest_wait;
+    return std::max(latest - microseconds_now(), int64_t{0});
+}
+
+// Waits unless something is due. Stops the sound when its time is up.
+template <typename Due> void wait_in_time(Due due)
+{
+    static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
+    const bool known = end_is_known();
+    const int64_t left = time_left();
+    if (left != 0) return wait_for(left, [&] { return due() || end_is_known() != known; });
+    if (load_acquire(interrupted) == 0 && ring_frames(ring) > 0) stop_playing(&refused);
+    settle_end();
+}
+
 // Shows how the rest of the ring is played. The last look comes when the ring is empty, for a file
 // that went out as a whole since the one before: its banner is due, and no second any more.
 void drain_ring()
@@ -944,32 +985,15 @@ void drain_ring()
     while (!is_stopped() && load_acquire(interrupted) == 0) {
         if (ring_frames(ring) == 0) return show_banner_once(load_acquire(playing_file));
         status_update(load_acquire(playing_file));
-        wait_for(longest_wait, [] { return has_news() || ring_frames(ring) == 0; });
+        wait_in_time([] { return has_news() || ring_frames(ring) == 0; });
     }
 }
 
-int64_t microseconds_now()
-{
-    const auto time = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
-
-// Waits until the device is closed: nothing more is read. Whatever the device says, that takes no
-// longer than what it and the ring hold, and a tenth more; the output thread keeps to less.
+// Waits until the device is closed, or the sound was stopped.
 void wait_for_sound()
 {
-    constexpr int64_t allowance = 400000; // microseconds, for what comes behind the last frame
-    int64_t latest = -1;                  // not known before the device is open
-    while (!sound_is_over()) {
-        const int64_t left = sound_left();
-        if (latest < 0 && left >= 0) latest = microseconds_now() + left + left / 10 + allowance;
-        const int64_t wait = latest < 0 ? longest_wait : latest - microseconds_now();
-        if (latest >= 0 && wait <= 0) {
-            settle_end();
-            return;
-        }
-        wait_for(wait, [latest] { return sound_is_over() || (latest < 0 && sound_left() >= 0); });
-    }
+    const auto due = [] { return sound_is_over() || is_stopped(); };
+    while (!due()) wait_in_time(due);
 }
 
 // A file whose first frames were the last ones of the stream can have passed since main looked.
