@@ -491,6 +491,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     }
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
     store_release(silence_left, primed != 0 ? 0 : std::max(output_rate - silence_written, 1));
+    if (primed != 0) wake(waiter::main);
     return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
@@ -803,14 +804,16 @@ void sound_was_fed()
     if (starving.exchange(0) != 0) wake(waiter::output);
 }
 
-bool sound_is_open()
+sound_phase phase_of_sound()
 {
-    return load_acquire(silence_left) >= 0;
+    const int32_t silence = load_acquire(silence_left);
+    if (silence < 0) return sound_phase::opening;
+    return silence > 0 ? sound_phase::silence : sound_phase::sound;
 }
 
 int64_t sound_left()
 {
-    if (!sound_is_open()) {
+    if (phase_of_sound() == sound_phase::opening) {
         const int64_t frames = int64_t{output_rate} + ring_frames(ring);
         return duration_of(frames).count() + wanted_buffer_microseconds;
     }
@@ -830,7 +833,7 @@ void *output_thread(void *)
     make_silence();
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
     store_release(silence_left, primed != 0 ? 0 : output_rate);
-    wake(waiter::main); // it may wait to learn how long the sound can last
+    wake(waiter::main);
     moved_at = sound_clock::now();
 
     // A device whose whole buffer counts as nearly full would never be written.

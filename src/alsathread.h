@@ -26,8 +26,9 @@ int32_t find_last_card();
 // on. Main thread.
 void sound_was_fed();
 
-// Whether the output thread has opened the device. Main thread.
-bool sound_is_open();
+// What the output thread is at: main is woken when that changes. Any thread.
+enum class sound_phase { opening, silence, sound };
+sound_phase phase_of_sound();
 
 // The time in microseconds that silence, ring and device can still last. Before the device is open
 // its buffer is taken to be as large as it will be asked for. Main thread.

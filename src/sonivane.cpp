@@ -943,25 +943,32 @@ int64_t microseconds_now()
     return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-// The sound has an end in sight. An opening that nobody wants any more must not hold the player.
-bool end_is_known()
+// What the end of the sound is reckoned from.
+struct end_basis {
+    sound_phase phase;
+    bool unwanted; // one SIGINT came
+    bool operator==(const end_basis &) const = default;
+};
+
+end_basis basis_now()
 {
-    return sound_is_open() || load_acquire(interrupted) != 0;
+    return {phase_of_sound(), load_acquire(interrupted) != 0};
 }
 
 // How long the sound may last from now on, in microseconds, when nothing more is read: no longer
 // than what ring and device hold, and a tenth more, whatever the device says. longest_wait: not
-// known yet.
-int64_t time_left()
+// known while the device is being opened, unless nobody wants it any more.
+int64_t time_left(const end_basis &basis)
 {
-    constexpr int64_t allowance = 400000; // for what comes after the last frame
+    constexpr int64_t for_the_end = 400000;    // for what comes after the last frame
+    constexpr int64_t for_the_start = 3000000; // a sound server may begin two seconds late
     static int64_t latest = longest_wait;
-    static bool settled;
-    const bool opened = sound_is_open();
-    if (!settled && (opened || (end_is_known() && latest == longest_wait))) {
+    static end_basis counted = {sound_phase::opening, false};
+    if (basis != counted) {
+        const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
         const int64_t left = sound_left();
-        latest = microseconds_now() + left + left / 10 + allowance;
-        settled = opened;
+        latest = microseconds_now() + left + left / 10 + (starts ? for_the_start : for_the_end);
+        counted = basis;
     }
     if (latest == longest_wait) return longest_wait;
     return std::max(latest - microseconds_now(), int64_t{0});
@@ -971,10 +978,10 @@ int64_t time_left()
 template <typename Due> void wait_in_time(Due due)
 {
     static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
-    const bool known = end_is_known();
-    const int64_t left = time_left();
-    if (left != 0) return wait_for(left, [&] { return due() || end_is_known() != known; });
-    if (load_acquire(interrupted) == 0 && ring_frames(ring) > 0) stop_playing(&refused);
+    const end_basis basis = basis_now();
+    const int64_t left = time_left(basis);
+    if (left != 0) return wait_for(left, [&] { return due() || basis_now() != basis; });
+    if (!basis.unwanted && ring_frames(ring) > 0) stop_playing(&refused);
     settle_end();
 }
 
