@@ -231,8 +231,10 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     snd_pcm_sw_params_get_stop_threshold(params, &stop);
     snd_pcm_sw_params_get_silence_size(params, &silence);
     snd_pcm_sw_params_get_silence_threshold(params, &below);
-    if (stop == boundary && silence == boundary && below == 0)
-        return log_line("runs on after %lu\n", device.written);
+    if (stop == boundary && silence == boundary && below == 0) {
+        log_line("runs on after %lu\n", device.written);
+        return setting_has("FAIL", "run_on") ? -EINVAL : 0;
+    }
     return log_line("thresholds start %lu avail_min %lu\n", start, least);
 }
 
