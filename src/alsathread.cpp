@@ -176,19 +176,24 @@ int test_format(snd_pcm_hw_params_t *params, int32_t format)
     return snd_pcm_hw_params_test_format(pcm, params, static_cast<snd_pcm_format_t>(format));
 }
 
+enum class hw_attempt { first, second };
+
 // The format with the most significant bits; of equally wide ones the lowest code. PCM in a DSD
-// format would be full-scale noise.
-int32_t widest_format(snd_pcm_hw_params_t *params)
+// format would be full-scale noise. A second attempt is content with what the player fills: a plug
+// device lists floats of 64 bits that it can turn into nothing its sound server takes.
+int32_t widest_format(snd_pcm_hw_params_t *params, hw_attempt attempt)
 {
     int32_t best = -1;
     int best_width = 0;
     for (int32_t format = 0; format < scanned_formats; ++format) {
         const int width = snd_pcm_format_width(static_cast<snd_pcm_format_t>(format));
-        if (width > best_width && test_format(params, format) == 0) {
+        const bool wanted = attempt == hw_attempt::first || *filled_name(format) != '\0';
+        if (wanted && width > best_width && test_format(params, format) == 0) {
             best = format;
             best_width = width;
         }
     }
+    if (best < 0 && attempt == hw_attempt::second) return widest_format(params, hw_attempt::first);
     return best;
 }
 
@@ -271,8 +276,6 @@ void set_buffer(snd_pcm_hw_params_t *params)
     alsa_buffer_frames = static_cast<uint32_t>(frames);
 }
 
-enum class period_choice { none, quarter_buffer };
-
 // Asks for the size of a period where the device's own choice of one refuses the buffer; what comes
 // of it shows in the parameters as a whole.
 void set_period(snd_pcm_hw_params_t *params)
@@ -283,7 +286,7 @@ void set_period(snd_pcm_hw_params_t *params)
 
 // Narrows params down to what is wished and granted, without setting them. Results as of
 // sound_hwparams.
-int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period_choice periods)
+int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, hw_attempt attempt)
 {
     require(snd_pcm_hw_params_any(pcm, params), 118,
             "Broken configuration for playback: no configurations available: %s\n");
@@ -298,11 +301,11 @@ int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period
         const int refused = choose_dsd_form(params, stream);
         if (refused != 0) return refused;
     } else {
-        stream->format = widest_format(params);
+        stream->format = widest_format(params, attempt);
     }
     set_format(params, stream->format);
     set_rate(params, stream->rate);
-    if (periods == period_choice::quarter_buffer) set_period(params);
+    if (attempt == hw_attempt::second) set_period(params);
     set_buffer(params);
     return 0;
 }
@@ -314,10 +317,10 @@ int choose_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream, period
 int sound_hwparams(snd_pcm_hw_params_t *params, stream_settings *stream)
 {
     const stream_settings wished = *stream;
-    int refused = choose_hwparams(params, stream, period_choice::none);
+    int refused = choose_hwparams(params, stream, hw_attempt::first);
     if (refused != 0 || snd_pcm_hw_params(pcm, params) >= 0) return refused;
     *stream = wished;
-    refused = choose_hwparams(params, stream, period_choice::quarter_buffer);
+    refused = choose_hwparams(params, stream, hw_attempt::second);
     if (refused != 0) return refused;
     require(snd_pcm_hw_params(pcm, params), 239, "Unable to set hw params for playback: %s\n");
     return 0;
