@@ -178,25 +178,31 @@ int test_format(snd_pcm_hw_params_t *params, int32_t format)
     return snd_pcm_hw_params_test_format(pcm, params, static_cast<snd_pcm_format_t>(format));
 }
 
+enum class hw_attempt { first, second };
+
 // The format with the most significant bits; of equally wide ones the lowest code. PCM in a DSD
-// format would be full-scale noise.
-int32_t widest_format(snd_pcm_hw_params_t *params)
+// format would be full-scale noise. A second attempt is content with what the player fills: a plug
+// device lists floats of 64 bits that it can turn into nothing its sound server takes.
+int32_t widest_format(snd_pcm_hw_params_t *params, hw_attempt attempt)
 {
     int32_t best = -1;
     int best_width = 0;
     for (int32_t format = 0; format < scanned_formats; ++format) {
         const int width = snd_pcm_format_width(static_cast<snd_pcm_format_t>(format));
-        if (width > best_width && test_format(params, format) == 0) {
+        const bool wanted = attempt == hw_attempt::first || *filled_name(format) != '\0';
+        if (wanted && width > best_width && test_format(params, format) == 0) {
             best = format;
             best_width = width;
         }
     }
+    if (best < 0 && attempt == hw_attempt::second) return widest_format(params, hw_attempt::first);
     return best;
 }
 
-void choose_pcm_form(snd_pcm_hw_params_t *params, stream_settings *stream)
+void choose_pcm_form(snd_pcm_hw_params_t *params, hw_attempt attempt, stream_settings *stream)
 {
-    *stream = {widest_format(params), oversample != 0 ? oversampled_rate : source_rate(), flag_off};
+    *stream = {widest_format(params, attempt), oversample != 0 ? oversampled_rate : source_rate(),
+               flag_off};
 }
 
 bool is_offered(const dsd_form &form, int32_t i2s)
@@ -276,8 +282,6 @@ void set_buffer(snd_pcm_hw_params_t *params)
     alsa_buffer_frames = static_cast<uint32_t>(frames);
 }
 
-enum class period_choice { none, quarter_buffer };
-
 // Asks for the size of a period where the device's own choice of one refuses the buffer; what comes
 // of it shows in the parameters as a whole.
 void set_period(snd_pcm_hw_params_t *params)
@@ -288,7 +292,7 @@ void set_period(snd_pcm_hw_params_t *params)
 
 // Narrows params down to what is wished and granted, without setting them. Results as of
 // sound_hwparams.
-int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, period_choice periods,
+int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt,
                     stream_settings *stream)
 {
     require(snd_pcm_hw_params_any(pcm, params), 118,
@@ -304,11 +308,11 @@ int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, period_choice peri
         const int refused = choose_dsd_form(params, i2s, stream);
         if (refused != 0) return refused;
     } else {
-        choose_pcm_form(params, stream);
+        choose_pcm_form(params, attempt, stream);
     }
     set_format(params, stream->format);
     set_rate(params, stream->rate);
-    if (periods == period_choice::quarter_buffer) set_period(params);
+    if (attempt == hw_attempt::second) set_period(params);
     set_buffer(params);
     return 0;
 }
@@ -319,9 +323,9 @@ int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, period_choice peri
 // granted on top of a period.
 int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
-    int refused = choose_hwparams(params, i2s, period_choice::none, stream);
+    int refused = choose_hwparams(params, i2s, hw_attempt::first, stream);
     if (refused != 0 || snd_pcm_hw_params(pcm, params) >= 0) return refused;
-    refused = choose_hwparams(params, i2s, period_choice::quarter_buffer, stream);
+    refused = choose_hwparams(params, i2s, hw_attempt::second, stream);
     if (refused != 0) return refused;
     require(snd_pcm_hw_params(pcm, params), 239, "Unable to set hw params for playback: %s\n");
     return 0;
@@ -496,6 +500,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     }
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
     store_release(silence_left, primed != 0 ? 0 : std::max(output_rate - silence_written, 1));
+    if (primed != 0) wake(waiter::main);
     return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
@@ -668,7 +673,7 @@ void tell_position()
     const auto now = sound_clock::now();
     if (sent == 0 || now < next) return;
     constexpr auto apart = std::chrono::seconds(1);
-    next = std::max(next, now - apart) + apart; // of two that are late, one is left out
+    next = now - next < apart ? next + apart : now + apart; // the first one, or one is left out
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
     event_position(file, std::max(frames - queued_frames(), int64_t{0}));
@@ -821,12 +826,21 @@ void sound_was_fed()
     if (starving.exchange(0) != 0) wake(waiter::output);
 }
 
-int64_t sound_left()
+sound_phase phase_of_sound()
 {
     const int32_t silence = load_acquire(silence_left);
-    if (silence < 0) return -1;
-    const int64_t frames = int64_t{silence} + ring_frames(ring) + alsa_buffer_frames;
-    return duration_of(frames).count();
+    if (silence < 0) return sound_phase::opening;
+    return silence > 0 ? sound_phase::silence : sound_phase::sound;
+}
+
+int64_t sound_left()
+{
+    if (phase_of_sound() == sound_phase::opening) {
+        const int64_t frames = int64_t{output_rate} + ring_frames(ring);
+        return duration_of(frames).count() + wanted_buffer_microseconds;
+    }
+    const int64_t silence = load_acquire(silence_left);
+    return duration_of(silence + ring_frames(ring) + alsa_buffer_frames).count();
 }
 
 void *output_thread(void *)
@@ -841,6 +855,7 @@ void *output_thread(void *)
     make_silence();
     if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
     store_release(silence_left, primed != 0 ? 0 : output_rate);
+    wake(waiter::main);
     moved_at = sound_clock::now();
     next_to_tell = stream_file->index;
 

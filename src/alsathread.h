@@ -30,8 +30,12 @@ void forget_stream();
 // on. Main thread.
 void sound_was_fed();
 
-// The time in microseconds that silence, ring and device can still last; below 0 while the output
-// thread has not opened the device. Main thread.
+// What the output thread is at: main is woken when that changes. Any thread.
+enum class sound_phase { opening, silence, sound };
+sound_phase phase_of_sound();
+
+// The time in microseconds that silence, ring and device can still last. Before the device is open
+// its buffer is taken to be as large as it will be asked for. Main thread.
 int64_t sound_left();
 
 // The output thread: opens the device for good, sends a second of silence, then the ring. Ends when

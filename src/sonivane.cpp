@@ -1049,6 +1049,54 @@ void feed_list()
     }
 }
 
+int64_t microseconds_now()
+{
+    const auto time = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+// What the end of the sound is reckoned from.
+struct end_basis {
+    sound_phase phase;
+    bool unwanted; // one SIGINT came
+    bool operator==(const end_basis &) const = default;
+};
+
+end_basis basis_now()
+{
+    return {phase_of_sound(), load_acquire(interrupted) != 0};
+}
+
+// How long the sound may last from now on, in microseconds, when nothing more is read: no longer
+// than what ring and device hold, and a tenth more, whatever the device says. longest_wait: not
+// known while the device is being opened, unless nobody wants it any more.
+int64_t time_left(const end_basis &basis)
+{
+    constexpr int64_t for_the_end = 400000;    // for what comes after the last frame
+    constexpr int64_t for_the_start = 3000000; // a sound server may begin two seconds late
+    static int64_t latest = longest_wait;
+    static end_basis counted = {sound_phase::opening, false};
+    if (basis != counted) {
+        const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
+        const int64_t left = sound_left();
+        latest = microseconds_now() + left + left / 10 + (starts ? for_the_start : for_the_end);
+        counted = basis;
+    }
+    if (latest == longest_wait) return longest_wait;
+    return std::max(latest - microseconds_now(), int64_t{0});
+}
+
+// Waits unless something is due. Stops the sound when its time is up.
+template <typename Due> void wait_in_time(Due due)
+{
+    static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
+    const end_basis basis = basis_now();
+    const int64_t left = time_left(basis);
+    if (left != 0) return wait_for(left, [&] { return due() || basis_now() != basis; });
+    if (!basis.unwanted && ring_frames(ring) > 0) stop_playing(&refused);
+    settle_end();
+}
+
 // Shows how the rest of the ring is played. The last look comes when the ring is empty, for a file
 // that went out as a whole since the one before: its banner is due, and no second any more.
 void drain_ring()
@@ -1056,32 +1104,15 @@ void drain_ring()
     while (!is_stopped() && load_acquire(interrupted) == 0) {
         if (ring_frames(ring) == 0) return show_banner_once(load_acquire(playing_file));
         status_update(load_acquire(playing_file));
-        wait_for(longest_wait, [] { return has_news() || ring_frames(ring) == 0; });
+        wait_in_time([] { return has_news() || ring_frames(ring) == 0; });
     }
 }
 
-int64_t microseconds_now()
-{
-    const auto time = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
-
-// Waits until the device is closed: nothing more is read. Whatever the device says, that takes no
-// longer than what it and the ring hold, and a tenth more; the output thread keeps to less.
+// Waits until the device is closed, or the sound was stopped.
 void wait_for_sound()
 {
-    constexpr int64_t allowance = 400000; // microseconds, for what comes behind the last frame
-    int64_t latest = -1;                  // not known before the device is open
-    while (!sound_is_over()) {
-        const int64_t left = sound_left();
-        if (latest < 0 && left >= 0) latest = microseconds_now() + left + left / 10 + allowance;
-        const int64_t wait = latest < 0 ? longest_wait : latest - microseconds_now();
-        if (latest >= 0 && wait <= 0) {
-            settle_end();
-            return;
-        }
-        wait_for(wait, [latest] { return sound_is_over() || (latest < 0 && sound_left() >= 0); });
-    }
+    const auto due = [] { return sound_is_over() || is_stopped(); };
+    while (!due()) wait_in_time(due);
 }
 
 // A file whose first frames were the last ones of the stream can have passed since main looked.

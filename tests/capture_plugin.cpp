@@ -214,7 +214,9 @@ int on_hw_params(snd_pcm_ioplug_t *io, snd_pcm_hw_params_t *)
 {
     log_line("params %s rate %u channels %u buffer %lu\n", snd_pcm_format_name(io->format),
              io->rate, io->channels, io->buffer_size);
-    return setting_has("FAIL", "hw_params") ? -EIO : 0;
+    const bool refuses =
+        setting_has("FAIL", "hw_params") || setting_has("FAIL", snd_pcm_format_name(io->format));
+    return refuses ? -EIO : 0;
 }
 
 int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
@@ -231,8 +233,10 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
     snd_pcm_sw_params_get_stop_threshold(params, &stop);
     snd_pcm_sw_params_get_silence_size(params, &silence);
     snd_pcm_sw_params_get_silence_threshold(params, &below);
-    if (stop == boundary && silence == boundary && below == 0)
-        return log_line("runs on after %lu\n", device.written);
+    if (stop == boundary && silence == boundary && below == 0) {
+        log_line("runs on after %lu\n", device.written);
+        return setting_has("FAIL", "run_on") ? -EINVAL : 0;
+    }
     return log_line("thresholds start %lu avail_min %lu\n", start, least);
 }
 

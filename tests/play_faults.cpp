@@ -46,15 +46,32 @@ TEST(play_faults, nothing_holds_the_player_before_it_plays)
     }
 }
 
-// A device that stands still with the end of the list in its queue: the player does not wait for it
-// longer than that could last.
+// A device that stands still once nothing more is read, in the silence, in the sound or with all of
+// it in its queue: the player waits no longer than that could last.
 TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
 {
-    const auto result =
-        run_player({.arguments = {scratch_wave("a.wav", 8000, 1000)}, .events = {{.allow = 9500}}});
-    EXPECT_EQ(result.end, "played,0");
-    EXPECT_EQ(result.capture.size(), (3 * 3998 + 1000) * 8U);
-    EXPECT_FALSE(all_sounded(result));
+    const struct {
+        int64_t allowed; // frames that the device plays
+        size_t frames;   // of the file
+        const char *end;
+        play_event stop;
+    } rows[] = {
+        {100, 1000, "refused,0", {}},
+        {100, 1000, "interrupt,0", {.log_has = "start ", .signal = SIGINT}},
+        {9500, 8000, "refused,0", {}},
+        {9500, 8000, "interrupt,0", {.captured = 9500 * 8, .signal = SIGINT}},
+        {9500, 1000, "played,0", {}},
+        {9500, 1000, "interrupt,0", {.log_has = "runs on ", .signal = SIGINT}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::to_string(row.allowed) + row.end);
+        const auto result = run_player({.arguments = {scratch_wave("a.wav", 8000, row.frames)},
+                                        .capture = {{"CLOCK", "4"}, {"SPEED", "4"}},
+                                        .events = {{.allow = row.allowed}, row.stop}});
+        EXPECT_EQ(result.end, row.end);
+        EXPECT_EQ(result.err, "Open 8000Hzfs PCM stream\n");
+        EXPECT_FALSE(all_sounded(result));
+    }
 }
 
 // Main stands in a call that does not return, where no signal reaches it: each stop ends the
