@@ -82,8 +82,8 @@ TEST(play_events, of_a_list_of_every_kind)
 // printed one stays where it began, and at one that the device does not run at exactly.
 TEST(play_events, tell_the_position_that_is_heard)
 {
-    const bytes pcm = wave_file(random_pcm(400000, 700000));
-    const bytes dsd = dsd_containers[1](random_dsd(1500000, 1, 2822410));
+    const bytes pcm = wave_file(random_pcm(400000, 2000000));
+    const bytes dsd = dsd_containers[1](random_dsd(3000000, 1, 2822410));
     const struct {
         const char *start, *format, *shown;
         bytes content;
