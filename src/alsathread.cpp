@@ -720,14 +720,16 @@ void let_play_out(uint32_t pause)
     constexpr int64_t behind_the_queue = 100000; // microseconds
     const bool runs_on = run_on_over_silence();
     const microseconds queue = duration_of(queued_frames());
-    const auto expected_end = sound_clock::now() + queue + (runs_on ? queue * 0 : queue / 20);
+    const auto expected_end = sound_clock::now() + queue + queue / 20;
     const auto latest_end = sound_clock::now() + queue + queue / 10;
     for (auto now = sound_clock::now(); now < latest_end && device_plays() && !is_stopped();
          now = sound_clock::now()) {
-        if ((runs_on || now >= expected_end) && queued_frames() == 0) break;
+        const bool may_ask = runs_on || now >= expected_end;
+        const auto left = may_ask ? duration_of(queued_frames())
+                                  : std::chrono::duration_cast<microseconds>(expected_end - now);
+        if (left.count() <= 0) break;
         tell_progress();
         constexpr microseconds shortest{1000};
-        const auto left = std::chrono::duration_cast<microseconds>(expected_end - now);
         wait_for(std::min(std::max(left, shortest), microseconds(pause)).count(), is_stopped);
     }
     wait_for(behind_the_queue, is_stopped);

@@ -1055,12 +1055,17 @@ int64_t microseconds_now()
     return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-// What the end of the sound is reckoned from.
+// What the latest end of the sound is computed from.
 struct end_basis {
     sound_phase phase;
     bool unwanted; // one SIGINT came
     bool operator==(const end_basis &) const = default;
 };
+constexpr end_basis at_the_opening = {sound_phase::opening, false};
+
+// Of the stream that plays: in microseconds of the monotonic clock, and what it was computed from.
+int64_t latest_end;
+end_basis latest_end_basis;
 
 end_basis basis_now()
 {
@@ -1074,16 +1079,14 @@ int64_t time_left(const end_basis &basis)
 {
     constexpr int64_t for_the_end = 400000;    // for what comes after the last frame
     constexpr int64_t for_the_start = 3000000; // a sound server may begin two seconds late
-    static int64_t latest = longest_wait;
-    static end_basis counted = {sound_phase::opening, false};
-    if (basis != counted) {
+    if (basis != latest_end_basis) {
         const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
         const int64_t left = sound_left();
-        latest = microseconds_now() + left + left / 10 + (starts ? for_the_start : for_the_end);
-        counted = basis;
+        latest_end = microseconds_now() + left + left / 10 + (starts ? for_the_start : for_the_end);
+        latest_end_basis = basis;
     }
-    if (latest == longest_wait) return longest_wait;
-    return std::max(latest - microseconds_now(), int64_t{0});
+    if (latest_end == longest_wait) return longest_wait;
+    return std::max(latest_end - microseconds_now(), int64_t{0});
 }
 
 // Waits unless something is due. Stops the sound when its time is up.
@@ -1124,6 +1127,8 @@ void show_last_file()
 
 void play_list()
 {
+    latest_end = longest_wait;
+    latest_end_basis = at_the_opening;
     sound_begins();
     const pthread_t output = start_output();
     announce_stream();
