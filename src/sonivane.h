@@ -174,7 +174,7 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
-extern int32_t reopen; // a file of another form gets a stream of its own
+extern int32_t reopen;         // a file of another form gets a stream of its own
 extern exact_time start_time;  // where the first file begins
 extern int32_t args_used;      // argv entries taken by options, argv[0] included
 extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
