@@ -83,7 +83,7 @@ TEST(play_events, of_a_list_of_every_kind)
 TEST(play_events, tell_the_position_that_is_heard)
 {
     constexpr int64_t stands_at = 500000; // frames, the silence among them
-    const auto result = run_player({.arguments = {scratch_wave("a.wav", 400000, 300000)},
+    const auto result = run_player({.arguments = {scratch_wave("a.wav", 400000, 1000000)},
                                     .events = {{.log_has = "open 2", .allow = stands_at},
                                                {.out_has = "playing"},
                                                {.after_ms = 2500, .type = key_3}},
