@@ -57,7 +57,7 @@ TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
         play_event stop;
     } rows[] = {
         {100, 1000, "refused,0", {}},
-        {100, 1000, "interrupt,0", {.log_has = "start ", .signal = SIGINT}},
+        {100, 1000, "interrupt,0", {.log_has = "\nstart ", .signal = SIGINT}},
         {9500, 8000, "refused,0", {}},
         {9500, 8000, "interrupt,0", {.captured = 9500 * 8, .signal = SIGINT}},
         {9500, 1000, "played,0", {}},
