@@ -662,7 +662,7 @@ void tell_draining()
     static bool told;
     if (told || !no_more_is_read() || !is_last_stream() || is_stopped()) return;
     told = true;
-    event_draining(load_acquire(silence_left) + ring_frames(ring) + queued_frames());
+    event_draining(int64_t{load_acquire(silence_left)} + ring_frames(ring) + queued_frames());
 }
 
 // Once a second of real time, from the first frame on.

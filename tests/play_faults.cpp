@@ -124,18 +124,30 @@ TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
     }
 }
 
-// Main stands in a write to a pipe that nobody reads: the key still closes the device.
-TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
+// Main stands in a write to a pipe that nobody reads: a key and a fatal report still close the
+// device.
+TEST(play_faults, the_device_is_closed_while_standard_output_is_full)
 {
-    const auto result =
-        run_player({.arguments = {"--silent", scratch_wave("a.wav", 8000, 200000)},
-                    .capture = {{"SPEED", "4"}},
-                    .events = {{.out_has = "0 1\n", .clogs = STDOUT_FILENO},
-                               {.after_ms = 1000, .type = key_3, .clogs = STDOUT_FILENO},
-                               {.log_has = "stop\nclose 2 "}},
-                    .input = wire::pipe});
-    EXPECT_EQ(result.end, "key,0");
-    EXPECT_FALSE(all_sounded(result));
+    const play_event full = {.out_has = "0 1\n", .clogs = STDOUT_FILENO};
+    const play_event key = {.after_ms = 1000, .type = key_3, .clogs = STDOUT_FILENO};
+    const play_event closed = {.log_has = "\nclose 2 "};
+    const struct {
+        const char *fault;
+        std::vector<play_event> events;
+        const char *end;
+    } rows[] = {
+        {"none 0", {full, key, {.log_has = "stop\nclose 2 "}}, "key,0"},
+        {"transfer 100000", {full, closed}, "report,alsathread,368,112"},
+    };
+    for (const auto &row : rows) {
+        const auto result =
+            run_player({.arguments = {"--silent", scratch_wave("a.wav", 8000, 200000)},
+                        .capture = {{"SPEED", "4"}, {"FAULT", row.fault}},
+                        .events = row.events,
+                        .input = wire::pipe});
+        EXPECT_EQ(result.end, row.end);
+        EXPECT_FALSE(all_sounded(result));
+    }
 }
 
 // --- SIGINT in every stage ----------------------------------------------------------------------
