@@ -95,7 +95,9 @@ TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
         {"open, playing", {file, next}, {"SWAP", next + " 2 stall"}, {.log_has = "write "}, true},
         {"read, filling", {file}, {"STALL", "500000"}, {.log_has = "stall"}, false},
         {"read, playing", {file}, {"STALL", "1500000"}, {.log_has = "write "}, true},
+#ifndef __SANITIZE_THREAD__ // it flushes all streams where a process ends
         {"write", {file}, {"SPEED", "9"}, {.out_has = "00:01", .clogs = STDOUT_FILENO}, true},
+#endif
     };
     for (const stalled_call &call : calls) {
         const play_event sends = {.after_ms = 300, .signal = SIGINT, .clogs = call.begin.clogs};
@@ -166,7 +168,7 @@ const std::vector<stage_row> stages = {
     {"probing", {.err_has = "Skip"}, 3, true, 8000, "1536K", "100"},
     {"priming", {.out_has = "filling buffer"}, 20, true, 2000000, "16M", "400"},
     {"silence", {.log_has = "write "}, 20, false, 400000, "1536K", "40"},
-    {"playing", {.out_has = "position 00:01"}, 40, false, 400000, "1536K", "200"},
+    {"playing", {.captured = 160000}, 40, false, 400000, "1536K", "200"},
     {"draining", {.out_has = "playing file"}, 20, false, 40000, "1536K", "200"},
     {"joining", {.out_has = std::string(72, ' ') + "\n"}, 2, false, 8000, "1536K", "100"},
 };

@@ -121,7 +121,7 @@ void set_environment(const run_state &state, const play_settings &settings)
     set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
     // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
     add("ASAN_OPTIONS", "verify_asan_link_order=0");
-    add("TSAN_OPTIONS", "report_thread_leaks=0");
+    add("TSAN_OPTIONS", "report_thread_leaks=0:atexit_sleep_ms=0");
 }
 
 // The player of the foreground: a session with the terminal as its own, so that keys make signals.
