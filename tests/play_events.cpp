@@ -202,6 +202,16 @@ TEST(play_events, are_what_the_documented_front_end_reads)
          {"left out: missing - cannot stat\ncapture: pcm S32_LE 44100 Hz\n\n1/2 a.wav\n",
           "\r0:01 of 0:03 ", "\n2/2 b.wav at the wrong speed\n", "\nended: played, status 0\n"})
         EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
+
+    // Return counts at once: from a device that plays nothing no event comes.
+    const auto stopped =
+        run_player({.arguments = {"a.wav"},
+                    .capture = {{"SPEED", "1"}},
+                    .events = {{.log_has = "start", .allow = 0}, {.after_ms = 300, .type = "\n"}},
+                    .input = wire::pipe,
+                    .voice = wire::closed,
+                    .launcher = {"python3", script}});
+    EXPECT_NE(stopped.out.find("\nended: key, status 0\n"), std::string::npos) << stopped.out;
 }
 
 } // namespace
