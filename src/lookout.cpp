@@ -155,7 +155,7 @@ constexpr int look_ms = 20;          // between two looks at threads that should
 
 std::atomic<int32_t> sound_over;     // the output thread has closed the device
 std::atomic<int32_t> all_over;       // and no other stream follows
-std::atomic<int32_t> sound_begun;    // one SIGINT lets the ring play out
+std::atomic<int32_t> sound_started;  // one SIGINT lets the ring play out
 std::atomic<int32_t> leaving;        // some thread ends the process
 std::atomic<int32_t> ends_by_itself; // and meets nothing more that could hold it
 
@@ -253,7 +253,7 @@ void prepare_report(const stop_cause *cause)
 [[noreturn]] void end_in_place_of_main()
 {
     static constexpr stop_cause cause = cause_of(exit_by_interrupt);
-    if (is_stopped() || sound_has_begun()) {
+    if (is_stopped() || sound_has_started()) {
         end_process(settle_end());
     }
     prepare_report(&cause);
@@ -285,7 +285,7 @@ bool ended_early()
 // --- The second SIGINT --------------------------------------------------------------------------
 
 std::atomic<int32_t> trace_wanted; // flag: the signal is the look-out's
-std::atomic<int32_t> trace_begun;
+std::atomic<int32_t> trace_started;
 std::atomic<int32_t> trace_done;
 
 // Safe in a signal handler once backtrace was called before.
@@ -313,7 +313,7 @@ void dying_handler(int signal_number)
 void trace_handler(int signal_number)
 {
     if (load_acquire(trace_wanted) == 0) return dying_handler(signal_number);
-    store_release(trace_begun, 1);
+    store_release(trace_started, 1);
     print_trace();
     store_release(trace_done, 1);
     wake_lookout();
@@ -341,7 +341,7 @@ void end_with_trace()
         poll(&polled, 1, look_ms);
         forget_wakes(lookout_wakes);
     }
-    if (load_acquire(trace_begun) == 0 && can_print_now()) print_trace();
+    if (load_acquire(trace_started) == 0 && can_print_now()) print_trace();
     _exit(cause.number & 0xFF);
 }
 
@@ -531,20 +531,20 @@ void read_keys()
     wake_lookout();
 }
 
-void sound_begins()
+void sound_starts()
 {
     store_release(sound_over, 0);
-    store_release(sound_begun, 1);
+    store_release(sound_started, 1);
 }
 
-bool sound_has_begun()
+bool sound_has_started()
 {
-    return load_acquire(sound_begun) != 0;
+    return load_acquire(sound_started) != 0;
 }
 
 bool sound_is_on()
 {
-    return sound_has_begun() && !sound_is_over();
+    return sound_has_started() && !sound_is_over();
 }
 
 bool sound_is_over()

@@ -93,9 +93,9 @@ bool sound_is_over();
 
 // The files are about to be played, so that one SIGINT lets the ring play out. Before that, it
 // ends the process with report 1045. Main thread.
-void sound_begins();
+void sound_starts();
 // Whether they were. Any thread.
-bool sound_has_begun();
+bool sound_has_started();
 // Whether the output thread may be running. Any thread.
 bool sound_is_on();
 

@@ -248,8 +248,8 @@ bool begin_at(soundfile *file, const exact_time &time)
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
     if (!row_of(file->container).skip(file, count)) return false;
-    file->begun_at = count * periods_each;
-    if (count != 0) store_release(file->position, position_at(file->begun_at, rate));
+    file->start_at = count * periods_each;
+    if (count != 0) store_release(file->position, position_at(file->start_at, rate));
     return true;
 }
 
@@ -1129,7 +1129,7 @@ void play_list()
 {
     latest_end = longest_wait;
     latest_end_basis = at_the_opening;
-    sound_begins();
+    sound_starts();
     const pthread_t output = start_output();
     announce_stream();
     feed_list();
@@ -1205,7 +1205,7 @@ int main(int argc, char **argv)
     if (!is_stopped()) probe_files();
     for (soundfile *file = file_list; !is_stopped() && file->index >= 0; file = stream_end)
         if (begin_stream(file)) play_stream();
-    if (!sound_has_begun()) std::puts(blank_line);
+    if (!sound_has_started()) std::puts(blank_line);
     std::putchar('\n');
     clean_up();
     const int32_t status = settle_end();
