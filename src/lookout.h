@@ -1,10 +1,10 @@
-// The look-out: a thread of its own that waits for everything that comes from outside, namely
-// signals, standard input and the reader of the events, and that sees to it that the process ends
-// when it should. With it stand the words that say so, the waits that it can cut short, and the
-// terminal, which has to be given back whatever ends the process.
+// The look-out is a thread that waits for everything that comes from outside: signals, standard
+// input and the reader of the events. It also makes sure that the process ends when it should. This
+// unit also has the words that end the sound, the waits of the other threads, and the terminal,
+// whose mode must be restored at every end of the process.
 //
-// The two other threads never poll. Each waits in wait_for, which ends when the time is up or when
-// somebody calls wake.
+// The two other threads never poll. Each waits in wait_for, which returns when the time is up or
+// when another thread calls wake.
 #pragma once
 
 #include <atomic>
@@ -16,8 +16,8 @@
 
 // --- Why the sound ends -------------------------------------------------------------------------
 
-// For a report that ends the sound, fatal or not, the cause also has its unit, its number and its
-// sentence, of at most longest_sentence bytes, without a line end.
+// A report that ends the sound, fatal or not, also sets the unit, the number and the text, which
+// has at most longest_sentence bytes and no line end.
 enum class stop_reason {
     played,
     key,
@@ -25,7 +25,7 @@ enum class stop_reason {
     underrun,
     suspended,
     disconnected,
-    refused, // the device takes no more
+    refused, // the device takes no more frames
     read_error,
     report,
 };
@@ -35,17 +35,17 @@ struct stop_cause {
     int32_t number;
     const char *text = "";
 };
-inline constexpr size_t longest_sentence = PATH_MAX + 32; // a path and what is said of it
+inline constexpr size_t longest_sentence = PATH_MAX + 32; // a path and the text about it
 inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
 
-extern std::atomic<int32_t> interrupted;           // set by the look-out and by fatal reports
-extern std::atomic<int32_t> stop_output;           // set by stop_playing alone
-extern std::atomic<const stop_cause *> stopped_by; // the first one; null: nothing stopped it yet
-extern std::atomic<int32_t> read_error_met;        // a file broke off; set by main
-extern std::atomic<int32_t> exit_status;           // of the process, unless 0; set by any thread
+extern std::atomic<int32_t> interrupted;           // flag; set by the look-out and by fatal reports
+extern std::atomic<int32_t> stop_output;           // flag; set by stop_playing alone
+extern std::atomic<const stop_cause *> stopped_by; // the first cause; null: none yet
+extern std::atomic<int32_t> read_error_met;        // flag: a file ended before its end; set by main
+extern std::atomic<int32_t> exit_status; // of the process, unless it is 0; set by any thread
 extern int32_t strict; // flag: a sound that ended early is a failure; set by main at its start
 
-// Ends the sound and wakes every thread. The first cause stays; it must last as long as the
+// Ends the sound and wakes every thread. The first cause stays. cause must last as long as the
 // process. Any thread.
 void stop_playing(const stop_cause *cause);
 
@@ -55,77 +55,80 @@ inline bool is_stopped()
     return load_acquire(stop_output) != 0;
 }
 
-// Gives a run that nothing stopped its cause: a SIGINT, a file that broke off, or the end of the
-// list. Result: the exit status of the process, of which the shell sees the low 8 bits. Any thread.
+// Sets the cause of the end if nothing has stopped the sound: a SIGINT, a file with a read error,
+// or the end of the list. Result: the exit status of the process, of which the shell sees the low 8
+// bits. Any thread.
 int32_t settle_end();
 
-// Prints report 1100 where that is the status. Any thread.
+// Prints report 1100 if that is the exit status. Any thread.
 void print_early_end();
 
 // --- The thread ---------------------------------------------------------------------------------
 
-// Blocks the signals that end, stop or continue the process in the calling thread and all later
-// ones, and starts the look-out, which takes them from then on:
+// Starts the look-out. Before that it blocks the signals that end, stop or continue the process, in
+// the calling thread and so in all threads that are created later. From then on the look-out takes
+// them:
 // - SIGINT: the first one sets interrupted, the second one ends the process with report 799.
-// - SIGTERM, SIGHUP, SIGQUIT, SIGTSTP: the terminal is given back and the signal acts by default.
-// - SIGCONT: the terminal is taken again.
-// Signals that end the process by default, such as SIGSEGV, give the terminal back first. A signal
-// that the parent had ignored stays ignored, but for SIGINT. Byte 3 on standard input, or a reader
-// of the events that left, stops the sound. Without memory for a thread the signals act by default
-// and nothing is read. Main thread, once, while it is the only one.
+// - SIGTERM, SIGHUP, SIGQUIT, SIGTSTP: the terminal is restored and the signal acts by default.
+// - SIGCONT: the terminal is set to raw mode again.
+// Signals that end the process by default, such as SIGSEGV, restore the terminal first. A signal
+// that the parent process ignored stays ignored, except SIGINT. Byte 3 on standard input stops the
+// sound, and so does the reader of the events when it closes its end. If the system refuses the
+// thread, the signals act by default and nothing is read. Main thread, once, while it is the only
+// thread.
 void start_lookout();
 
-// From here on keys on standard input count. Main thread, once the command line is read, or before
-// that where nothing else is to be read there.
+// From this call on, keys on standard input count. Main thread, after the command line is read, or
+// earlier if nothing else is to be read from standard input.
 void read_keys();
 
-// Has the look-out look anew at what it waits for. Any thread.
+// Makes the look-out check again what it waits for. Any thread.
 void wake_lookout();
 
-// What the process ends with if its own threads do not end it in order. From there on the look-out
-// counts on one of them: where main does not follow the end of the sound within 200 ms, because it
-// stands in a call that does not return, the look-out ends the process itself. The end of the
-// sound is a stop, or the output thread at its end; not so for_good where a stream follows. Output
-// thread.
+// The sound has ended because the output thread is done. After this, after every stop, and after a
+// SIGINT that comes while no sound is on, the look-out watches main. If main does not end the
+// process and makes no progress for 200 ms, because a call does not return, the look-out ends the
+// process itself. for_good is false if another stream follows: then the look-out does not watch.
+// Output thread.
 void sound_has_ended(bool for_good);
-// Whether it did. Any thread.
+// Whether sound_has_ended was called. Any thread.
 bool sound_is_over();
 
-// The files are about to be played, so that one SIGINT lets the ring play out. Before that, it
-// ends the process with report 1045. Main thread.
+// The files are about to be played. From this call on, one SIGINT lets the ring play out; before
+// it, a SIGINT ends the process with report 1045. Main thread.
 void sound_starts();
-// Whether they were. Any thread.
+// Whether sound_starts was called. Any thread.
 bool sound_has_started();
 // Whether the output thread may be running. Any thread.
 bool sound_is_on();
 
-// The calling thread is about to end the process. Only the first one comes back from here: two
-// calls of exit at once are undefined. Any thread.
+// The calling thread is about to end the process. The call returns to the first caller only,
+// because two calls of exit at once are undefined. Any thread.
 void begin_to_leave();
 
-// The calling thread ends the process and will meet no call that could hold it. Any thread.
+// The calling thread ends the process and will make no call that could block. Any thread.
 void end_is_near();
 
 // --- Waiting ------------------------------------------------------------------------------------
 
 enum class waiter { main, output };
 
-// Makes the calling thread the output thread for wait_for. Output thread, first of all.
+// Makes the calling thread the output thread for wait_for. Output thread, before anything else.
 void wait_as_output();
 
-// Ends the wait of that thread, now or before it begins, if it was announced. Any thread.
+// Ends the wait that this thread has announced, whether it has started to wait or not. Any thread.
 void wake(waiter who);
 
-// Announces a wait, so that a wake from here on ends it; the caller then looks once more whether
-// there is anything to wait for. The same thread follows with finish_wait.
+// Announces a wait. From then on a wake ends it. The caller then checks once more whether there is
+// work, and calls finish_wait in either case. Main and output thread.
 void announce_wait();
-// Waits that many microseconds, or until it is woken; longest_wait: until it is woken. With a
-// descriptor that takes output, it ends when there is room, too. Main and output thread. It may
-// return early.
+// Waits for that many microseconds, or until it is woken. With longest_wait it waits until it is
+// woken. With a descriptor it also returns when that can be written to. It may return early. Main
+// and output thread.
 inline constexpr int64_t longest_wait = -1;
 void finish_wait(int64_t microseconds, int descriptor = -1);
 
-// Waits unless something is due. due may be asked at any time and takes no arguments.
+// Waits unless something is due. due takes no arguments; it may be called at any time.
 template <typename Due> void wait_for(int64_t microseconds, Due due)
 {
     announce_wait();
@@ -134,12 +137,12 @@ template <typename Due> void wait_for(int64_t microseconds, Due due)
 
 // --- Terminal -----------------------------------------------------------------------------------
 
-// Takes standard input out of canonical mode (echo and signals stay); once, until restored. Keys
-// that were typed before are read: byte 3 counts, the rest is dropped. In the background it waits
-// for the terminal until the process is in the foreground; a terminal that does not control the
-// process is left alone. Main thread.
+// Switches the terminal on standard input out of canonical mode; echo and signals stay on. It saves
+// the mode only if it is not already saved. Keys that were typed before are read: byte 3 counts,
+// the rest is dropped. In the background, the switch is made when the process comes to the
+// foreground. A terminal that does not control the process is left alone. Main thread.
 void terminal_raw();
 
-// Puts back what terminal_raw found, and then forgets it: a second call does no harm. Nothing
-// without it, nor in the background. Any thread.
+// Restores the mode that terminal_raw saved. A second call does nothing, and so does a call without
+// terminal_raw. In the background the terminal is left alone. Any thread.
 void terminal_restore();
