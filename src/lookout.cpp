@@ -33,9 +33,9 @@ namespace
 
 // --- Waking -------------------------------------------------------------------------------------
 
-constexpr int no_descriptor = -1; // poll passes it over
+constexpr int no_descriptor = -1; // poll ignores it
 
-int lookout_wakes = no_descriptor; // an eventfd, readable once the look-out is to look
+int lookout_wakes = no_descriptor; // an eventfd, readable when the look-out has something to check
 
 void write_wake(int descriptor)
 {
@@ -49,8 +49,9 @@ void forget_wakes(int descriptor)
     [[maybe_unused]] const ssize_t got = read(descriptor, &count, sizeof count);
 }
 
-// A thread that waits. It announces that, looks for work once more, and waits. Both sides exchange
-// the one word: either the waker sees the announcement and wakes, or the waiter sees the work.
+// A thread that waits. It sets announced, checks once more for work, and waits. The waker provides
+// the work first and then clears announced. Both use one exchange of the same word, so either the
+// waker sees the announcement and wakes the thread, or the thread sees the work.
 struct sleeper {
     std::atomic<int32_t> announced; // flag; set by its thread, cleared by both sides
     int wakes = no_descriptor;      // an eventfd
@@ -65,17 +66,17 @@ sleeper &sleeper_of(waiter who)
 
 // --- Terminal -----------------------------------------------------------------------------------
 
-// Held while the terminal's mode changes, and while a signal acts on the process. All words but the
-// atomic one belong to its holder.
+// Held while the mode of the terminal changes, and while a signal stops or ends the process. The
+// holder alone uses the words below, except terminal_is_raw.
 pthread_mutex_t terminal_mutex = PTHREAD_MUTEX_INITIALIZER;
-bool terminal_wanted;                 // from terminal_raw to terminal_restore, wherever it is
-struct termios terminal_saved;        // of standard input, when it was taken
-std::atomic<int32_t> terminal_is_raw; // flag: terminal_saved holds settings to put back
+bool terminal_wanted;          // from terminal_raw to terminal_restore, also in the background
+struct termios terminal_saved; // the mode of standard input before the change
+std::atomic<int32_t> terminal_is_raw; // flag: terminal_saved is to be restored
 
 enum class terminal_place { none, foreground, background };
 
-// In the background the terminal is the shell's, and its modes too: the kernel stops a job that
-// changes them. One that does not control this process belongs to other people.
+// In the background the terminal and its mode belong to the shell: the kernel stops a job that
+// changes the mode. A terminal that does not control this process belongs to another session.
 terminal_place place_of_terminal()
 {
     const pid_t foreground = tcgetpgrp(STDIN_FILENO);
@@ -83,8 +84,8 @@ terminal_place place_of_terminal()
     return foreground == getpgrp() ? terminal_place::foreground : terminal_place::background;
 }
 
-// TCSAFLUSH, which drops input too, would first wait for all output: for ever, with a terminal that
-// Ctrl-S holds.
+// TCSANOW, because TCSAFLUSH, which also drops input, first waits for all output. On a terminal
+// that is held by Ctrl-S that wait never ends.
 void take_terminal()
 {
     if (place_of_terminal() != terminal_place::foreground) return;
@@ -108,16 +109,16 @@ void give_terminal_back()
 
 constexpr char stop_key = 3;
 constexpr int input_rest_ms = 10;        // between two reads of an input that never ends
-constexpr int background_look_ms = 1000; // a shell that takes a job to the front says nothing
+constexpr int background_look_ms = 1000; // a job that comes to the foreground gets no signal
 
 std::atomic<int32_t> input_wanted; // flag
 
-// The look-out's own.
+// The look-out alone uses these.
 bool input_is_terminal;
-bool input_is_over; // it gave its end or an error, for good
-bool input_rests;   // it was just read
+bool input_is_over; // it gave an end or an error, and is not read again
+bool input_rests;   // it was just read; the next read waits for input_rest_ms
 
-// The descriptor to wait for; none for an input that is over, at rest, or another job's.
+// The descriptor to wait for; no_descriptor if the input is over, rests, or belongs to another job.
 int readable_input()
 {
     if (load_acquire(input_wanted) == 0 || input_is_over || input_rests) return no_descriptor;
@@ -125,12 +126,12 @@ int readable_input()
     return ours ? STDIN_FILENO : no_descriptor;
 }
 
-// Takes all that waits, up to a buffer's size. Not through stdin: its buffer would hide bytes from
-// poll. On a terminal an end is a key like another one, and an error lasts while it is another
-// job's.
+// Reads what is there, up to the size of the buffer. It does not read through stdin, whose buffer
+// would hide bytes from poll. On a terminal an end of file and an error are not final: the end is
+// a key (Ctrl-D), and the error lasts only while the terminal belongs to another job.
 void read_input()
 {
-    static std::array<char, 65536> keys; // what a pipe holds
+    static std::array<char, 65536> keys; // the capacity of a pipe
     const ssize_t got = read(STDIN_FILENO, keys.data(), keys.size());
     if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
     input_is_over = got < 1 && !input_is_terminal;
@@ -148,24 +149,24 @@ void look_for_terminal()
 
 // --- The end of the process ---------------------------------------------------------------------
 
-constexpr int64_t grace_ms = 200;    // what main gets to follow the end of the sound
-constexpr int64_t trace_ms = 100;    // what main gets to print its stack
-constexpr int64_t at_most_ms = 3000; // for either, however busy the machine is
-constexpr int look_ms = 20;          // between two looks at threads that should end
+constexpr int64_t grace_ms = 200; // without progress of main before the look-out ends the process
+constexpr int64_t trace_ms = 100; // without progress of main before the look-out gives up its stack
+constexpr int64_t at_most_ms = 3000; // the limit of both, however busy the machine is
+constexpr int look_ms = 20;          // between two checks of threads that should end
 
-std::atomic<int32_t> sound_over;     // the output thread has closed the device
-std::atomic<int32_t> all_over;       // and no other stream follows
-std::atomic<int32_t> sound_started;  // one SIGINT lets the ring play out
-std::atomic<int32_t> leaving;        // some thread ends the process
-std::atomic<int32_t> ends_by_itself; // and meets nothing more that could hold it
+std::atomic<int32_t> sound_over;     // flag: the output thread has closed the device
+std::atomic<int32_t> all_over;       // flag: it has, and no other stream follows
+std::atomic<int32_t> sound_started;  // flag: from here on one SIGINT lets the ring play out
+std::atomic<int32_t> leaving;        // flag: a thread ends the process
+std::atomic<int32_t> ends_by_itself; // flag: it does, and will make no call that could block
 
 pthread_t main_thread;
-std::atomic<clockid_t> output_clock; // of the processor time of the output thread; 0: none yet
+std::atomic<clockid_t> output_clock; // processor time of the output thread; 0: none yet
 
 int64_t clock_ns(clockid_t clock)
 {
     timespec time{};
-    if (clock_gettime(clock, &time) != 0) return 0; // of a thread that has ended
+    if (clock_gettime(clock, &time) != 0) return 0; // the thread has ended
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
@@ -174,7 +175,7 @@ int64_t milliseconds_now()
     return clock_ns(CLOCK_MONOTONIC) / 1000000;
 }
 
-// Processor time that main and the output thread have used.
+// Processor time in nanoseconds that main and the output thread have used.
 int64_t work_done()
 {
     clockid_t main_clock{};
@@ -183,11 +184,11 @@ int64_t work_done()
     return clock_ns(main_clock) + (output != 0 ? clock_ns(output) : 0);
 }
 
-// Threads that should be done soon. One that works on, slowly as on a busy machine, gets more time
-// than one that stands still.
+// Watches threads that should end soon. A thread that makes progress, even slowly on a busy
+// machine, gets more time than a thread that does not.
 struct end_watch {
-    int64_t since;    // milliseconds; 0: nothing is watched
-    int64_t moved_at; // milliseconds: the last time that work had been done
+    int64_t since;    // milliseconds; 0: not watching
+    int64_t moved_at; // milliseconds: the last time that work had changed
     int64_t work;
 };
 
@@ -200,8 +201,9 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
     return now - watch.moved_at >= patience_ms || now - watch.since >= at_most_ms;
 }
 
-// What this thread ends itself, nobody else is asked for: another one may hold the lock of a
-// stream, so that exit would wait for it. Who comes to its own end meanwhile waits.
+// Ends the process from the look-out without the other threads and without exit: another thread may
+// hold the lock of a stream, for which exit would wait. A thread that wants to end the process now
+// waits in begin_to_leave.
 [[noreturn]] void end_process(int32_t status)
 {
     store_release(leaving, -1);
@@ -211,7 +213,7 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
     _exit(status & 0xFF);
 }
 
-// The reports that this thread ends the process with. They are the player's own.
+// The reports with which the look-out ends the process. They belong to the unit sonivane.
 struct last_report {
     int32_t number;
     const char *head;
@@ -239,8 +241,8 @@ void keep_first_cause(const stop_cause *cause)
     stopped_by.compare_exchange_strong(none, cause);
 }
 
-// All that comes before the text of a report. The other threads go on meanwhile: woken, main would
-// print its last lines ahead of it. cause must last as long as the process.
+// Everything that comes before the text of a report. It sets no stop: a stop would wake main, which
+// would print its last lines before the report. cause must last as long as the process.
 void prepare_report(const stop_cause *cause)
 {
     store_release(exit_status, cause->number);
@@ -249,7 +251,7 @@ void prepare_report(const stop_cause *cause)
     event_end(cause->number);
 }
 
-// Main has not come to the place where it would have ended the process in order.
+// Main has not reached the place where it ends the process in order.
 [[noreturn]] void end_in_place_of_main()
 {
     static constexpr stop_cause cause = cause_of(exit_by_interrupt);
@@ -284,11 +286,11 @@ bool ended_early()
 
 // --- The second SIGINT --------------------------------------------------------------------------
 
-std::atomic<int32_t> trace_wanted; // flag: the signal is the look-out's
+std::atomic<int32_t> trace_wanted; // flag: the look-out sends the signal
 std::atomic<int32_t> trace_started;
 std::atomic<int32_t> trace_done;
 
-// Safe in a signal handler once backtrace was called before.
+// Safe in a signal handler after the first call of backtrace.
 void print_trace()
 {
 #if __has_include(<execinfo.h>)
@@ -300,7 +302,7 @@ void print_trace()
     print_last(interrupt_stack);
 }
 
-// What ends the process by default. The signal acts as soon as this handler returns.
+// For signals that end the process by default. The signal acts when this handler returns.
 void dying_handler(int signal_number)
 {
     give_terminal_back();
@@ -308,8 +310,8 @@ void dying_handler(int signal_number)
     raise(signal_number);
 }
 
-// On the main thread, wherever it is. It stays here: the look-out ends the process. The same signal
-// from another program ends the process by default.
+// Runs on the main thread, wherever that is, and never returns: the look-out ends the process. The
+// same signal from another program ends the process by default.
 void trace_handler(int signal_number)
 {
     if (load_acquire(trace_wanted) == 0) return dying_handler(signal_number);
@@ -326,8 +328,9 @@ bool can_print_now()
     return poll(&polled, 1, static_cast<int>(trace_ms)) == 1;
 }
 
-// Main prints its own stack, where a signal can reach it. What nobody takes from standard error
-// does not hold the end. A process that is being ended already goes on with that.
+// Main prints its own stack if the signal reaches it; otherwise the look-out prints its own. A
+// standard error that nobody reads does not hold the end. If another thread already ends the
+// process, nothing is printed.
 void end_with_trace()
 {
     if (leaving.exchange(-1) != 0) return;
@@ -347,11 +350,11 @@ void end_with_trace()
 
 // --- Signals ------------------------------------------------------------------------------------
 
-// What ends or stops the process by default once the terminal was given back.
+// They end or stop the process by default, after the terminal is restored.
 constexpr std::array acting_signals = {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
-sigset_t
-    awaited_signals; // those above that are not ignored, SIGINT and SIGCONT; blocked everywhere
+// SIGINT, SIGCONT and those of acting_signals that are not ignored; blocked in all threads.
+sigset_t awaited_signals;
 int signal_wakes = no_descriptor; // a signalfd: readable while one of them is pending
 
 sigset_t only(int signal_number)
@@ -362,7 +365,7 @@ sigset_t only(int signal_number)
     return set;
 }
 
-// Takes the signal, if it is pending.
+// Takes the signal if it is pending. Result: whether it was.
 bool take_signal(int signal_number)
 {
     const sigset_t set = only(signal_number);
@@ -378,10 +381,11 @@ bool is_pending(int signal_number)
            sigismember(&pending, signal_number) == 1;
 }
 
-// Lets a pending signal end or stop the process. It stays pending until then: the kernel takes a
-// pending SIGTSTP back when a SIGCONT comes, and one that was taken before could stop the process
-// after the SIGCONT for good. It comes back from a stop, or at once when nothing stops: the kernel
-// lets Ctrl-Z stop nothing that no shell could continue. Whoever else wants the terminal waits.
+// Lets a pending signal end or stop the process. Until it acts it must stay pending: when a SIGCONT
+// comes, the kernel drops a pending SIGTSTP, but a SIGTSTP that was taken before could stop the
+// process after the SIGCONT, for good. The function returns after a stop. It returns at once if
+// nothing stops: the kernel ignores Ctrl-Z where no shell could continue the process. The other
+// threads cannot change the terminal meanwhile.
 void let_act(int signal_number)
 {
     const sigset_t set = only(signal_number);
@@ -404,7 +408,7 @@ void attend_signals()
     wake(waiter::output);
 }
 
-// What ends the process by default and comes from a fault or another program.
+// They end the process by default and come from a fault or from another program.
 constexpr std::array dying_signals = {SIGSEGV, SIGABRT, SIGBUS,  SIGFPE,    SIGILL,
                                       SIGSYS,  SIGXCPU, SIGXFSZ, SIGALRM,   SIGUSR1,
                                       SIGUSR2, SIGPWR,  SIGPROF, SIGVTALRM, SIGIO};
@@ -421,7 +425,7 @@ void handle_dying_signals()
     }
 }
 
-// An ignored SIGINT, as a shell gives to what it starts with &, is awaited all the same.
+// SIGINT is awaited even if it was ignored at the start: a shell starts a background job like that.
 void block_awaited_signals()
 {
     std::signal(SIGINT, SIG_DFL);
@@ -438,7 +442,7 @@ void block_awaited_signals()
 void prepare_trace()
 {
 #if __has_include(<execinfo.h>)
-    // The first backtrace of a process loads a library, which a handler must not do.
+    // The first backtrace of a process loads a library, which is not safe in a handler.
     std::array<void *, 1> warm_up;
     backtrace(warm_up.data(), warm_up.size());
 #endif
@@ -462,13 +466,13 @@ int time_out_ms(const end_watch &watch)
 void *look_out(void *)
 {
     end_watch watch{};
-    bool away = false; // the terminal was another job's
+    bool away = false; // the terminal belonged to another job
     while (true) {
         std::array<pollfd, places> polled{};
         polled[place_signals] = {signal_wakes, POLLIN, 0};
         polled[place_wakes] = {lookout_wakes, POLLIN, 0};
         polled[place_input] = {readable_input(), POLLIN, 0};
-        polled[place_reader] = {events_descriptor(), 0, 0}; // an error is all there is to see
+        polled[place_reader] = {events_descriptor(), 0, 0}; // POLLERR alone
         poll(polled.data(), polled.size(), time_out_ms(watch));
 
         input_rests = false;
@@ -572,8 +576,8 @@ void end_is_near()
 
 void start_lookout()
 {
-    std::signal(SIGPIPE, SIG_IGN); // a reader of standard output that left does not end the sound
-    std::signal(SIGTTIN, SIG_IGN); // in the background a key of the shell's must not stop it
+    std::signal(SIGPIPE, SIG_IGN); // the sound goes on if the reader of standard output leaves
+    std::signal(SIGTTIN, SIG_IGN); // a read in the background must not stop the process
     main_thread = pthread_self();
     for (sleeper &each : sleepers) each.wakes = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     lookout_wakes = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -619,7 +623,8 @@ void finish_wait(int64_t microseconds, int descriptor)
     const timespec time = {static_cast<time_t>(microseconds / 1000000),
                            static_cast<long>(microseconds % 1000000 * 1000)};
     ppoll(polled.data(), polled.size(), microseconds == longest_wait ? nullptr : &time, nullptr);
-    // Who cleared the word has written, or is about to: then the next wait ends early.
+    // If announced is 0, a waker has cleared it. It has written to the eventfd or is about to
+    // write; in that case the next wait returns early.
     if (own_sleeper->announced.exchange(0) == 0) forget_wakes(own_sleeper->wakes);
 }
 
@@ -631,7 +636,7 @@ void terminal_raw()
     if (load_acquire(terminal_is_raw) == 0) take_terminal();
     terminal_wanted = true;
     pthread_mutex_unlock(&terminal_mutex);
-    wake_lookout(); // for the keys that were typed before
+    wake_lookout(); // so that it reads the keys that were typed before
 }
 
 void terminal_restore()
