@@ -73,7 +73,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
         const auto result = run_player({.arguments = {option, file},
                                         .capture = {{"SPEED", "8"}},
                                         .output = wire::terminal,
-                                        .voice = wire::closed});
+                                        .event_wire = wire::closed});
         EXPECT_EQ(result.end, "0");
         EXPECT_EQ(result.err, stream_line);
         EXPECT_NE(result.out.find(text), std::string::npos);
@@ -238,7 +238,7 @@ TEST(play_console, the_streams_do_not_matter_to_the_sound)
                                         .input = input,
                                         .output = output,
                                         .error = error,
-                                        .voice = closed});
+                                        .event_wire = closed});
         expect_stream(result, s32_le, 8000, sound);
     }
 }

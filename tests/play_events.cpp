@@ -20,7 +20,7 @@ const std::string head = R"({"event":")"; // of every line
 std::string pick(const play_result &result, const std::string &kinds)
 {
     std::string picked;
-    std::istringstream told(result.told);
+    std::istringstream told(result.event_lines);
     for (std::string line; std::getline(told, line);) {
         if (!line.starts_with(head)) continue;
         const std::string kind =
@@ -151,13 +151,13 @@ TEST(play_events, do_not_wait_for_their_reader)
     expect_stream(result, s32_le, 8000, device_bytes(random_pcm(8000, 16000), s32_le));
     // Only whole lines, and the line ends that filled the pipe.
     const std::regex line(R"re(\{"event":"[^\n]*?(?:"dropped":(\d+))?\}\n)re");
-    const std::string rest = std::regex_replace(result.told, line, "");
+    const std::string rest = std::regex_replace(result.event_lines, line, "");
     EXPECT_EQ(rest.find_first_not_of('\n'), std::string::npos) << rest;
     int most_dropped = 0; // playing and a position, at least
-    for (std::sregex_iterator at(result.told.begin(), result.told.end(), line), end; at != end;
-         ++at)
+    for (std::sregex_iterator at(result.event_lines.begin(), result.event_lines.end(), line), end;
+         at != end; ++at)
         if ((*at)[1].matched) most_dropped = std::max(most_dropped, std::stoi((*at)[1]));
-    EXPECT_GE(most_dropped, 2) << result.told;
+    EXPECT_GE(most_dropped, 2) << result.event_lines;
 }
 
 // Before the sound every line waits for its reader.
@@ -177,7 +177,7 @@ TEST(play_events, are_all_told_before_the_sound)
 TEST(play_events, a_reader_that_left_ends_the_sound)
 {
     const auto result =
-        run_player({.arguments = {scratch_wave("a.wav", 8000, 8000)}, .voice = wire::gone});
+        run_player({.arguments = {scratch_wave("a.wav", 8000, 8000)}, .event_wire = wire::gone});
     EXPECT_EQ(result.end, "0");
     EXPECT_TRUE(result.capture.empty());
     EXPECT_TRUE(result.out.ends_with(std::string(72, ' ') + "\n\n"));
@@ -195,7 +195,7 @@ TEST(play_events, are_what_the_documented_front_end_reads)
     scratch_wave("b.wav", 48000, 1000);
     const auto result = run_player({.arguments = {"a.wav", "b.wav", "missing"},
                                     .capture = {{"SPEED", "2"}},
-                                    .voice = wire::closed,
+                                    .event_wire = wire::closed,
                                     .launcher = {"python3", script}});
     EXPECT_EQ(result.end, "0") << result.err;
     for (const char *shown :
@@ -209,7 +209,7 @@ TEST(play_events, are_what_the_documented_front_end_reads)
                     .capture = {{"SPEED", "1"}},
                     .events = {{.log_has = "start", .allow = 0}, {.after_ms = 300, .type = "\n"}},
                     .input = wire::pipe,
-                    .voice = wire::closed,
+                    .event_wire = wire::closed,
                     .launcher = {"python3", script}});
     EXPECT_NE(stopped.out.find("\nended: key, status 0\n"), std::string::npos) << stopped.out;
 }

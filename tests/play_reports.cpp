@@ -109,7 +109,7 @@ TEST_P(reports, are_told_and_end_as_told)
     }
     const bool no_device = settings.capture.contains("NO_DEVICE");
     if (no_device) settings.device_name = "";
-    if (no_device) settings.voice = wire::closed;
+    if (no_device) settings.event_wire = wire::closed;
 
     const auto result = run_player(settings);
     EXPECT_EQ(result.end, columns[1]);

@@ -120,7 +120,7 @@ TEST(play_streams, of_other_forms_reopen_the_device)
         EXPECT_NE(result.out.find("playing file " + std::to_string(files) + "/" +
                                   std::to_string(files) + " "),
                   std::string::npos);
-        EXPECT_EQ(result.told.find("\"other_rate\":true"), std::string::npos);
+        EXPECT_EQ(result.event_lines.find("\"other_rate\":true"), std::string::npos);
         size_t captured = 0;
         for (int i = 0; i < streams; ++i) {
             SCOPED_TRACE(directory + " " + std::to_string(i));

@@ -92,7 +92,7 @@ void open_wire(run_state &state, size_t stream, wire kind)
 
 void open_wires(run_state &state, const play_settings &settings)
 {
-    const std::array kinds = {settings.input, settings.output, settings.error, settings.voice};
+    const std::array kinds = {settings.input, settings.output, settings.error, settings.event_wire};
     state.terminal = state.terminal_far = -1;
     if (std::ranges::find(kinds, wire::terminal) != kinds.end())
         open_terminal(state, settings.terminal_without);
@@ -146,7 +146,7 @@ void take_streams(const run_state &state)
     std::filesystem::current_path(scratch_directory());
     std::vector<std::string> words = settings.launcher;
     words.emplace_back(PLAYER_PATH);
-    if (settings.voice != wire::closed) words.emplace_back("--events=3");
+    if (settings.event_wire != wire::closed) words.emplace_back("--events=3");
     if (!settings.device_name.empty()) words.insert(words.end(), {"-D", settings.device_name});
     words.insert(words.end(), settings.arguments.begin(), settings.arguments.end());
     std::vector<char *> argv;
@@ -163,7 +163,8 @@ void take_streams(const run_state &state)
 // Takes what waits in the streams; closes those that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
-    const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err, &result.told};
+    const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err,
+                                                &result.event_lines};
     std::array<pollfd, 4> polled{};
     for (size_t stream = 0; stream < 4; ++stream)
         polled[stream] = {stream == 0 ? -1 : state.near[stream], POLLIN, 0};
@@ -359,10 +360,11 @@ std::string scratch_file(const std::string &name, const bytes &content)
 std::string told_words(const play_result &result, const std::string &kind)
 {
     const std::string head = R"({"event":")" + kind + "\",";
-    const size_t at = result.told.rfind(head);
+    const size_t at = result.event_lines.rfind(head);
     if (at == std::string::npos) return "";
     const size_t start = at + head.size();
-    const std::string fields = result.told.substr(start, result.told.find("}\n", start) - start);
+    const std::string fields =
+        result.event_lines.substr(start, result.event_lines.find("}\n", start) - start);
     return std::regex_replace(fields, std::regex(R"re("\w+":|")re"), "");
 }
 

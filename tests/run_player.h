@@ -45,7 +45,7 @@ struct play_settings {
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
-    wire voice = wire::pipe; // descriptor 3, for the player's own events; closed: no --events
+    wire event_wire = wire::pipe; // descriptor 3, for the player's own events; closed: no --events
     std::vector<std::string> launcher = {}; // the program that starts the player, given its words
     tcflag_t terminal_without = 0;          // bits of c_lflag to clear in the terminal beforehand
 };
@@ -62,7 +62,7 @@ struct play_result {
     std::string end; // words of the end, without a report's text; without one the status alone
     std::string out; // standard output, or all that a terminal showed
     std::string err;
-    std::string told; // on the descriptor for events
+    std::string event_lines; // on the descriptor for events
     bytes capture;
     std::vector<std::string> log;
     std::vector<play_moment> at_events;
