@@ -27,16 +27,16 @@ namespace
 
 using clock_type = std::chrono::steady_clock;
 
-// The player's surroundings of one run.
+// The environment of one run of the player.
 struct run_state {
-    std::string directory; // of this run: log, capture, gate, configuration
+    std::string directory; // of this run; has the log, the capture, the gate and the configuration
     pid_t process;
-    std::array<int, 4> near; // our ends of the standard streams and the voice; -1: none
-    std::array<int, 4> far;  // the player's ends
-    int terminal;            // our end of the terminal; -1: none
+    std::array<int, 4> near; // the test's ends of the standard streams and of the events; -1: none
+    std::array<int, 4> far;  // the player's ends of them
+    int terminal;            // the test's end of the terminal; -1: none
     int terminal_far;
     termios mode_before;
-    size_t clogged; // the stream that nobody reads, and that is full; 0: none
+    size_t clogged; // descriptor of the stream that is full and not read; 0: none
 };
 
 std::string file_text(const std::string &path)
@@ -68,7 +68,7 @@ void open_terminal(run_state &state, tcflag_t without)
     ASSERT_EQ(openpty(&state.terminal, &state.terminal_far, nullptr, nullptr, nullptr), 0);
     tcgetattr(state.terminal_far, &state.mode_before);
     state.mode_before.c_lflag &= ~without;
-    state.mode_before.c_oflag &= ~static_cast<tcflag_t>(OPOST); // shows bytes as they are
+    state.mode_before.c_oflag &= ~static_cast<tcflag_t>(OPOST); // bytes are shown unchanged
     tcsetattr(state.terminal_far, TCSANOW, &state.mode_before);
 }
 
@@ -117,14 +117,15 @@ void set_environment(const run_state &state, const play_settings &settings)
     for (const auto &[name, value] : settings.capture) set("CAPTURE_" + name, value);
     for (const play_event &event : settings.events)
         if (event.allow >= 0) set("CAPTURE_GATE", state.directory + "/gate");
-    set("HISTFILE", ""); // of a shell
+    set("HISTFILE", ""); // no history file for a shell
     set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
-    // A preloaded module comes before the sanitizer, and a fatal report leaves the other thread.
+    // The preloaded module comes before the sanitizer's library. A fatal report leaves the other
+    // thread running.
     add("ASAN_OPTIONS", "verify_asan_link_order=0");
     add("TSAN_OPTIONS", "report_thread_leaks=0:atexit_sleep_ms=0");
 }
 
-// The player of the foreground: a session with the terminal as its own, so that keys make signals.
+// Makes a session that the terminal controls, so that keys cause signals.
 void take_streams(const run_state &state)
 {
     setsid();
@@ -160,7 +161,7 @@ void take_streams(const run_state &state)
 
 // --- While it runs ------------------------------------------------------------------------------
 
-// Takes what waits in the streams; closes those that have ended.
+// Reads what is there from all streams but the clogged one. Closes streams that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
     const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err,
@@ -219,7 +220,7 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
            captured_bytes(state) >= event.captured;
 }
 
-// Fills a pipe, whose reading end we have, to its last byte with what no line of the player has.
+// Fills a pipe with line ends through the end that reads it. No line of the player is empty.
 void clog(int reading_end)
 {
     const int fd = open(("/proc/self/fd/" + std::to_string(reading_end)).c_str(),
@@ -231,7 +232,7 @@ void clog(int reading_end)
 
 void let_happen(const play_event &event, run_state &state, play_result &result)
 {
-    read_streams(state, result, 0); // all that the event cannot have caused
+    read_streams(state, result, 0); // output that the event cannot have caused
     result.at_events.push_back({captured_bytes(state), result.out.size(), result.err.size()});
     termios mode = mode_now(state);
     mode.c_lflag |= ICANON;
@@ -246,12 +247,12 @@ void let_happen(const play_event &event, run_state &state, play_result &result)
     state.clogged = event.clogs;
     if (event.clogs != 0) clog(state.near[event.clogs]);
     if (event.allow < 0) return;
-    const std::string gate = state.directory + "/gate"; // never with half a number
+    const std::string gate = state.directory + "/gate"; // renamed into place: never half written
     std::ofstream(gate + ".new") << event.allow;
     std::filesystem::rename(gate + ".new", gate);
 }
 
-// Runs the events until the player has ended. Its exit as waitpid gives it.
+// Runs the events until the player has ended. Result: its status as waitpid gives it.
 int watch_player(run_state &state, const std::vector<play_event> &events, play_result &result)
 {
     auto last_event = clock_type::now();
@@ -271,17 +272,17 @@ int watch_player(run_state &state, const std::vector<play_event> &events, play_r
         break;
     }
     EXPECT_TRUE(event == events.end() || event->may_miss)
-        << "event " << event - events.begin() << " did not come: " << event->out_has
+        << "event " << event - events.begin() << " did not happen: " << event->out_has
         << event->err_has << event->log_has << " " << event->captured << " bytes captured";
     return exit;
 }
 
-// --- What came of it ----------------------------------------------------------------------------
+// --- The result ---------------------------------------------------------------------------------
 
 void read_rest(run_state &state, play_result &result)
 {
     state.clogged = 0;
-    constexpr int reads = 32; // a terminal gives 4095 bytes at a time
+    constexpr int reads = 32; // a read from a terminal gives 4095 bytes at most
     for (int i = 0; i < reads; ++i) read_streams(state, result, 0);
     const std::string bytes = file_text(state.directory + "/capture");
     result.capture.assign(bytes.begin(), bytes.end());
@@ -293,7 +294,7 @@ void read_end(play_result &result)
 {
     const std::string status = std::to_string(result.status);
     result.end = told_words(result, "end");
-    // A second SIGINT may cut short the end that the first one led to, and that was told already.
+    // A second SIGINT may end the process after the end event of an ordinary end was written.
     EXPECT_TRUE(result.end.empty() || result.end.find("," + status) != std::string::npos ||
                 result.status == (799 & 255))
         << result.end << " " << status;
@@ -380,7 +381,7 @@ bool all_sounded(const play_result &result)
     unsigned long sounded = 0;
     bool all = false;
     for (const std::string &line : result.log) {
-        if (line.starts_with("open ")) all = false; // the probe's close counts for nothing
+        if (line.starts_with("open ")) all = false; // the probe's close does not count
         if (std::sscanf(line.c_str(), "close %*d took %lu sounded %lu", &taken, &sounded) == 2)
             all = taken == sounded;
     }

@@ -1,8 +1,10 @@
-// Runs the built player as a process of its own against the capture device, and tells all that came
-// of it. What no run may show fails the test at once: a hang, an event that does not come, a
-// sanitizer's finding, a terminal left in another mode, an exit status that the last of the
-// player's own events does not tell, or a report that it does not tell as it stands on standard
-// error.
+// Runs the built player as a process against the capture device and returns everything that can be
+// observed from outside. A fault that no run may show fails the test at once:
+// - the player hangs, or an event of the test does not happen
+// - a sanitizer reports something
+// - the mode of the terminal has changed
+// - the exit status is not that of the last event
+// - a report in the last event is not on standard error with the same text
 #pragma once
 
 #include <termios.h>
@@ -15,54 +17,54 @@
 
 #include "make_files.h"
 
-// What a standard stream of the player is; gone is a pipe whose other end has been closed.
+// Where a stream of the player leads. gone: a pipe whose other end is closed.
 enum class wire { pipe, null, terminal, closed, gone };
 
 enum class line_mode { any, raw, canonical };
 
-// Something that happens to a running player as soon as all that is asked for has been seen; events
-// come in their order, each once.
+// Something that happens to the running player, as soon as all conditions are met. These events are
+// the test's and happen in order, each once. The player's own events are text in event_lines.
 struct play_event {
-    std::string out_has = {};           // standard output got this text since the event before
-    std::string err_has = {};           // standard error did
-    std::string log_has = {};           // the device's log holds this text
-    size_t captured = 0;                // bytes the device has, at least
-    line_mode mode_is = line_mode::any; // of the terminal
-    int after_ms = 0;                   // milliseconds since the event before
-    std::string type = {};              // bytes to send to standard input
-    int signal = 0;                     // to the foreground of the terminal, or to the player
-    int64_t allow = -1;                 // frames that the device may play from now on, in all
-    std::function<void()> call = {};    // anything else
-    size_t clogs = 0;      // the number of a pipe that is full and unread until the next event
-    bool may_miss = false; // the player may end before it comes
+    std::string out_has = {}; // condition: standard output got this text since the event before
+    std::string err_has = {}; // condition: standard error got this text since then
+    std::string log_has = {}; // condition: the device's log has this text
+    size_t captured = 0;      // condition: bytes that the device got, at least
+    line_mode mode_is = line_mode::any; // condition: mode of the terminal
+    int after_ms = 0;                   // condition: milliseconds since the event before
+    std::string type = {};              // bytes to write to standard input
+    int signal = 0; // sent to the foreground of the terminal if there is one, else to the player
+    int64_t allow = -1;              // frames that the device may play in all
+    std::function<void()> call = {}; // any other action
+    size_t clogs = 0;      // descriptor of a pipe that is full and not read until the next event
+    bool may_miss = false; // flag: the player may end before this event
 };
 
 struct play_settings {
-    std::vector<std::string> arguments = {};         // behind -D and the device
+    std::vector<std::string> arguments = {};         // after -D and the device
     std::string device_name = "capture";             // empty: no -D
-    std::map<std::string, std::string> capture = {}; // CAPTURE_ settings of the device
-    std::vector<play_event> events = {}; // one that allows frames: nothing is played before
+    std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
+    std::vector<play_event> events = {}; // if one has allow, no frame is played before it
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
-    wire event_wire = wire::pipe; // descriptor 3, for the player's own events; closed: no --events
-    std::vector<std::string> launcher = {}; // the program that starts the player, given its words
-    tcflag_t terminal_without = 0;          // bits of c_lflag to clear in the terminal beforehand
+    wire event_wire = wire::pipe;           // descriptor 3, for events; closed: no --events
+    std::vector<std::string> launcher = {}; // program that starts the player; gets its command line
+    tcflag_t terminal_without = 0; // c_lflag bits to clear in the terminal before the start
 };
 
 // At the time of an event.
 struct play_moment {
-    size_t captured; // bytes
-    size_t shown;    // characters of out
-    size_t reported; // characters of err
+    size_t captured; // bytes that the device got
+    size_t shown;    // characters in out
+    size_t reported; // characters in err
 };
 
 struct play_result {
-    int status = -1; // exit status; the negative number of the signal that killed it
-    std::string end; // words of the end, without a report's text; without one the status alone
-    std::string out; // standard output, or all that a terminal showed
+    int status = -1; // exit status; or minus the number of the signal that killed the player
+    std::string end; // values of the end event, without a report's text; or the status alone
+    std::string out; // standard output, or everything that the terminal showed
     std::string err;
-    std::string event_lines; // on the descriptor for events
+    std::string event_lines; // what came through the descriptor of the events
     bytes capture;
     std::vector<std::string> log;
     std::vector<play_moment> at_events;
@@ -70,31 +72,32 @@ struct play_result {
 
 play_result run_player(const play_settings &settings);
 
-// The launcher whose first words are keys: "$@" starts the player.
+// Starts a shell whose commands are keys. In it, "$@" starts the player.
 const std::vector<std::string> interactive_shell = {"bash", "--norc", "--noediting", "-is"};
-const std::string key_3 = "\x03"; // ends the sound
+const std::string key_3 = "\x03"; // stops the sound
 
-// What a controller beside the card shares with players: the block under a key of this process,
-// removed at the end of it.
+// The memory block that a controller shares with players, under a key of this process. It is
+// removed when the process ends.
 struct controller_words {
-    volatile int32_t pid;   // of the controller; 0: none to signal
+    volatile int32_t pid;   // of the controller; 0: no process to signal
     volatile int32_t state; // not 0: the last stream was announced as I2S
 };
 controller_words *shared_block();
-// The same settings on a card with a controller: one that takes I2S.
+// Changes settings to a card that takes I2S, with a controller.
 play_settings beside_controller(play_settings settings);
 
-// The path of a file of a directory of this process, where players run, with the given bytes in it.
+// Writes a file into the directory of this process in which the players run. Result: its path.
 std::string scratch_file(const std::string &name, const bytes &content);
 
-// The values of the last of the player's own events of that kind, set apart by commas: "key,0".
+// Values of the last event of that kind, separated by commas, such as "key,0". Empty if there is
+// none.
 std::string told_words(const play_result &result, const std::string &kind);
 bool log_has(const play_result &result, const std::string &text);
-// The device was closed, and all frames that it took had sounded by then.
+// Whether the device was closed after it had played every frame that it took.
 bool all_sounded(const play_result &result);
 
-// The text that a fatal report or one that goes on leaves on standard error.
+// The text of a report on standard error, whether fatal or not.
 std::string report_text(const char *unit, int number, const std::string &message);
 
-// The size of a test that may go on for as long as one likes: SONIVANE_SOAK, if it is given.
+// The number of runs of a test that may take any time: SONIVANE_SOAK if it is set, else usual.
 int soak_size(int usual);
