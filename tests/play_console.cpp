@@ -1,5 +1,5 @@
-// What a user sees and can do: the lines on standard output, the keys, signals, and the terminal,
-// which the runner looks at before, while and after.
+// What a user sees and can do: lines on standard output, keys, signals and the terminal. The runner
+// checks the terminal's mode before, during and after each run.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,9 +11,10 @@
 namespace
 {
 
-// --- Reading what was shown ---------------------------------------------------------------------
+// --- Parsing the output -------------------------------------------------------------------------
 
-// The kinds of output, one letter each, tried in this order. The first group is a number.
+// The kinds of output, each with a letter, tried in this order. The first group of a pattern is a
+// number.
 const std::vector<std::pair<char, std::regex>> kinds = {
     {'B',
      std::regex(
@@ -24,7 +25,7 @@ const std::vector<std::pair<char, std::regex>> kinds = {
     {'W', std::regex("\r {72}\n")},
     {'w', std::regex("\r {72}")},
     {'N', std::regex("\n")},
-    {'K', std::regex("[^\\0]")}, // keys that the terminal shows
+    {'K', std::regex("[^\\0]")}, // keys that the terminal echoes
 };
 
 struct shown {
@@ -50,10 +51,10 @@ shown read_shown(const std::string &out)
 void expect_shape(const shown &all, const std::string &shape)
 {
     EXPECT_TRUE(std::regex_match(all.letters, std::regex(shape)))
-        << all.letters << " is not " << shape;
+        << all.letters << " does not match " << shape;
 }
 
-constexpr size_t device_second = 44100 * 8; // bytes
+constexpr size_t device_second = 44100 * 8; // bytes of the device
 
 // --- Lines --------------------------------------------------------------------------------------
 
@@ -62,8 +63,8 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     const struct {
         const char *option;
         const char *shape;
-        const char *text; // one of many
-        char kind;        // of the lines
+        const char *text; // one of the lines has it
+        char kind;        // of the lines that count seconds
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
@@ -86,8 +87,8 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     }
 }
 
-// Files whose border is the end of a write: after it nothing of the second file has gone out. The
-// last frame of all reaches a second, which is not printed.
+// The first file ends with a write, so at that moment no frame of the second one has gone to the
+// device. The last frame of the list reaches second 1, which is not printed.
 TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 {
     constexpr size_t silence = 3 * 3998; // writes of a device of 4000 frames that plays at once
@@ -107,10 +108,10 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
     EXPECT_EQ(all.numbers['B'], (std::vector{1, 2}));
 }
 
-// --- The ways to an end -------------------------------------------------------------------------
+// --- Ways to end --------------------------------------------------------------------------------
 
-// A second of the file has gone to the device, a status line out, which need not be that second's,
-// and more than the ring holds is still to be read.
+// At this moment the device has a second of the file, a status line was printed (perhaps that of an
+// earlier second), and more than the ring can hold is still to be read from the file.
 play_event then_type(const std::string &keys)
 {
     return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};
@@ -121,14 +122,14 @@ play_event then_send(int signal)
     return {.out_has = "%]   \r", .captured = 2 * device_second, .signal = signal};
 }
 
-// The status line wiped by main, which then waits for the output thread.
+// Main has erased the status line and waits for the output thread.
 const std::string wiped_status = "\r" + std::string(72, ' ') + "\n";
 
 const struct {
     const char *name;
     std::vector<play_event> events;
     const char *end;
-    tcflag_t without = 0; // bits of the terminal's mode
+    tcflag_t without = 0; // c_lflag bits to clear in the terminal
 } endings[] = {
     {"keys", {then_type("x y" + key_3)}, "key,0", ISIG | ECHO},
     {"echoed keys", {then_type("x"), {.out_has = "x", .signal = SIGINT}}, "interrupt,0"},
@@ -140,11 +141,11 @@ const struct {
     {"two interrupts",
      {then_send(SIGINT), {.out_has = wiped_status, .signal = SIGINT}},
      "report,sonivane,799,31"},
-    {"stop that no shell could continue",
+    {"stop where no shell could continue",
      {then_type("\x1a"), {.mode_is = line_mode::raw, .after_ms = 100, .type = key_3}},
      "interrupt,0"},
     {"terminate", {then_send(SIGTERM)}, "-15"},
-    {"terminate at a held terminal", // by Ctrl-S, with main inside a write to it
+    {"terminate at a held terminal", // Ctrl-S holds it, and main blocks in a write to it
      {then_type("\x13"), {.after_ms = 600, .signal = SIGTERM}},
      "-15"},
     {"hang up", {then_send(SIGHUP)}, "-1"},
@@ -168,15 +169,15 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
         const bool killed = result.status < 0;
         const bool hard = result.status > 0;
         shown all = read_shown(result.out);
-        // The thread sanitizer keeps a signal back for a while.
+        // The thread sanitizer can delay a signal.
         expect_shape(all, killed ? "F+BS+" : hard ? "F+BS+WW?" : "F+BS+[SK]*WWN");
-        EXPECT_EQ(all.numbers['F'].back(), 80); // per cent, then the device starts
+        EXPECT_EQ(all.numbers['F'].back(), 80); // per cent, at which the device starts
         EXPECT_TRUE(result.err.starts_with(stream_line)) << result.err;
         EXPECT_TRUE(result.err.ends_with(
             hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : stream_line));
         EXPECT_LT(result.capture.size(), 13 * device_second);
-        if (result.at_events.empty()) continue; // the runner has said so
-        // What the ring held at the interrupt is still heard.
+        if (result.at_events.empty()) continue; // the runner has reported that
+        // What the ring held at the interrupt is played.
         const bool plays_out = result.end == "interrupt,0";
         const size_t captured = result.at_events.back().captured;
         EXPECT_EQ(all_sounded(result), plays_out);
@@ -201,7 +202,7 @@ const std::vector<play_event> jobs[] = {
      {.mode_is = canonical, .type = "bg\n", .allow = 190000},
      {.captured = 4 * device_second, .mode_is = canonical, .allow = 10000000},
      {.type = "wait %1; exit $?\n"}},
-    // A stop that it was started to ignore stays ignored.
+    // A SIGTSTP that is ignored at the start stays ignored.
     {{.type = "(trap '' TSTP; exec \"$@\"); exit $?\n", .allow = 100000},
      {.captured = 2 * device_second, .mode_is = raw, .type = "\x1a"},
      {.out_has = "^Z", .mode_is = raw, .after_ms = 100, .allow = 140000},
@@ -217,13 +218,13 @@ TEST(play_console, a_job_shares_the_terminal_with_its_shell)
                                         .output = wire::terminal,
                                         .launcher = interactive_shell});
         EXPECT_EQ(result.end, "played,0") << result.err;
-        EXPECT_EQ(result.capture.size() / device_second, 5U); // one of silence
+        EXPECT_EQ(result.capture.size() / device_second, 5U); // one second of silence
     }
 }
 
-// Whatever the standard streams are, the sound is whole and nothing else reaches the device: an
-// input that is read and never gives anything; a reader of the output that left; streams closed at
-// the start, whose numbers no file may get.
+// Whatever the standard streams are, the sound is complete and nothing else reaches the device. The
+// cases are an input that never delivers, an output whose reader has left, and streams that are
+// closed at the start, so that a file could get their numbers.
 TEST(play_console, the_streams_do_not_matter_to_the_sound)
 {
     const auto file = scratch_wave("a.wav", 8000, 8000);
