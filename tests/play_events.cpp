@@ -1,5 +1,5 @@
-// What a front-end hears on a descriptor of its own, beside the ends and the streams that every
-// other run tells: lists of every kind, the position, names of any bytes, readers that do not read.
+// The events on a descriptor of their own: lists with every kind of file, the position, names with
+// any bytes, and readers that do not read. Every other run also checks its end and stream events.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,12 +16,12 @@ namespace
 
 const std::string head = R"({"event":")"; // of every line
 
-// The lines of the events whose kinds stand among the given ones.
+// The lines of events whose kind is a part of kinds.
 std::string pick(const play_result &result, const std::string &kinds)
 {
     std::string picked;
-    std::istringstream told(result.event_lines);
-    for (std::string line; std::getline(told, line);) {
+    std::istringstream lines(result.event_lines);
+    for (std::string line; std::getline(lines, line);) {
         if (!line.starts_with(head)) continue;
         const std::string kind =
             line.substr(head.size(), line.find('"', head.size()) - head.size());
@@ -30,9 +30,9 @@ std::string pick(const play_result &result, const std::string &kinds)
     return picked;
 }
 
-// On a device that plays at once, once it is free: files that share a write, one without a frame,
-// names that do not play or break off.
-TEST(play_events, of_a_list_of_every_kind)
+// The device is busy at first and then plays at once. The list has files that share a write, a file
+// without a frame, and names that cannot be played or read.
+TEST(play_events, of_a_list_of_every_kind_of_file)
 {
     const auto wave = [](int rate, size_t frames, size_t channels, wave_kind kind) {
         return wave_file(random_pcm(rate, frames, 1, {3, false}, channels), kind);
@@ -47,7 +47,7 @@ TEST(play_events, of_a_list_of_every_kind)
     scratch_file("kinds/inside/a.wav", {});
 
     const auto result =
-        run_player({.arguments = {"kinds", "missing", "/proc/self/mem"}, // which has no byte at 0
+        run_player({.arguments = {"kinds", "missing", "/proc/self/mem"}, // a read at offset 0 fails
                     .capture = {{"FAIL", "readdir"}, {"BUSY", "1"}}});
     EXPECT_EQ(pick(result, "left_out file opening not opened stream playing end read error"),
               R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
@@ -78,17 +78,18 @@ TEST(play_events, of_a_list_of_every_kind)
     EXPECT_EQ(std::ranges::count(pick(result, "draining"), '\n'), 1);
 }
 
-// The device stands still at a frame: the position tells that very one, at a rate at which the
-// printed one stays where it began, and at one that the device does not run at exactly.
-TEST(play_events, tell_the_position_that_is_heard)
+// The device stops at a certain frame, and the event must have that frame's time. The rates cover
+// the printed position, which does not advance above 352800 Hz, and a device rate that is not
+// exactly that of the file.
+TEST(play_events, have_the_position_that_is_heard)
 {
     const bytes pcm = wave_file(random_pcm(400000, 2000000));
     const bytes dsd = dsd_containers[1](random_dsd(3000000, 1, 2822410));
     const struct {
         const char *start, *format, *shown;
         bytes content;
-        int64_t stands_at;  // frames, the silence among them
-        double rate, begun; // frames per second, seconds
+        int64_t stands_at;      // frames, with the silence
+        double rate, starts_at; // frames per second, and seconds
     } rows[] = {
         {"--start=0", "S32_LE", "position 00:00 ", pcm, 500000, 400000, 0},
         {"--start=1.0000012", "S32_LE", "position 00:01 ", pcm, 500000, 400000, 1},
@@ -105,14 +106,15 @@ TEST(play_events, tell_the_position_that_is_heard)
         const int64_t heard = row.stands_at - (first - result.capture.begin()) / 8;
         double seconds = 0;
         std::sscanf(told_words(result, "position").c_str(), "0,%lf,", &seconds);
-        EXPECT_EQ(std::lround(seconds * 1000000),
-                  std::lround((row.begun + static_cast<double>(heard) / row.rate) * 1e6 - 0.499));
+        EXPECT_EQ(
+            std::lround(seconds * 1000000),
+            std::lround((row.starts_at + static_cast<double>(heard) / row.rate) * 1e6 - 0.499));
         EXPECT_NE(result.out.find(row.shown), std::string::npos) << result.out;
-        EXPECT_EQ(row.begun < 1, result.out.find("position 00:00 ") != std::string::npos);
+        EXPECT_EQ(row.starts_at < 1, result.out.find("position 00:00 ") != std::string::npos);
     }
 }
 
-TEST(play_events, tell_names_of_any_bytes)
+TEST(play_events, have_names_of_any_bytes)
 {
     const std::pair<std::string, std::string> rows[] = {
         {"\x01\x1F\x7F \"\\/~", R"(\u0001\u001f\u007f \"\\/~)"},
@@ -126,22 +128,22 @@ TEST(play_events, tell_names_of_any_bytes)
         {"\xE2\x82g\xF0\x9F\x98", R"(\udce2\udc82g\udcf0\udc9f\udc98)"},
     };
     std::vector<std::string> names;
-    std::string told;
+    std::string expected;
     const auto add = [&](const std::string &name, const std::string &shown) {
         names.push_back(name);
-        told += head + "left_out\",\"path\":\"" + shown + "\",\"reason\":\"cannot stat\"}\n";
+        expected += head + "left_out\",\"path\":\"" + shown + "\",\"reason\":\"cannot stat\"}\n";
     };
     for (const auto &[name, shown] : rows) add(name, shown);
-    std::string longest; // more than a pipe takes in one piece for sure
+    std::string longest; // longer than a write that a pipe takes whole
     for (int i = 0; i < 4095; ++i) longest += "\\udcff";
     add(std::string(4095, '\xFF'), longest);
-    EXPECT_EQ(pick(run_player({.arguments = names}), "left_out"), told);
+    EXPECT_EQ(pick(run_player({.arguments = names}), "left_out"), expected);
 }
 
 // --- Readers ------------------------------------------------------------------------------------
 
-// Nothing waits for a reader that does not read, and the first line that it then gets counts what
-// it missed.
+// Nothing waits for a reader that does not read. The first line that it gets afterwards counts the
+// lines that it missed.
 TEST(play_events, do_not_wait_for_their_reader)
 {
     const auto result = run_player({.arguments = {scratch_wave("a.wav", 8000, 16000)},
@@ -153,15 +155,15 @@ TEST(play_events, do_not_wait_for_their_reader)
     const std::regex line(R"re(\{"event":"[^\n]*?(?:"dropped":(\d+))?\}\n)re");
     const std::string rest = std::regex_replace(result.event_lines, line, "");
     EXPECT_EQ(rest.find_first_not_of('\n'), std::string::npos) << rest;
-    int most_dropped = 0; // playing and a position, at least
+    int most_dropped = 0; // a playing event and a position event, at least
     for (std::sregex_iterator at(result.event_lines.begin(), result.event_lines.end(), line), end;
          at != end; ++at)
         if ((*at)[1].matched) most_dropped = std::max(most_dropped, std::stoi((*at)[1]));
     EXPECT_GE(most_dropped, 2) << result.event_lines;
 }
 
-// Before the sound every line waits for its reader.
-TEST(play_events, are_all_told_before_the_sound)
+// Before the sound, every line waits for its reader.
+TEST(play_events, all_reach_the_reader_before_the_sound)
 {
     constexpr int files = 200;
     for (int i = 0; i < files; ++i)
@@ -173,7 +175,7 @@ TEST(play_events, are_all_told_before_the_sound)
     EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
 }
 
-// A reader that has left is a front-end that is no more.
+// When the reader of the events leaves, the front-end is gone.
 TEST(play_events, a_reader_that_left_ends_the_sound)
 {
     const auto result =
@@ -183,7 +185,7 @@ TEST(play_events, a_reader_that_left_ends_the_sound)
     EXPECT_TRUE(result.out.ends_with(std::string(72, ' ') + "\n\n"));
 }
 
-// The front-end of the documents, as it stands there.
+// The program of docs/front-end.md, taken from the page.
 TEST(play_events, are_what_the_documented_front_end_reads)
 {
     std::ifstream page(FRONT_END_PAGE);
@@ -203,7 +205,8 @@ TEST(play_events, are_what_the_documented_front_end_reads)
           "\r0:01 of 0:03 ", "\n2/2 b.wav at the wrong speed\n", "\nended: played, status 0\n"})
         EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
 
-    // Return counts at once: from a device that plays nothing no event comes.
+    // Return stops at once: while the device does not play, no event comes that the front-end could
+    // wait for.
     const auto stopped =
         run_player({.arguments = {"a.wav"},
                     .capture = {{"SPEED", "1"}},
