@@ -1,5 +1,5 @@
-// Waits and devices that must not hold the player, and a SIGINT in each stage of a run: the end,
-// the report, what the device got, and an end at all.
+// Calls and devices that block must not block the player, and SIGINT must work in each stage of a
+// run. The tests compare the end, the report, what the device got, and that the player ends at all.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -10,12 +10,12 @@
 namespace
 {
 
-// --- Waits that must not hold the player --------------------------------------------------------
+// --- Waits that must not block the player -------------------------------------------------------
 
-// Waiting for a device that another program has ends with a SIGINT, by a report, and so does the
-// filling of a large ring; a key ends it in order at the second opening, and right behind the
-// first. A device that goes on refusing the silence is no end by itself.
-TEST(play_faults, nothing_holds_the_player_before_it_plays)
+// A SIGINT ends the wait for a busy device, and the filling of a large ring, with a report. A key
+// ends the wait in order, at the second opening and directly after the first. A device that keeps
+// refusing the silence does not end the run by itself.
+TEST(play_faults, nothing_blocks_the_player_before_it_plays)
 {
     const play_event filling = {.out_has = "filling buffer", .signal = SIGINT};
     const play_event by_signal = {.err_has = "retrying", .signal = SIGINT};
@@ -46,9 +46,10 @@ TEST(play_faults, nothing_holds_the_player_before_it_plays)
     }
 }
 
-// A device that stands still once nothing more is read, in the silence, in the sound or with all of
-// it in its queue: the player waits no longer than that could last.
-TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
+// The device stops playing when nothing more is read from the files: in the silence, in the sound,
+// or with all of the sound in its queue. The player waits only as long as the rest could have
+// lasted.
+TEST(play_faults, a_device_that_stops_playing_does_not_block_the_end)
 {
     const struct {
         int64_t allowed; // frames that the device plays
@@ -74,10 +75,10 @@ TEST(play_faults, a_device_that_stands_still_does_not_hold_the_end)
     }
 }
 
-// Main stands in a call that does not return, where no signal reaches it: each stop ends the
-// process, and what the ring holds at a SIGINT is heard. Before the sound, in it, and behind an
-// output that nobody reads.
-TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
+// Main blocks in a call that does not return, and no signal reaches it there. Each stop must still
+// end the process, and after a SIGINT the content of the ring is played. The calls block before the
+// sound, during it, or on a standard output that nobody reads.
+TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
 {
     const auto file = scratch_wave("a.wav", 44100, 400000);
     const auto next = scratch_wave("b.wav", 44100, 400000);
@@ -95,7 +96,7 @@ TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
         {"open, playing", {file, next}, {"SWAP", next + " 2 stall"}, {.log_has = "write "}, true},
         {"read, filling", {file}, {"STALL", "500000"}, {.log_has = "stall"}, false},
         {"read, playing", {file}, {"STALL", "1500000"}, {.log_has = "write "}, true},
-#ifndef __SANITIZE_THREAD__ // it flushes all streams where a process ends
+#ifndef __SANITIZE_THREAD__ // it flushes all streams when the process ends
         {"write", {file}, {"SPEED", "9"}, {.out_has = "00:01", .clogs = STDOUT_FILENO}, true},
 #endif
     };
@@ -126,7 +127,7 @@ TEST(play_faults, a_call_that_stalls_does_not_hold_the_end)
     }
 }
 
-// Main stands in a write to a pipe that nobody reads: a key and a fatal report still close the
+// Main blocks in a write to a pipe that nobody reads. A key and a fatal report must still close the
 // device.
 TEST(play_faults, the_device_is_closed_while_standard_output_is_full)
 {
@@ -157,8 +158,8 @@ TEST(play_faults, the_device_is_closed_while_standard_output_is_full)
 struct stage_row {
     const char *name;
     play_event begin;
-    unsigned latest_ms; // of the interrupt behind the begin
-    bool before_play;   // the interrupt may end the run before a thread plays
+    unsigned latest_ms; // longest time from begin to the SIGINT
+    bool before_play;   // the SIGINT may end the run before the output thread exists
     size_t frames;      // of the file
     const char *ring;
     const char *speed;
@@ -173,13 +174,13 @@ const std::vector<stage_row> stages = {
     {"joining", {.out_has = std::string(72, ' ') + "\n"}, 2, false, 8000, "1536K", "100"},
 };
 
-// One or two at random moments. SONIVANE_SOAK is the number of runs.
+// Sends one or two SIGINTs at random moments. SONIVANE_SOAK is the number of runs.
 void interrupt_in(const stage_row &stage)
 {
     SCOPED_TRACE(stage.name);
     scratch_wave("list/a.wav", 8000, stage.frames);
     for (int i = 0; i < 100; ++i) scratch_file("list/" + std::to_string(i) + ".txt", noise(1, 100));
-    const bytes told = device_bytes(random_pcm(8000, stage.frames), s32_le);
+    const bytes expected = device_bytes(random_pcm(8000, stage.frames), s32_le);
     std::mt19937 random(1);
     for (int run = 0; run < soak_size(6); ++run) {
         const bool twice = run % 2 != 0;
@@ -195,15 +196,15 @@ void interrupt_in(const stage_row &stage)
                                         .output = wire::terminal});
         const bool early = result.status == (1045 & 255) && stage.before_play;
         const bool hard = result.status == (799 & 255) && twice;
-        expect_stream(result, s32_le, 8000, told, false);
+        expect_stream(result, s32_le, 8000, expected, false);
         EXPECT_TRUE(result.status == 0 || early || hard) << result.status << result.err;
-        // The second one may come on the way out that the first one opened.
+        // The second SIGINT may come while the process is already ending because of the first.
         EXPECT_TRUE(!early || result.err.find("exit by interrupt\n") != std::string::npos);
         EXPECT_TRUE(!hard || result.err.find("Interrupt stack. Abort\n") != std::string::npos);
     }
 }
 
-TEST(play_faults, interrupts_end_in_order_or_as_told)
+TEST(play_faults, interrupts_end_in_order_or_with_their_report)
 {
     for (const stage_row &stage : stages) interrupt_in(stage);
 }
