@@ -1,5 +1,5 @@
-// Every report, every fault of the device and every form of the stream that can be reached from
-// outside: the texts, the end, and whether the player goes on. The rows stand in reports.txt.
+// Every report, every fault of the device and every form of the stream that can be caused from
+// outside: the texts, the end, and whether the player goes on. The rows are in reports.txt.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -17,10 +17,10 @@
 namespace
 {
 
-const std::string steering_name = "\x1b[2J\x7f\xc3\xa9\r\n"; // would steer the terminal
+const std::string steering_name = "\x1b[2J\x7f\xc3\xa9\r\n"; // would clear the screen
 const std::string end_mark = "\x04";
 
-// What the texts of the table leave to be put in, in this order.
+// Shorthands of the table and what replaces them, in this order.
 const std::vector<std::pair<std::string, std::string>> shorthands = {
     {"{open}", stream_line},
     {"{busy}",
@@ -58,7 +58,7 @@ std::vector<std::string> split(const std::string &text, char separator)
     return parts;
 }
 
-// The files that the rows name, in the player's directory.
+// The files that the rows name, in the directory where the player runs.
 void make_files()
 {
     const bytes half = noise(1, 4096);
@@ -96,7 +96,7 @@ const auto rows = [] {
 
 using reports = testing::TestWithParam<size_t>;
 
-TEST_P(reports, are_told_and_end_as_told)
+TEST_P(reports, are_printed_and_end_as_expected)
 {
     make_files();
     auto columns = split(rows[GetParam()], '|');
@@ -122,12 +122,12 @@ TEST_P(reports, are_told_and_end_as_told)
     }
     if (result.end == "played,0" && err.ends_with(stream_line) && columns[6].empty())
         expect_stream(result, s32_le, 44100, device_bytes(random_pcm(44100, 30000), s32_le));
-    unsigned long struck = 0;
-    if (std::sscanf(settings.capture["FAULT"].c_str(), "%*s %lu", &struck) == 1) {
-        EXPECT_EQ(result.capture.size(), struck * 8);
-        EXPECT_TRUE(log_has(result, "close 2 took " + std::to_string(struck) + " "));
+    unsigned long fault_at = 0;
+    if (std::sscanf(settings.capture["FAULT"].c_str(), "%*s %lu", &fault_at) == 1) {
+        EXPECT_EQ(result.capture.size(), fault_at * 8);
+        EXPECT_TRUE(log_has(result, "close 2 took " + std::to_string(fault_at) + " "));
     }
-    // Each look at a busy device is followed by a wait of two seconds.
+    // Each attempt on a busy device is followed by a wait of two seconds.
     const auto waits = std::ranges::count(result.log, "pause 2 s");
     const auto busy = std::ranges::count_if(
         result.log, [](const std::string &entry) { return entry.ends_with(" busy"); });
@@ -137,7 +137,7 @@ TEST_P(reports, are_told_and_end_as_told)
 INSTANTIATE_TEST_SUITE_P(all, reports, testing::Range(size_t{0}, rows.size()),
                          [](const auto &row) { return split(rows[row.param], '|')[0]; });
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take address space
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they reserve address space
 TEST(play_reports, no_memory_for_the_ring)
 {
     const auto result = run_player({.arguments = {"-B", "2047M", scratch_wave("a.wav", 44100, 9)},
@@ -148,7 +148,8 @@ TEST(play_reports, no_memory_for_the_ring)
 }
 #endif
 
-// Only root asks for another nice value; for a real-time priority everybody with a small buffer.
+// The player asks for another nice value only as root. With a small buffer it asks for a real-time
+// priority as any user.
 TEST(play_reports, the_priority_is_what_the_system_grants)
 {
     const bool root = geteuid() == 0;
