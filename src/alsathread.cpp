@@ -527,14 +527,14 @@ uint64_t start_of(int32_t index)
     return index == stream_file->index ? 0 : load_acquire(ring->track_marks[index]);
 }
 
-int32_t next_to_tell; // index of a file
+int32_t next_to_emit; // index of a file
 
 // Tells each file whose first frame has gone out since the last call. One without a frame is passed
 // over.
-void tell_playing()
+void emit_playing()
 {
     const uint64_t sent = load_acquire(ring->bytes_sent);
-    for (int32_t &next = next_to_tell; next < file_count && start_of(next) < sent; ++next)
+    for (int32_t &next = next_to_emit; next < file_count && start_of(next) < sent; ++next)
         if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
 }
 
@@ -563,7 +563,7 @@ pump_step write_ring(snd_pcm_sframes_t avail)
     ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
     follow_marks();
     add_to_position(written);
-    tell_playing();
+    emit_playing();
     wake_main(file_before, second_before);
     return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
@@ -657,16 +657,16 @@ bool is_last_stream()
 }
 
 // Once, as soon as nothing more is read of the list.
-void tell_draining()
+void emit_draining()
 {
-    static bool told;
-    if (told || !no_more_is_read() || !is_last_stream() || is_stopped()) return;
-    told = true;
+    static bool emitted;
+    if (emitted || !no_more_is_read() || !is_last_stream() || is_stopped()) return;
+    emitted = true;
     event_draining(int64_t{load_acquire(silence_left)} + ring_frames(ring) + queued_frames());
 }
 
 // Once a second of real time, from the first frame on.
-void tell_position()
+void emit_position()
 {
     static sound_clock::time_point next;
     const uint64_t sent = load_acquire(ring->bytes_sent);
@@ -680,11 +680,11 @@ void tell_position()
 }
 
 // What a front-end hears of while sound plays.
-void tell_progress()
+void emit_progress()
 {
     if (!events_wanted()) return;
-    tell_draining();
-    tell_position();
+    emit_draining();
+    emit_position();
 }
 
 // Has the device run on over silence where it would stop at its empty queue. A card finds the queue
@@ -717,7 +717,7 @@ bool device_plays()
 // plays some time later: hence the wait behind the queue.
 void let_play_out(uint32_t pause)
 {
-    constexpr int64_t behind_the_queue = 100000; // microseconds
+    constexpr int64_t after_the_queue = 100000; // microseconds
     const bool runs_on = run_on_over_silence();
     const microseconds queue = duration_of(queued_frames());
     const auto expected_end = sound_clock::now() + queue + queue / 20;
@@ -728,11 +728,11 @@ void let_play_out(uint32_t pause)
         const auto left = may_ask ? duration_of(queued_frames())
                                   : std::chrono::duration_cast<microseconds>(expected_end - now);
         if (left.count() <= 0) break;
-        tell_progress();
+        emit_progress();
         constexpr microseconds shortest{1000};
         wait_for(std::min(std::max(left, shortest), microseconds(pause)).count(), is_stopped);
     }
-    wait_for(behind_the_queue, is_stopped);
+    wait_for(after_the_queue, is_stopped);
 }
 
 // Until all is sent, or the device drains by itself. False when the sound was stopped.
@@ -745,10 +745,10 @@ void play()
     auto step = pump_step::wrote;
     while (!all_is_sent() && !is_stopped() && step != pump_step::drains) {
         step = write_pump();
-        tell_progress();
+        emit_progress();
         if (step != pump_step::drains) wait_after(step, pause);
     }
-    tell_progress();
+    emit_progress();
     if (!is_stopped()) let_play_out(pause);
     if (step == pump_step::drains) stop_playing(&refused);
 }
@@ -794,7 +794,7 @@ void stream_banner()
                  form.label);
 }
 
-void tell_stream()
+void emit_stream()
 {
     const char *form = dsd_stream == 0 ? "PCM" : find_dsd_form(output_format, i2s_mode).label;
     event_stream(form, filled_name(output_format), alsa_buffer_frames,
@@ -859,7 +859,7 @@ void *output_thread(void *)
     store_release(silence_left, primed != 0 ? 0 : output_rate);
     wake(waiter::main);
     moved_at = sound_clock::now();
-    next_to_tell = stream_file->index;
+    next_to_emit = stream_file->index;
 
     // A device whose whole buffer counts as nearly full would never be written.
     if (opened && alsa_buffer_frames <= nearly_full_frames) {

@@ -16,7 +16,7 @@ int32_t sound_probe();
 void stream_banner();
 
 // Tells a front-end what the stream is, once the ring is made. Main thread.
-void tell_stream();
+void emit_stream();
 
 // Names device 0 of the last card in device_name and on standard output. -1, or 0 when there is no
 // card. Main thread.

@@ -882,7 +882,7 @@ void make_file_list(int argc, char **argv)
 }
 
 // Tells a front-end of a file just probed, and keeps what a read error will be known by.
-void tell_file(soundfile *file)
+void emit_file(soundfile *file)
 {
     file->probed_bytes = size_of(file);
     file->sound_offset = ftello(file->fp);
@@ -903,7 +903,7 @@ void probe_files()
         exit_if_interrupted();
         event_probing(name, names);
         const bool taken = open_soundfile(file) == 0;
-        if (taken) tell_file(file);
+        if (taken) emit_file(file);
         close_file(file);
         if (taken) {
             ++kept;
@@ -983,7 +983,7 @@ void make_ring()
         ring = ringbuffer_new(static_cast<uint32_t>(buffer_bytes), frame_bytes, file_count);
     if (ring == nullptr) fatal_report(unit, 1033, "ringbuffer_new() failed.\n");
     refill_bytes = refill_of(ring);
-    tell_stream();
+    emit_stream();
 }
 
 // Gives the list its start time. From here on nothing knows of it but the first file's record.
