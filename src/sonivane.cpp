@@ -1,5 +1,5 @@
-// The player: the flow of the program from first line to last, the opening of files, and the two
-// feeders that turn file bytes into device frames.
+// The player: main and its stages, the opening of files, and the two feeders that turn bytes of a
+// file into frames of the device.
 #include "sonivane.h"
 
 #include <pthread.h>
@@ -64,7 +64,7 @@ constexpr const char *unit = "sonivane";
 
 // --- Opening a file -----------------------------------------------------------------------------
 
-// Makes all DSD containers look alike: of the block, the parser gave the rate alone.
+// Describes all DSD containers in the same way. A parser sets only the rate in wave.
 void describe_dsd(soundfile *file)
 {
     constexpr int16_t extension_bytes = 22; // valid bits, channel mask and sub-format
@@ -83,7 +83,7 @@ void describe_dsd(soundfile *file)
 constexpr int16_t wave_tag_float = 3;
 constexpr int16_t wave_tag_extensible = static_cast<int16_t>(0xFFFE);
 
-// The format code of an extended chunk stands in the first two bytes of its sub-format.
+// In an extended chunk, the format code is the first two bytes of the sub-format.
 bool holds_floats(const wave_format &wave)
 {
     const int code = wave.SubFormat[0] | wave.SubFormat[1] << 8;
@@ -91,7 +91,7 @@ bool holds_floats(const wave_format &wave)
            (wave.wFormatTag == wave_tag_extensible && code == wave_tag_float);
 }
 
-// The stored width counts, not the valid bits.
+// The stored width decides, not the number of valid bits.
 int32_t pcm_sample_format(const wave_format &wave)
 {
     switch (wave.wBitsPerSample) {
@@ -114,8 +114,8 @@ void describe_pcm(soundfile *file)
     file->sample_bytes = file->wave.nBlockAlign / file->wave.nChannels;
 }
 
-// Whether a file of now size bytes that was read to its end lacks sound that its header promised.
-// Each reader leaves another count to ask.
+// Whether a file that was read to its end, and now has size bytes, lacks sound that its header
+// promised. Each reader leaves a different count to check.
 bool lacks_pcm(const soundfile *file, int64_t)
 {
     return file->bytes_left >= file->wave.nBlockAlign;
@@ -126,22 +126,23 @@ bool lacks_dsf(const soundfile *file, int64_t)
     return file->dsf_bytes_left > 0;
 }
 
-// DSDIFF and WSD, whose reader counts nothing.
+// For DSDIFF and WSD: their readers leave no count.
 bool lacks_dsd(const soundfile *file, int64_t size)
 {
     return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
 }
 
-// All that the player knows of a container. Files are offered to the parsers in this order.
+// Everything that the player knows about a container. Each file is offered to the parsers in this
+// order.
 struct container_row {
     container_kind container;
-    const char *word; // for front-ends
+    const char *word; // for events
     int32_t (*open)(soundfile *file);
     void (*describe)(soundfile *file);
     reader_slot read;
     feeder_slot feed;
     bool (*lacks_sound)(const soundfile *file, int64_t size);
-    // Passes over frames (PCM) or bytes of each channel (DSD), of a file that has more of them.
+    // Seeks over frames (PCM) or bytes of each channel (DSD). The file has more than count of them.
     bool (*skip)(soundfile *file, int64_t count);
 };
 constexpr std::array<container_row, 4> containers = {{
@@ -159,8 +160,8 @@ const container_row &row_of(container_kind container)
     return *row;
 }
 
-// The file that plays is read in few calls, as network mounts like it. Of the others only the
-// header is wanted. No more than one plays at a time.
+// The file that is fed is read in few large calls, which suits network mounts. Of the others only
+// the header is read. One buffer is enough, because only one file is fed at a time.
 void read_in_large_pieces(soundfile *file)
 {
     static std::array<char, 65536> buffer;
@@ -177,10 +178,10 @@ bool open_stream(soundfile *file)
     return file->fp != nullptr;
 }
 
-// Offers the open stream to each parser; the result is that of open_soundfile.
+// Offers the open stream to each parser. Result: that of open_soundfile.
 int32_t find_container(soundfile *file)
 {
-    bool read_failed = false; // rewind forgets it
+    bool read_failed = false; // rewind clears the error
     for (const container_row &row : containers) {
         std::rewind(file->fp);
         if (row.open(file) != 0) {
@@ -212,19 +213,20 @@ namespace
 
 // --- Where a file begins ------------------------------------------------------------------------
 
-// Whole periods of that rate in Hz that the time holds; the largest number for times beyond.
+// Whole periods of rate Hz in the time. INT64_MAX if there are more.
 int64_t periods_of(const exact_time &time, int32_t rate)
 {
     constexpr int64_t billion = 1000000000;
     if (rate < 1) return 0;
     if (time.seconds > INT64_MAX / rate - 1) return INT64_MAX;
-    // The product with the fraction has more digits than a word holds.
+    // attoseconds x rate does not fit in 64 bits, so it is computed in two parts.
     const int64_t upper = time.attoseconds / billion * rate;
     const int64_t lower = time.attoseconds % billion * rate + upper % billion * billion;
     return time.seconds * rate + upper / billion + lower / attoseconds_per_second;
 }
 
-// The position at that many periods, true to the file, and not counted in whole units a frame.
+// The position after that many periods. It is exact, while the output thread adds whole units for
+// each frame.
 int64_t position_at(int64_t periods, int32_t rate)
 {
     constexpr int64_t units = position_units_per_second;
@@ -243,7 +245,7 @@ bool begin_at(soundfile *file, const exact_time &time)
 {
     const int32_t rate = file->wave.nSamplesPerSec;
     const bool dsd = is_dsd(file);
-    const int64_t periods_each = dsd ? 8 : 1; // of what is passed over
+    const int64_t periods_each = dsd ? 8 : 1; // of what skip counts: frames or bytes of 8 bits
     int64_t count = periods_of(time, rate) / periods_each;
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
@@ -271,7 +273,8 @@ int64_t size_of(const soundfile *file)
     return fstat(fileno(file->fp), &status) == 0 ? status.st_size : 0;
 }
 
-// What the header promised and the file held when it was probed is not there any more.
+// Whether the file has lost sound since it was probed. A file that never had all the sound of its
+// header does not count.
 bool is_cut_short(const soundfile *file)
 {
     const int64_t size = size_of(file);
@@ -285,25 +288,27 @@ void note_read_error(const soundfile *file)
     event_read_error(file);
 }
 
-// Of the file that was fed last. The player goes on without a word on the console.
+// Checks the file that was just fed to its end. A read error is not printed; it becomes an event
+// and a cause of the end.
 void look_for_read_error(const soundfile *file)
 {
     if (file->fp == nullptr) return;
     if (ferror(file->fp) != 0 || is_cut_short(file)) note_read_error(file);
 }
 
-// One that cannot be opened any more must not cost what is buffered of the files before it.
+// A file that cannot be opened at its turn must not end the process, because the ring still holds
+// the sound of the files before it.
 bool open_at_its_turn(soundfile *file)
 {
     if (open_stream(file)) return find_container(file) == 0;
     store_release(exit_status, report_not_opened);
     note_read_error(file);
-    report(unit, report_not_opened, not_opened, printable(file->path)); // which may not return
+    report(unit, report_not_opened, not_opened, printable(file->path)); // the call may block
     return false;
 }
 
-// Closes the file that was fed to its end and opens the one after it. A file that was taken when it
-// was probed and is no more gets its mark, as an empty one, and is passed over.
+// Closes the file that was fed to its end and opens the next one. A file that the probe accepted
+// but that cannot be opened now gets its track mark, as an empty file does, and is passed over.
 void open_next_file()
 {
     look_for_read_error(feeding_file);
@@ -319,21 +324,21 @@ void open_next_file()
 
 // --- DSD feeder ---------------------------------------------------------------------------------
 
-constexpr uint32_t dsd_call_frames = 3528; // most frames of one call
-constexpr uint32_t dsd_least_frames = 352; // with less room a call does nothing
-constexpr size_t dsd_frame_bytes = 8;      // of the largest frames
+constexpr uint32_t dsd_call_frames = 3528; // limit of one call
+constexpr uint32_t dsd_least_frames = 352; // with less room, a call does nothing
+constexpr size_t dsd_frame_bytes = 8;      // of the largest frame
 constexpr uint8_t native_cut = 0xAA;
 constexpr uint8_t dop_cut = 0x55;
 constexpr uint8_t i2s_cut = 0;
 
-// DoP open standard 1.1: the markers alternate from frame to frame for as long as the stream lasts,
-// over all files. A receiver that misses one plays the frames as PCM, which is full-scale noise. A
-// group of bytes is two frames, and nothing but whole groups is ever packed: the first frame of
-// each has the first marker, and no phase is to be kept.
+// DoP open standard 1.1: the markers alternate from frame to frame during the whole stream, over
+// all files. A receiver that misses one plays the frames as PCM, which is full-scale noise. A group
+// of 8 bytes makes two frames, and only whole groups are packed. So each group starts with the
+// first marker, and no phase has to be kept.
 constexpr std::array<uint8_t, 2> dop_marker = {0xFA, 0x05};
 
-// Packs every step bytes of the groups (left and right in turn, oldest first) as lay_out does,
-// which stores size bytes. Result: bytes stored.
+// Calls lay_out for every step bytes of the groups (left and right in turn, oldest first); lay_out
+// stores size bytes. Result: bytes stored.
 template <size_t step, size_t size, typename Layout>
 size_t pack_each(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
@@ -342,7 +347,7 @@ size_t pack_each(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
     return groups.size() / step * size;
 }
 
-// Stores bytes one by one: in an array of their own first they would cost twice as much.
+// Stores bytes one by one. An array in between would double the cost.
 template <typename... Bytes> void store(uint8_t *out, Bytes... bytes)
 {
     ((*out++ = static_cast<uint8_t>(bytes)), ...);
@@ -362,7 +367,8 @@ size_t pack_native_be(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// Two DoP frames for every group; lay_out gets the four bytes of one, its place and its marker.
+// Packs each group into two DoP frames. lay_out gets the four bytes of a frame, where to store it,
+// and its marker.
 template <size_t size, typename Layout>
 size_t pack_dop(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
@@ -386,7 +392,7 @@ size_t pack_dop_4_bytes(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// S24_LE carries the low 24 bits of its word.
+// The sample is in the low 24 bits of the word.
 size_t pack_dop_s24(std::span<const uint8_t> groups, uint8_t *out)
 {
     return pack_dop<8>(groups, out, [](const uint8_t *c, uint8_t *frame, uint8_t marker) {
@@ -394,7 +400,8 @@ size_t pack_dop_s24(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// spread_bits[v]: bit i of v at bit 2i, as the right channel's bits lie in an I2S half-word.
+// spread_bits[v] has bit i of v at bit 2i, the place of a bit of the right channel in an I2S
+// half-word.
 constexpr std::array<uint16_t, 256> spread_bits = [] {
     std::array<uint16_t, 256> table{};
     for (unsigned v = 0; v < table.size(); ++v) {
@@ -409,8 +416,8 @@ uint16_t interleave_bits(uint8_t left, uint8_t right)
     return static_cast<uint16_t>(spread_bits[left] << 1 | spread_bits[right]);
 }
 
-// A word of bits, left and right in turn, for every four bytes: the older half-word above, lowest
-// byte first.
+// Packs four bytes into a word in which bits of left and right alternate. The older bits are in the
+// upper half. The lowest byte is stored first.
 size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
 {
     return pack_each<4, 4>(groups, out, [](const uint8_t *c, uint8_t *word) {
@@ -420,7 +427,7 @@ size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// Also the form of every PCM word that has none of its own.
+// Also used for every PCM word that has no form of its own.
 constexpr dsd_form dop_4_bytes = {
     SND_PCM_FORMAT_S32_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_4_bytes};
 
@@ -436,8 +443,9 @@ constexpr std::array<dsd_form, 6> form_rows = {{
      pack_native_le},
 }};
 
-// Groups of one call: a budget of frames, up to the end of the ring's data area, in whole groups. A
-// ring made for other frames may end in less than a group: ring_put splits it. 0: no room worth it.
+// Number of groups for one call: as many whole groups as the budget and the space before the end of
+// the ring's data area allow, but at least one. In a ring that was made for other frames, that
+// space may be less than a group; ring_put then splits the group. 0: too little room.
 uint32_t groups_of_room(const dsd_form &form)
 {
     const uint32_t frames = std::min(ring_free(ring) / form.frame_bytes, dsd_call_frames);
@@ -495,21 +503,21 @@ int32_t dsd_feeder()
 namespace
 {
 
-constexpr int32_t staging_bytes = 3072;         // of the file, read at a time
-constexpr size_t staging_words = staging_bytes; // samples of one byte each
+constexpr int32_t staging_bytes = 3072;         // bytes of the file that are read at once
+constexpr size_t staging_words = staging_bytes; // for samples of one byte
 constexpr size_t word_bytes = 4;
 
-// What the last read gave, decoded, and the frames of it that are still to go on.
+// Storage for the words of the last read, and the part of them that has not been passed on.
 std::array<uint32_t, staging_words> decoded_words;
 std::span<const uint32_t> decoded;
 
-// What the filter gave for the last frame and the ring had no room for yet.
+// Output of the filter for the last frame that is not yet in the ring.
 std::span<const float> filtered;
 
 struct pcm_format_row {
     int32_t alsa_format;  // SND_PCM_FORMAT_*
-    int32_t stream_bytes; // bytes of one sample; below 1: the end row
-    uint32_t bias;        // taken from an unsigned sample to make it signed
+    int32_t stream_bytes; // bytes of one sample; below 1: the last row
+    uint32_t bias;        // subtracted from an unsigned sample to make it signed
     int32_t big_endian;   // 1: most significant byte first
 };
 
@@ -530,7 +538,7 @@ constexpr std::array<pcm_format_row, 26> pcm_format_table = {{
 }};
 constexpr const pcm_format_row *end_row = &pcm_format_table.back();
 
-const pcm_format_row *format_row; // of the file being fed; null: not looked up yet
+const pcm_format_row *format_row; // of the file that is fed; null: not looked up yet
 
 const pcm_format_row *find_format_row(int32_t format)
 {
@@ -542,7 +550,7 @@ const pcm_format_row *find_format_row(int32_t format)
     return row;
 }
 
-// Samples as left-justified signed words, left and right in turn.
+// Samples become left-justified signed words, left and right in turn.
 
 template <int32_t bytes, bool big_endian> uint32_t stored_word(const uint8_t *sample)
 {
@@ -563,7 +571,7 @@ void decode_words(const uint8_t *samples, uint32_t bias, std::span<uint32_t> wor
     }
 }
 
-// x 2^31, cut toward zero, saturating; NaN gives 0.
+// value x 2^31, rounded toward zero and saturated. NaN gives 0.
 uint32_t word_of_float(float value)
 {
     constexpr float full_scale = 2147483648.0F;
@@ -573,7 +581,7 @@ uint32_t word_of_float(float value)
     return std::isnan(scaled) ? 0 : static_cast<uint32_t>(static_cast<int32_t>(scaled));
 }
 
-// A device of floats gets integers as floats too, and the filter's output as it is.
+// Such a device also gets integers as floats, and the filter's output unchanged.
 bool device_takes_floats()
 {
     return output_format == SND_PCM_FORMAT_FLOAT_LE;
@@ -598,7 +606,7 @@ float float_of_word(uint32_t word)
     return static_cast<float>(static_cast<int32_t>(word)) * word_to_float;
 }
 
-// Decodes words.size() samples of the feeding file.
+// Decodes words.size() samples of the file that is fed.
 void decode_integers(const uint8_t *samples, std::span<uint32_t> words)
 {
     const uint32_t bias = format_row->bias;
@@ -617,7 +625,8 @@ void decode_integers(const uint8_t *samples, std::span<uint32_t> words)
     }
 }
 
-// As the next step takes them: words for the filter, else words or floats for the device.
+// The words are integers if the filter follows. Otherwise they are what the device takes: integers
+// or the bits of floats.
 void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
 {
     if (format_row == end_row) {
@@ -631,7 +640,7 @@ void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
     for (uint32_t &word : words) word = std::bit_cast<uint32_t>(float_of_word(word));
 }
 
-// What a cut channel gives is 0 in every form, through the filter too.
+// A cut channel is 0 in every form, and the filter also makes 0 of it.
 void silence_cut_channels(std::span<uint32_t> words)
 {
     for (size_t i = 0; i < words.size(); i += 2) {
@@ -640,7 +649,7 @@ void silence_cut_channels(std::span<uint32_t> words)
     }
 }
 
-// Reads whole frames and decodes them. False at the end of the file.
+// Reads whole frames and decodes them. Result: false at the end of the file.
 bool stage_samples()
 {
     static std::array<uint8_t, staging_bytes> pcm_staging;
@@ -659,7 +668,7 @@ bool stage_samples()
     return true;
 }
 
-// Runs the next decoded frame through the filter.
+// Passes the next decoded frame through the filter.
 void filter_frame()
 {
     const std::array<float, stream_channels> input = {float_of_word(decoded[0]),
@@ -671,14 +680,14 @@ void filter_frame()
     decoded = decoded.subspan(stream_channels);
 }
 
-// Bits below the sample of a device format whose words are wider than its samples, such as S24_LE.
+// Unused bits in a word of a device format whose words are wider than its samples, such as S24_LE.
 int32_t device_padding_bits()
 {
     const auto format = static_cast<snd_pcm_format_t>(output_format);
     return snd_pcm_format_physical_width(format) - snd_pcm_format_width(format);
 }
 
-// The top bytes of each word, least significant first. What lies below is cut off.
+// Stores the top bytes of each word, least significant first. The low bits are cut off.
 template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shift, uint8_t *out)
 {
     for (const uint32_t word : words) {
@@ -688,8 +697,8 @@ template <size_t bytes> void pack_words(std::span<const uint32_t> words, int shi
     }
 }
 
-// Words of the whole frames that fit in the ring. A frame goes in only while more than its own size
-// is free, beside the frame that the ring keeps.
+// The number of words in the whole frames that fit in the ring. The ring always keeps one frame
+// free, so a frame fits only if more than its own size is free.
 size_t words_of_room()
 {
     const auto frame_bytes = static_cast<uint32_t>(stream_file->out_frame_bytes);
@@ -697,8 +706,8 @@ size_t words_of_room()
     return room == 0 ? 0 : size_t{(room - 1) / frame_bytes} * stream_channels;
 }
 
-// Stores words that there is room for, at most staging_words of them. A sample width that has no
-// packing gets nothing.
+// Stores words for which there is room, at most staging_words. For a sample width without a packing
+// it stores nothing.
 void put_words(std::span<const uint32_t> words)
 {
     static std::array<uint8_t, staging_words * word_bytes> packed;
@@ -710,7 +719,7 @@ void put_words(std::span<const uint32_t> words)
     ring_put(ring, packed.data(), static_cast<uint32_t>(words.size() * sample_bytes));
 }
 
-// Stores decoded words. False when nothing was done for want of room.
+// Stores decoded words. Result: false if there is no room.
 bool put_decoded()
 {
     const auto run = decoded.first(std::min(decoded.size(), words_of_room()));
@@ -719,7 +728,7 @@ bool put_decoded()
     return !run.empty();
 }
 
-// Stores some of the filter's pending floats. False when nothing was done for want of room.
+// Stores some of the pending output of the filter. Result: false if there is no room.
 bool put_filtered()
 {
     static std::array<uint32_t, staging_words> words;
@@ -732,7 +741,7 @@ bool put_filtered()
     return !run.empty();
 }
 
-// Sends all that is decoded through the filter, as far as there is room. False when nothing was
+// Passes decoded frames through the filter as long as there is room. Result: false if nothing was
 // done.
 bool filter_decoded()
 {
@@ -762,11 +771,11 @@ int32_t pcm_feeder()
     return done ? -1 : 0;
 }
 
-static bool stream_was_played; // an earlier one; written by main while there is no output thread
+static bool stream_was_played; // written by main while there is no output thread
 
 void exit_if_interrupted()
 {
-    // A fatal report of the other thread sets both words, stop_output first.
+    // A fatal report of the other thread sets both words; it sets stop_output first.
     if (load_acquire(interrupted) == 0 || is_stopped()) return;
     if (!stream_was_played) fatal_report(unit, 1045, "exit by interrupt\n");
     settle_end();
@@ -780,7 +789,8 @@ namespace
 constexpr const char *controller_key_file = "/tmp/sonivane.key";
 constexpr int controller_key_project = 255;
 
-// Anybody may make a block under that key, and have the player signal a process of another user.
+// Any user can create a block under that key and so make the player signal a process of another
+// user. Only blocks of root and of the own user are trusted.
 bool is_trusted(int id)
 {
     shmid_ds status;
@@ -794,12 +804,13 @@ void attach_controller()
     const int id = key == -1 ? -1 : shmget(key, 0, 0);
     if (id < 0 || !is_trusted(id)) return;
     void *block = shmat(id, nullptr, 0);
-    // shmat tells a failure by an address of all ones.
+    // shmat reports a failure by an address with all bits set.
     if (block == reinterpret_cast<void *>(-1)) return; // NOLINT(performance-no-int-to-ptr)
     controller = static_cast<controller_block *>(block);
 }
 
-// Tells the controller of a change between I2S and any other form: first the word, then the signal.
+// Signals the controller when the stream changes between I2S and another form. The state is written
+// before the signal is sent.
 void announce_stream()
 {
     if (controller == nullptr) return;
@@ -807,7 +818,7 @@ void announce_stream()
     if ((load_acquire(controller->controller_state) != 0) == (state != 0)) return;
     store_release(controller->controller_state, state);
     const int32_t process = load_acquire(controller->controller_pid);
-    // 0 and below name groups of processes; 1 restarts the machine on SIGINT.
+    // 0 and negative values are process groups. Process 1 restarts the machine on SIGINT.
     if (process > 1) kill(process, SIGINT);
 }
 
@@ -823,18 +834,18 @@ void detach_controller()
 soundfile *last_shown_file;
 int64_t last_shown_second = -1;
 
-// Total time in whole seconds; a header with a field of 0 gives 0.
+// Total time in whole seconds. 0 if a field of the header is 0.
 int64_t total_seconds(const soundfile *file)
 {
     const wave_format &wave = file->wave;
     if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
-    // DSD: 8 bits a byte, and two channels in a block where data_bytes counts one.
+    // In DSD a byte has 8 bits, and data_bytes counts one channel but nBlockAlign two.
     const uint64_t factor = is_dsd(file) ? uint64_t{8} * stream_channels : 1;
     const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
 }
 
-// The banner of a file that is not the one shown last.
+// Prints the banner of a file, unless it was printed last.
 void show_banner_once(soundfile *file)
 {
     if (file == last_shown_file) return;
@@ -862,7 +873,7 @@ void read_command_line(int argc, char **argv)
     fatal_exit(EXIT_FAILURE);
 }
 
-// Makes file_list from the names of the command line: one fresh record each, and the sentinel.
+// Makes file_list from the expanded names: one new record for each, and the sentinel.
 void make_file_list(int argc, char **argv)
 {
     char **names = expand_file_list(args_used, argc, argv);
@@ -881,7 +892,8 @@ void make_file_list(int argc, char **argv)
     pool_free();
 }
 
-// Tells a front-end of a file just probed, and keeps what a read error will be known by.
+// Sends the event for a file that was just probed, and keeps the sizes that show a read error
+// later.
 void emit_file(soundfile *file)
 {
     file->probed_bytes = size_of(file);
@@ -889,7 +901,7 @@ void emit_file(soundfile *file)
     event_file(file);
 }
 
-// Drops files of no known format and closes the ranks: record i always holds the next name.
+// Drops files of unknown format and closes the gaps: kept records are file_list[0] to [kept - 1].
 void probe_files()
 {
     const int32_t names = file_count;
@@ -918,8 +930,8 @@ void probe_files()
     if (file_count < 1) fatal_report(unit, 1009, "No sound files are found.\n");
 }
 
-// The file after the last one that can share a stream with the given one. A file without sound can
-// share any.
+// The first file after the given one that needs another stream. A file without sound fits in any
+// stream.
 soundfile *find_stream_end(soundfile *file)
 {
     const soundfile &first = *file;
@@ -931,8 +943,8 @@ soundfile *find_stream_end(soundfile *file)
     return file_list + file_count;
 }
 
-// Opens the first file of the stream that begins there. The first one of the list must be there;
-// later ones are passed over, as at every turn. False when none is left.
+// Opens the first file of the stream that begins at file. The first file of the list must open.
+// Later ones are passed over if they do not. Result: false if no file is left.
 bool begin_stream(soundfile *file)
 {
     stream_end = find_stream_end(file);
@@ -963,8 +975,9 @@ void set_up_stream()
 
 constexpr uint64_t smallest_buffer_bytes = 1572864; // 1.5 MiB
 
-// Main refills the ring when a quarter of it is free. Where that lasts no sixth of a second it
-// waits for more, to do with few wake-ups, but not for more than half.
+// Main refills the ring when a quarter of it is free. If a quarter lasts less than a sixth of a
+// second, main waits until a sixth of a second is free, but at most half of the ring. That saves
+// wake-ups.
 uint32_t refill_of(const ringbuffer *r)
 {
     const uint32_t sixth = static_cast<uint32_t>(output_rate) / 6;
@@ -986,7 +999,7 @@ void make_ring()
     emit_stream();
 }
 
-// Gives the list its start time. From here on nothing knows of it but the first file's record.
+// Makes the list begin at its start time. After this, only the record of the first file keeps it.
 void begin_list()
 {
     const exact_time time = std::exchange(start_time, {});
@@ -994,16 +1007,17 @@ void begin_list()
     if (!begin_at(stream_file, time)) open_next_file();
 }
 
-constexpr int32_t filled_percent = 79; // the first filling ends above it
+constexpr int32_t filled_percent = 79; // the first filling ends above this level
 
-// Fills the ring before anything takes from it. A line for each call would drown a log.
+// Fills the ring before the output thread exists. It prints one line for each per cent, because a
+// line for each call would flood a log.
 void fill_ring()
 {
     terminal_raw();
     int32_t shown = -1;
     while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
         const bool fed = !is_stopped() && fill_buffer() != 0;
-        exit_if_interrupted(); // after the feeder, which does nothing more then
+        exit_if_interrupted(); // checked after the feeder, which does nothing after a SIGINT
         if (!fed) return;
         const int32_t percent = ring_percent(ring);
         if (percent != shown) show_status(shown_second(stream_file), percent, "filling buffer");
@@ -1020,7 +1034,7 @@ pthread_t start_output()
     return thread;
 }
 
-// Something is to be shown, or the feeding is to end.
+// There is something to print, or feeding must end.
 bool has_news()
 {
     const soundfile *file = load_acquire(playing_file);
@@ -1033,7 +1047,7 @@ bool has_work()
     return has_news() || ring_free(ring) >= refill_bytes;
 }
 
-// Keeps the ring full until everything is fed or something stops the output.
+// Keeps the ring full until everything is fed or the output is stopped.
 void feed_list()
 {
     while (!is_stopped() && load_acquire(ring->more_coming) != 0) {
@@ -1055,15 +1069,15 @@ int64_t microseconds_now()
     return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-// What the latest end of the sound is computed from.
+// The inputs from which latest_end is computed.
 struct end_basis {
     sound_phase phase;
-    bool unwanted; // one SIGINT came
+    bool unwanted; // a SIGINT came
     bool operator==(const end_basis &) const = default;
 };
 constexpr end_basis at_the_opening = {sound_phase::opening, false};
 
-// Of the stream that plays: in microseconds of the monotonic clock, and what it was computed from.
+// The latest end of the current stream in microseconds of the monotonic clock, and its inputs.
 int64_t latest_end;
 end_basis latest_end_basis;
 
@@ -1072,13 +1086,13 @@ end_basis basis_now()
     return {phase_of_sound(), load_acquire(interrupted) != 0};
 }
 
-// How long the sound may last from now on, in microseconds, when nothing more is read: no longer
-// than what ring and device hold, and a tenth more, whatever the device says. longest_wait: not
-// known while the device is being opened, unless nobody wants it any more.
+// Microseconds that the sound may still last when nothing more is read: the time that ring and
+// device hold, plus a tenth and a fixed time. What the device reports is not used. While the device
+// is being opened the time is unknown: then the result is longest_wait, unless a SIGINT came.
 int64_t time_left(const end_basis &basis)
 {
-    constexpr int64_t for_the_end = 400000;    // for what comes after the last frame
-    constexpr int64_t for_the_start = 3000000; // a sound server may begin two seconds late
+    constexpr int64_t for_the_end = 400000;    // for closing the device after the last frame
+    constexpr int64_t for_the_start = 3000000; // a sound server may start two seconds late
     if (basis != latest_end_basis) {
         const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
         const int64_t left = sound_left();
@@ -1089,7 +1103,7 @@ int64_t time_left(const end_basis &basis)
     return std::max(latest_end - microseconds_now(), int64_t{0});
 }
 
-// Waits unless something is due. Stops the sound when its time is up.
+// Waits unless something is due. If no time is left, it stops the sound.
 template <typename Due> void wait_in_time(Due due)
 {
     static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
@@ -1100,8 +1114,8 @@ template <typename Due> void wait_in_time(Due due)
     settle_end();
 }
 
-// Shows how the rest of the ring is played. The last look comes when the ring is empty, for a file
-// that went out as a whole since the one before: its banner is due, and no second any more.
+// Prints the progress while the rest of the ring is played. When the ring is empty, a file that
+// went out completely since the last check still needs its banner. Its seconds are not printed.
 void drain_ring()
 {
     while (!is_stopped() && load_acquire(interrupted) == 0) {
@@ -1111,14 +1125,14 @@ void drain_ring()
     }
 }
 
-// Waits until the device is closed, or the sound was stopped.
+// Waits until the device is closed or the sound was stopped.
 void wait_for_sound()
 {
     const auto due = [] { return sound_is_over() || is_stopped(); };
     while (!due()) wait_in_time(due);
 }
 
-// A file whose first frames were the last ones of the stream can have passed since main looked.
+// The last frames of the stream may have been the first of a file, after the last check of main.
 void show_last_file()
 {
     if (!is_stopped() && load_acquire(interrupted) == 0)
@@ -1142,7 +1156,7 @@ void play_list()
     show_last_file();
 }
 
-// After a SIGINT that let the ring play out, the list is over, too.
+// After a SIGINT has let the ring play out, the rest of the list is not played.
 void end_stream()
 {
     forget_stream();
@@ -1150,7 +1164,7 @@ void end_stream()
     if (load_acquire(interrupted) != 0) settle_end();
 }
 
-// The stages of a stream. A stop leaves out those that follow.
+// Runs the stages of a stream. After a stop, the remaining stages are left out.
 void play_stream()
 {
     static constexpr std::array stages = {set_up_stream, make_ring, begin_list,
@@ -1201,7 +1215,7 @@ int main(int argc, char **argv)
     read_command_line(argc, argv);
     make_file_list(argc, argv);
 
-    // From here on a key ends the run in order, between two stages or within one.
+    // From here on a key ends the run in order, between two stages or inside a stage.
     if (!is_stopped()) probe_files();
     for (soundfile *file = file_list; !is_stopped() && file->index >= 0; file = stream_end)
         if (begin_stream(file)) play_stream();
