@@ -70,14 +70,19 @@ void describe_dsd(soundfile *file)
     constexpr int16_t extension_bytes = 22; // valid bits, channel mask and sub-format
     const int32_t rate = file->wave.nSamplesPerSec;
     file->sample_bytes = 1;
-    wave_format &wave = file->wave = {};
-    wave.nChannels = stream_channels;
-    wave.nSamplesPerSec = rate;
-    wave.nAvgBytesPerSec = rate / 8 * stream_channels;
-    wave.nBlockAlign = stream_channels;
-    wave.wBitsPerSample = dsd_bits_per_sample;
-    wave.cbSize = extension_bytes;
-    wave.dwChannelMask = 1;
+    file->wave = {
+        .wFormatTag = 0,
+        .nChannels = stream_channels,
+        .nSamplesPerSec = rate,
+        .nAvgBytesPerSec = rate / 8 * stream_channels,
+        .nBlockAlign = stream_channels,
+        .wBitsPerSample = dsd_bits_per_sample,
+        .cbSize = extension_bytes,
+        .wValidBitsPerSample = 0,
+        .dwChannelMask = 1,
+        .SubFormat = {},
+        .rest = {},
+    };
 }
 
 constexpr int16_t wave_tag_float = 3;
