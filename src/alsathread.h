@@ -1,5 +1,5 @@
-// The device: choice of the stream's form, negotiation and set-up, and the thread that moves the
-// ring into it.
+// The device: the choice of the stream's form, the negotiation of parameters, and the thread that
+// moves frames from the ring to the device.
 #pragma once
 
 #include <alsa/asoundlib.h>
@@ -7,37 +7,37 @@
 #include <cstdint>
 
 // Opens the device once to learn output_format, output_rate, i2s_mode and the byte widths of
-// file_list[0], and closes it. Result: -1; every failure is fatal. A stop leaves all of them as
-// they were. Main thread, before the output thread exists.
+// stream_file, and closes it. Result: -1; every failure is fatal. If the sound is stopped, all of
+// them keep their values. Main thread, before the output thread exists.
 int32_t sound_probe();
 
-// Prints the line that tells the stream's form and frequency on standard error. Main thread, after
+// Prints the line with the stream's form and rate on standard error. Main thread, after
 // sound_probe.
 void stream_banner();
 
-// Tells a front-end what the stream is, once the ring is made. Main thread.
+// Sends the event that describes the stream. Main thread, after the ring is made.
 void emit_stream();
 
-// Names device 0 of the last card in device_name and on standard output. -1, or 0 when there is no
-// card. Main thread.
+// Sets device_name to device 0 of the last card and prints it on standard output. Result: -1, or 0
+// if there is no card. Main thread.
 int32_t find_last_card();
 
-// Forgets the stream, once its output thread has ended: what sound_probe settles is as before the
-// first one. Main thread.
+// Resets what sound_probe settles to the values before the first stream. Main thread, after the
+// output thread has ended.
 void forget_stream();
 
-// Main has put frames into the ring, or will put no more: an output thread that waits for that goes
-// on. Main thread.
+// Main has put frames into the ring, or will put no more. Wakes the output thread if it waits for
+// that. Main thread.
 void sound_was_fed();
 
-// What the output thread is at: main is woken when that changes. Any thread.
+// What the output thread is doing. Main is woken when it changes. Any thread.
 enum class sound_phase { opening, silence, sound };
 sound_phase phase_of_sound();
 
-// The time in microseconds that silence, ring and device can still last. Before the device is open
-// its buffer is taken to be as large as it will be asked for. Main thread.
+// The longest time in microseconds that the rest of the silence, the ring and the device can last.
+// Before the device is open, its buffer is assumed to have the requested size. Main thread.
 int64_t sound_left();
 
-// The output thread: opens the device for good, sends a second of silence, then the ring. Ends when
-// the ring is empty and nothing more comes, or stop_output is set.
+// The output thread: opens the device to play, sends a second of silence and then the ring. It ends
+// when the ring is empty and nothing more will come, or when stop_output is set.
 void *output_thread(void *unused);
