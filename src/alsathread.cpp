@@ -21,28 +21,27 @@ constexpr const char *unit = "alsathread";
 constexpr int open_attempts = 5;
 constexpr int64_t open_retry_microseconds = 2000000;
 constexpr unsigned wanted_buffer_microseconds = 500000;
-constexpr int32_t dsd_rate_limit = 11289615; // Hz: DSD256 of the 44.1 kHz family and a little
-constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // the scan's codes, from 0
+constexpr int32_t dsd_rate_limit = 11289615; // Hz: 15 Hz above DSD256 of the 44.1 kHz family
+constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // PCM formats: 0 to the one before it
 
 constexpr uint32_t silence_frames = 8192;
-constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no offset
+constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no DC offset
 
-constexpr uint32_t urgent_pause = 10000; // microseconds; with shorter ones a late wake-up is heard
+constexpr uint32_t urgent_pause = 10000; // microseconds; in shorter ones lateness causes an xrun
 
-uint32_t alsa_buffer_frames; // as the device granted it; the thread that runs sound_open
-ringbuffer *silence_ring;    // a plain array of silence; made by main, then read by output
-int32_t primed;              // 1: the pre-roll is complete; output thread
-int32_t silence_written;     // frames of the pre-roll that the device took; output thread
+uint32_t alsa_buffer_frames; // granted by the device; belongs to the thread that runs sound_open
+ringbuffer *silence_ring;    // used as an array of silence; made by main, then read by output
+int32_t primed;              // 1: the silence is sent; output thread
+int32_t silence_written;     // frames of silence that the device took; output thread
 
-// Frames of the pre-roll still to go out; below 0 before the device is open. Written by the output
-// thread, read by main.
+// Frames of silence that are still to be sent; below 0 until the device is open. Written by the
+// output thread, read by main.
 std::atomic<int32_t> silence_left = -1;
 
-// The output thread waits for frames in the ring. Set by it, cleared by main.
+// Flag: the output thread waits for frames in the ring. Set by the output thread, cleared by main.
 std::atomic<int32_t> starving;
 
-// Ends the process with the given report when an ALSA call failed; format takes the system's text
-// for its code.
+// Ends the process with the report if code is an error. format has one %s, for the system's text.
 void require(int code, int32_t number, const char *format)
 {
     if (code < 0) fatal_report(unit, number, format, snd_strerror(code));
@@ -53,7 +52,7 @@ int32_t format_bytes(int32_t format)
     return snd_pcm_format_physical_width(static_cast<snd_pcm_format_t>(format)) / 8;
 }
 
-// Once the probe has settled the stream.
+// Whether the probe has settled the stream.
 bool stream_is_settled()
 {
     return output_rate != 0;
@@ -61,8 +60,8 @@ bool stream_is_settled()
 
 // --- Formats ------------------------------------------------------------------------------------
 
-// The formats whose samples the feeders make as they should be: of PCM signed integers, lowest byte
-// first, and floats. By their names in ALSA.
+// The formats that the feeders fill correctly, with their names in ALSA. The PCM formats are signed
+// integers with the lowest byte first, and floats.
 struct format_row {
     int32_t format; // SND_PCM_FORMAT_*
     const char *name;
@@ -80,7 +79,7 @@ constexpr std::array<format_row, 10> filled_formats = {{
     {SND_PCM_FORMAT_DSD_U32_BE, "DSD_U32_BE"},
 }};
 
-// Empty for a format that the player does not fill.
+// The name of a format; empty if the player does not fill it.
 const char *filled_name(int32_t format)
 {
     for (const format_row &row : filled_formats)
@@ -90,7 +89,7 @@ const char *filled_name(int32_t format)
 
 // --- The form of the stream ---------------------------------------------------------------------
 
-// A controller beside a card of this kind takes raw DSD bits in PCM words.
+// On a card with such a name, a controller takes raw DSD bits in PCM words.
 int32_t card_takes_i2s(int32_t card)
 {
     char *name = nullptr;
@@ -106,14 +105,15 @@ int32_t source_rate()
     return stream_file->wave.nSamplesPerSec;
 }
 
-// What the stream is, as the device agreed to it.
+// The stream as the device accepted it.
 struct stream_settings {
     int32_t format; // SND_PCM_FORMAT_*; -1: none
     int32_t rate;   // frames per second
     int32_t i2s;
 };
 
-// Whether raw DSD bits are to go out, from the device's name alone.
+// Whether raw DSD bits are requested. If there is a controller, the card in the device's name
+// decides; otherwise i2s_mode keeps its value.
 int32_t wished_i2s()
 {
     if (dsd_stream == 0) return flag_off;
@@ -143,7 +143,7 @@ void print_retry(int attempt)
     std::fputs("snd_pcm_open() failed. retrying ...\r", stderr);
 }
 
-// False when the sound was stopped meanwhile.
+// Result: false if the sound was stopped.
 bool wait_for_retry()
 {
     wait_for(open_retry_microseconds,
@@ -152,7 +152,7 @@ bool wait_for_retry()
     return !is_stopped();
 }
 
-// False when the output was stopped before the device could be had.
+// Result: false if the sound was stopped before the device was open.
 bool open_device()
 {
     int code = 0;
@@ -180,9 +180,10 @@ int test_format(snd_pcm_hw_params_t *params, int32_t format)
 
 enum class hw_attempt { first, second };
 
-// The format with the most significant bits; of equally wide ones the lowest code. PCM in a DSD
-// format would be full-scale noise. A second attempt is content with what the player fills: a plug
-// device lists floats of 64 bits that it can turn into nothing its sound server takes.
+// The format with the most significant bits; of equally wide formats, the one with the lowest
+// number. DSD formats are not tried, because PCM in one of them is full-scale noise. The second
+// attempt prefers formats that the player fills: a plug device lists 64-bit floats, but cannot
+// convert them to a format of its sound server.
 int32_t widest_format(snd_pcm_hw_params_t *params, hw_attempt attempt)
 {
     int32_t best = -1;
@@ -211,14 +212,14 @@ bool is_offered(const dsd_form &form, int32_t i2s)
            form.offered == (i2s != 0 ? form_offer::with_i2s : form_offer::without_i2s);
 }
 
-// Frames per second of DSD in that form.
+// Rate of the stream in that form, in frames per second.
 int32_t dsd_rate(const dsd_form &form)
 {
     return source_rate() / (form.rate_step * form.bits_per_frame) * form.rate_step;
 }
 
-// Settles the DSD form: the first one offered that the device takes. Result: 0, or the code of the
-// last refused test.
+// Settles the form of DSD: the first one on offer that the device takes. Result: 0, or the code of
+// the last test.
 int choose_dsd_form(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
     int code = 0;
@@ -236,15 +237,15 @@ int choose_dsd_form(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *s
 
 void set_format(snd_pcm_hw_params_t *params, int32_t format)
 {
-    // libasound aborts on a format of -1, which stands for none accepted.
+    // -1 means that no format was accepted. libasound aborts on it.
     if (format < 0 ||
         snd_pcm_hw_params_set_format(pcm, params, static_cast<snd_pcm_format_t>(format)) < 0) {
         fatal_report(unit, 191, "snd_pcm_hw_params_set_format(format=%d) failed.\n", format);
     }
 }
 
-// The exact rate, in frames per second, or a report. A device with no lower limit is not asked for
-// a rate of 0, which nothing could be timed by.
+// Sets exactly that rate, in frames per second, or ends with a report. Even if the device has no
+// lower limit, a rate of 0 is refused, because times are computed from the rate.
 void set_rate(snd_pcm_hw_params_t *params, int32_t rate)
 {
     const auto wanted = static_cast<unsigned>(rate);
@@ -282,16 +283,16 @@ void set_buffer(snd_pcm_hw_params_t *params)
     alsa_buffer_frames = static_cast<uint32_t>(frames);
 }
 
-// Asks for the size of a period where the device's own choice of one refuses the buffer; what comes
-// of it shows in the parameters as a whole.
+// Requests a period, for a device that refuses the buffer with the period of its own choice. A
+// failure is not checked here: snd_pcm_hw_params reports it.
 void set_period(snd_pcm_hw_params_t *params)
 {
     unsigned microseconds = wanted_buffer_microseconds / 4;
     snd_pcm_hw_params_set_period_time_near(pcm, params, &microseconds, nullptr);
 }
 
-// Narrows params down to what is wished and granted, without setting them. Results as of
-// sound_hwparams.
+// Reduces params to the requested and granted values, without setting them on the device. Result:
+// as that of sound_hwparams.
 int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt,
                     stream_settings *stream)
 {
@@ -317,10 +318,10 @@ int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt
     return 0;
 }
 
-// Sets all hardware parameters of the open pcm on the zeroed block params, and *stream, in I2S if
-// that is wished. Result: 0, or the negative code that refused a form; every other failure ends the
-// process. A sound server whose periods are powers of two refuses the buffer that it would have
-// granted on top of a period.
+// Sets all hardware parameters of the open pcm. params is zeroed. i2s requests I2S. Writes *stream.
+// Result: 0, or the negative code with which every form was refused; every other failure ends the
+// process. There are two attempts, because a sound server whose periods are powers of two refuses
+// the granted buffer unless a period was requested before it.
 int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
     int refused = choose_hwparams(params, i2s, hw_attempt::first, stream);
@@ -333,8 +334,7 @@ int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *st
 
 // --- Software parameters ------------------------------------------------------------------------
 
-// Sets all software parameters of pcm on the zeroed block params. Result: 0; every failure ends the
-// process.
+// Sets all software parameters of pcm. params is zeroed. Result: 0; every failure ends the process.
 int sound_swparams(snd_pcm_sw_params_t *params)
 {
     require(snd_pcm_sw_params_current(pcm, params), 257,
@@ -373,16 +373,16 @@ void make_silence()
 
 // --- Opening as a whole -------------------------------------------------------------------------
 
-// Once the ring holds frames of the settled form, a device that takes another one would play them
-// as noise.
+// The ring already holds frames of the settled form. A device with another form would play them as
+// noise.
 bool agrees_with_settled(const stream_settings &stream)
 {
     return !stream_is_settled() || (stream.format == output_format && stream.rate == output_rate);
 }
 
 // Opens, configures and prepares the device for stream_file: on the main thread for the probe, on
-// the output thread for good. *stream: what it agreed to. False when the sound was stopped before
-// the device could be had.
+// the output thread to play. Writes *stream. Result: false if the sound was stopped before the
+// device was open.
 bool sound_open(stream_settings *stream)
 {
     refuse_fast_dsd();
@@ -408,10 +408,10 @@ bool sound_open(stream_settings *stream)
 
 constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
 
-// How a device shows that it plays no more.
+// A state or a code that shows that the device no longer plays.
 struct device_stop {
     snd_pcm_state_t state;
-    int code; // of a call; 0: none
+    int code; // result of a call; 0: none
     stop_cause cause;
 };
 constexpr std::array<device_stop, 4> device_stops = {{
@@ -421,7 +421,7 @@ constexpr std::array<device_stop, 4> device_stops = {{
     {SND_PCM_STATE_DRAINING, 0, refused},
 }};
 
-// Null for a state that goes on.
+// Null if the device can go on in this state.
 const stop_cause *cause_of_state(snd_pcm_state_t state)
 {
     for (const device_stop &row : device_stops)
@@ -436,20 +436,21 @@ const stop_cause *cause_of_code(int code, const stop_cause *otherwise)
     return otherwise;
 }
 
-// Starts a device that waits at its threshold with the buffer nearly full.
+// The buffer is nearly full, but a device can still wait for its start threshold. It is started
+// here.
 void start_if_prepared()
 {
     if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) return;
     require(snd_pcm_start(pcm), 323, "snd_pcm_start() error. %s\n");
 }
 
-// What a step of the pump came to.
+// The result of one step of the pump.
 enum class pump_step {
-    wrote,     // frames went out
+    wrote,     // the device took frames
     full,      // the device is nearly full
-    took_none, // the device took nothing
-    starved,   // there is nothing to give
-    drains,    // the device plays what it has and takes no more
+    took_none, // the device took no frame
+    starved,   // the ring is empty
+    drains,    // the device plays what it has and takes no more frames
 };
 
 // --- A device that stands still -----------------------------------------------------------------
@@ -457,15 +458,16 @@ enum class pump_step {
 using sound_clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 
-sound_clock::time_point moved_at; // the device took or played a frame
+sound_clock::time_point moved_at; // the last time that the device took or played a frame
 
 microseconds duration_of(int64_t frames)
 {
     return microseconds(frames * 1000000 / output_rate);
 }
 
-// A device without room should have played something since the last look, sooner or later. A
-// display that sleeps or a controller that lost its interrupts never does.
+// Stops the sound if a running device has played nothing for 10 seconds (or 4 times its buffer, if
+// that is longer). A display that sleeps and a controller that lost its interrupts are such
+// devices. avail is the device's room in frames.
 void look_for_standstill(int32_t avail)
 {
     constexpr microseconds patience = std::chrono::seconds(10);
@@ -480,8 +482,8 @@ void look_for_standstill(int32_t avail)
 
 // --- Writing ------------------------------------------------------------------------------------
 
-// Sends silence in pairs of an even and an odd frame, whatever count the device takes. avail is the
-// device's room in frames, above nearly_full_frames.
+// Sends silence in pairs of an even and an odd frame, even if the device takes an odd number of
+// frames. avail is the room in the device in frames, above nearly_full_frames.
 pump_step write_silence(snd_pcm_sframes_t avail)
 {
     const bool odd = silence_written % 2 != 0;
@@ -493,7 +495,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
         snd_pcm_writei(pcm, frames, static_cast<snd_pcm_uframes_t>(wanted));
     if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
-    } else if (written != -EAGAIN && written != -EPIPE) { // those two show in the next state
+    } else if (written != -EAGAIN && written != -EPIPE) { // the next state shows these two
         const int code = static_cast<int>(written);
         stop_playing(cause_of_code(code, &refused));
         report(unit, 337, "snd_pcm_writei() returned code %d\n", code);
@@ -504,7 +506,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
-// Moves playing_file to the last file whose first byte has been sent.
+// Moves playing_file to the last file whose first byte was sent.
 void follow_marks()
 {
     const uint64_t sent = load_acquire(ring->bytes_sent);
@@ -513,7 +515,8 @@ void follow_marks()
     store_release(playing_file, file);
 }
 
-// Whole units only: the count runs slow at rates that do not divide 352800, and stands above it.
+// Adds whole units only. At a rate that does not divide 352800 the count is too slow, and above
+// 352800 Hz it does not advance.
 void add_to_position(int32_t frames)
 {
     const int64_t units = position_units_per_second / output_rate;
@@ -521,7 +524,8 @@ void add_to_position(int32_t frames)
     store_release(position, load_acquire(position) + units * frames);
 }
 
-// Bytes of the stream ahead of the file's first one; above all others while they are not known.
+// The number of bytes in the stream before the first byte of the file; UINT64_MAX while it is not
+// known.
 uint64_t start_of(int32_t index)
 {
     return index == stream_file->index ? 0 : load_acquire(ring->track_marks[index]);
@@ -529,8 +533,8 @@ uint64_t start_of(int32_t index)
 
 int32_t next_to_emit; // index of a file
 
-// Tells each file whose first frame has gone out since the last call. One without a frame is passed
-// over.
+// Sends the event for each file whose first frame was sent since the last call. A file without a
+// frame gets none.
 void emit_playing()
 {
     const uint64_t sent = load_acquire(ring->bytes_sent);
@@ -538,7 +542,8 @@ void emit_playing()
         if (start_of(next) != start_of(next + 1)) event_playing(&file_list[next]);
 }
 
-// Main shows files and seconds, and fills a ring that has room for a good piece.
+// Wakes main when it has a file or a second to print, or when the ring has enough room to be
+// filled.
 void wake_main(const soundfile *file_before, int64_t second_before)
 {
     const soundfile *file = load_acquire(playing_file);
@@ -547,8 +552,8 @@ void wake_main(const soundfile *file_before, int64_t second_before)
         wake(waiter::main);
 }
 
-// Hands frames of the ring to the device, straight from the ring's memory. avail is the device's
-// room in frames, above nearly_full_frames.
+// Writes frames from the ring's own memory to the device. avail is the room in the device in
+// frames, above nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
 {
     const uint32_t wanted =
@@ -568,7 +573,7 @@ pump_step write_ring(snd_pcm_sframes_t avail)
     return written > 0 ? pump_step::wrote : pump_step::took_none;
 }
 
-// One step of moving sound to the device.
+// One step that moves frames to the device.
 pump_step write_pump()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
@@ -596,7 +601,7 @@ pump_step write_pump()
 
 // --- The thread ---------------------------------------------------------------------------------
 
-// Waits for what the step lacked: frames in the ring, or time that the device plays.
+// Waits for what the step lacked: frames in the ring, or room in the device.
 void wait_after(pump_step step, uint32_t pause)
 {
     if (step == pump_step::starved) {
@@ -607,8 +612,8 @@ void wait_after(pump_step step, uint32_t pause)
     }
 }
 
-// Fills the device with silence as far as it takes it. One that refuses silence for good must not
-// hold the thread: a stop counts here.
+// Fills the device with silence, as far as it takes it. A stop ends the loop, because a device may
+// refuse silence for ever.
 void fill_device(uint32_t pause)
 {
     while (primed == 0 && !is_stopped()) {
@@ -618,45 +623,45 @@ void fill_device(uint32_t pause)
     }
 }
 
-// A device that refused the silence is started all the same: its report says what it lacks.
+// A device that refused the silence is started too, because the report then shows the reason.
 void start_device()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
-        if (load_acquire(stopped_by) == &stopped_by_key) return; // nothing is to sound
+        if (load_acquire(stopped_by) == &stopped_by_key) return; // so nothing is to be played
         require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
     } else if (state != SND_PCM_STATE_RUNNING) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
     }
 }
 
-// Everything is fed, or a SIGINT ended the feeding.
+// Whether everything is fed, or a SIGINT ended the feeding.
 bool no_more_is_read()
 {
     return load_acquire(ring->more_coming) == 0 || load_acquire(interrupted) != 0;
 }
 
-// Nothing is left, and nothing will come. Less than a frame stays for good when DSD followed PCM on
-// a device of wider words.
+// Whether nothing is left and nothing will come. The rest can be less than a frame, for ever, if
+// DSD follows PCM on a device with wider words.
 bool all_is_sent()
 {
     return no_more_is_read() && ring_frames(ring) == 0;
 }
 
-// Frames that the device holds.
+// Frames in the buffer of the device.
 int64_t queued_frames()
 {
     const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
 }
 
-// With this stream the list ends.
+// Whether the list ends with this stream.
 bool is_last_stream()
 {
     return stream_end->index < 0 || load_acquire(interrupted) != 0 || is_stopped();
 }
 
-// Once, as soon as nothing more is read of the list.
+// Sends the event once, when nothing more is read from the list.
 void emit_draining()
 {
     static bool emitted;
@@ -665,7 +670,7 @@ void emit_draining()
     event_draining(int64_t{load_acquire(silence_left)} + ring_frames(ring) + queued_frames());
 }
 
-// Once a second of real time, from the first frame on.
+// Sends the event once a second of real time, from the first frame on.
 void emit_position()
 {
     static sound_clock::time_point next;
@@ -673,13 +678,14 @@ void emit_position()
     const auto now = sound_clock::now();
     if (sent == 0 || now < next) return;
     constexpr auto apart = std::chrono::seconds(1);
-    next = now - next < apart ? next + apart : now + apart; // the first one, or one is left out
+    // The first event and a late one set a new schedule.
+    next = now - next < apart ? next + apart : now + apart;
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
     event_position(file, std::max(frames - queued_frames(), int64_t{0}));
 }
 
-// What a front-end hears of while sound plays.
+// Sends the events that come while sound plays.
 void emit_progress()
 {
     if (!events_wanted()) return;
@@ -687,9 +693,9 @@ void emit_progress()
     emit_position();
 }
 
-// Has the device run on over silence where it would stop at its empty queue. A card finds the queue
-// empty only at the end of a period: by then it has played on into old frames, or, where somebody
-// asked for the room, it has stopped with frames still on their way to the converter. False when
+// Makes the device play silence when its queue is empty, instead of stopping. A card notices an
+// empty queue only at the end of a period. By then it has played old frames; or, if its room was
+// asked for, it has stopped while frames are still on their way to the converter. Result: false if
 // the device refuses.
 bool run_on_over_silence()
 {
@@ -710,11 +716,12 @@ bool device_plays()
     return state == SND_PCM_STATE_RUNNING || state == SND_PCM_STATE_DRAINING;
 }
 
-// Waits until the device has played what it holds. Closing it would drop that. Some devices never
-// report that they ran empty, and one that drains by itself may stay so: neither holds the thread
-// longer than its queue lasts, and a tenth more. A device that would stop when it is asked for its
-// room is asked only when the queue should be over. What a card or a sound server has taken, it
-// plays some time later: hence the wait behind the queue.
+// Waits until the device has played its queue, because closing it would drop the queue. The wait
+// lasts at most as long as the queue and a tenth more: some devices never report that they are
+// empty, and a device that drains by itself may stay in that state. If the device does not run on
+// over silence, asking for its room could stop it, so it is not asked before the queue should be
+// over. After the queue comes a fixed wait, because a card or a sound server plays what it has
+// taken a little later.
 void let_play_out(uint32_t pause)
 {
     constexpr int64_t after_the_queue = 100000; // microseconds
@@ -735,7 +742,7 @@ void let_play_out(uint32_t pause)
     wait_for(after_the_queue, is_stopped);
 }
 
-// Until all is sent, or the device drains by itself. False when the sound was stopped.
+// Runs until all frames are sent and played, the device drains by itself, or the sound is stopped.
 void play()
 {
     const uint32_t pause = pause_of(alsa_buffer_frames, output_rate);
@@ -848,8 +855,8 @@ int64_t sound_left()
 void *output_thread(void *)
 {
     wait_as_output();
-    before_leaving = close_device; // a fatal report of this thread frees the card before its text
-    // stop_output is not cleared here: a stop that came since main looked would be lost.
+    before_leaving = close_device; // a fatal report of this thread closes it before its text
+    // stop_output is not cleared here, because a stop could have come since main checked it.
     stream_settings stream{};
     const bool opened = sound_open(&stream);
     primed = 0;
@@ -861,14 +868,14 @@ void *output_thread(void *)
     moved_at = sound_clock::now();
     next_to_emit = stream_file->index;
 
-    // A device whose whole buffer counts as nearly full would never be written.
+    // A device whose whole buffer counts as nearly full would get no frame.
     if (opened && alsa_buffer_frames <= nearly_full_frames) {
         stopping_report(unit, 576, "a device buffer of %d frames is too small to play.\n",
                         static_cast<int32_t>(alsa_buffer_frames));
     } else if (opened) {
         play();
     }
-    // The device comes first: a reader of standard output may have stopped reading.
+    // The device is closed first, because the print blocks if nobody reads standard output.
     close_device();
     sound_has_ended(is_last_stream());
     std::puts(blank_line);
