@@ -1,8 +1,8 @@
-// The capture device: an ALSA external I/O plug-in that takes what the environment tells it to
-// take, at the pace it is told, keeps every frame it got and logs what happened. Preloaded into a
-// player it also stands in for a few functions of libasound and of the C library: the cards of the
-// machine, waiting, and calls that are to fail.
-#define PIC 1 // the headers declare a plug-in's version for a shared library
+// The capture device: an ALSA external I/O plug-in. The environment sets what it takes and how fast
+// it plays. It stores every frame that it gets and logs what happens. If it is preloaded into a
+// player, it also replaces some functions of libasound and of the C library: the cards of the
+// machine, waits, and calls that are to fail.
+#define PIC 1 // so that the headers declare the plug-in's version for a shared library
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
 #include <dirent.h>
@@ -39,14 +39,14 @@
 namespace
 {
 
-// A fault that strikes once the device took a number of frames: a state that the device goes into,
-// or what each further call gives, when not 0.
+// A fault that occurs after the device has taken a number of frames: a state that the device
+// enters, or, if not 0, the code that a call returns from then on.
 struct fault_row {
     const char *name;
     snd_pcm_state_t state;
     int transfer_code = 0;
     int pointer_code = 0;
-    int avail_code = 0; // of snd_pcm_avail(), preloaded
+    int avail_code = 0; // of snd_pcm_avail(), which is replaced
 };
 constexpr std::array<fault_row, 10> faults = {{
     {"none", SND_PCM_STATE_RUNNING},
@@ -64,24 +64,26 @@ constexpr std::array<fault_row, 10> faults = {{
 struct capture_device {
     snd_pcm_ioplug_t io;
     int capture_fd;
-    int ordinal;                // of this open in the life of the player, from 1
-    bool busy;                  // this open found it so
-    std::vector<unsigned> caps; // frames of successive transfers, cycled; empty: all
+    int ordinal;                // number of this open in the log, from 1
+    bool busy;                  // this open fails with EBUSY
+    std::vector<unsigned> caps; // frames that transfers take, in a cycle; empty: all frames
     size_t transfers;
-    bool cut_short;   // the last transfer was: the call that goes on with it gives EAGAIN
-    double speed;     // times real time; 0: at once
-    const char *gate; // file that tells how many frames may be played; null: any number
-    double dry_ms; // milliseconds without a transfer after which a dry queue is an xrun; -1: none
+    bool cut_short;   // the last transfer took less than offered; the next one gives EAGAIN
+    double speed;     // in multiples of real time; 0: at once
+    const char *gate; // file with the number of frames that may be played; null: no limit
+    // Milliseconds without a transfer after which an empty queue is an xrun; -1: it never is.
+    double dry_ms;
     snd_pcm_uframes_t written;
-    double played; // frames that have sounded
-    double clock;  // of the last look at played
+    double played; // frames
+    double clock;  // seconds: the time at which played was computed
     double last_transfer;
     const fault_row *fault;
     snd_pcm_uframes_t fault_at; // frames
 };
 capture_device device;
 
-// CAPTURE_NAME of the environment. For opens after the first CAPTURE_NAME_2 counts before it.
+// The variable CAPTURE_NAME of the environment. For every open after the first, CAPTURE_NAME_2
+// takes precedence.
 const char *setting(const std::string &name, const char *otherwise)
 {
     const std::string variable = "CAPTURE_" + name;
@@ -102,7 +104,7 @@ bool setting_has(const char *name, const std::string &wanted)
     return std::find(words.begin(), words.end(), wanted) != words.end();
 }
 
-// Gives 0, as a callback does.
+// Result: 0, so that a callback can return it.
 [[gnu::format(printf, 1, 2)]] int log_line(const char *format, ...)
 {
     const char *path = setting("LOG", nullptr);
@@ -130,8 +132,8 @@ int fault_code(int fault_row::*of_call)
 
 // --- Pace ---------------------------------------------------------------------------------------
 
-// Moves played on, as far as frames were written and the gate's file, where there is one, allows.
-// False when a queue that ran dry is to be an xrun.
+// Advances played to what the speed, the frames written and the file of the gate allow. Result:
+// false if the queue is empty and that is an xrun.
 bool play_on()
 {
     const auto written = static_cast<double>(device.written);
@@ -158,7 +160,7 @@ snd_pcm_sframes_t on_pointer(snd_pcm_ioplug_t *io)
 
 // --- Transfers ----------------------------------------------------------------------------------
 
-// libasound goes on calling until all frames of a write are taken; an error ends the write short.
+// libasound repeats the call until all frames of a write are taken. An error ends the write early.
 snd_pcm_sframes_t on_transfer(snd_pcm_ioplug_t *io, const snd_pcm_channel_area_t *areas,
                               snd_pcm_uframes_t offset, snd_pcm_uframes_t size)
 {
@@ -196,7 +198,7 @@ int on_start(snd_pcm_ioplug_t *io)
 {
     log_line("start %lu policy %d\n", device.written, sched_getscheduler(0));
     device.clock = device.last_transfer = now();
-    const double period = static_cast<double>(io->period_size) / io->rate; // below a second
+    const double period = static_cast<double>(io->period_size) / io->rate; // less than a second
     const timespec tick = {0, device.speed == 0 ? 0 : std::lround(period / device.speed * 1e9)};
     const itimerspec ticks = {tick, tick};
     timerfd_settime(io->poll_fd, 0, &ticks, nullptr);
@@ -242,7 +244,7 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
 
 int on_stop(snd_pcm_ioplug_t *io)
 {
-    if (io->state == SND_PCM_STATE_RUNNING) play_on(); // since it was asked last
+    if (io->state == SND_PCM_STATE_RUNNING) play_on(); // brings played up to date
     return log_line("stop\n");
 }
 
@@ -268,7 +270,7 @@ constexpr snd_pcm_ioplug_callback_t callbacks = {
 
 // --- Opening ------------------------------------------------------------------------------------
 
-// A closed module may be unloaded, so the log is what remembers the opens.
+// Counts opens in the log, because libasound may unload the module after a close.
 int opens_in_log()
 {
     std::ifstream log(setting("LOG", "/dev/null"));
@@ -277,7 +279,7 @@ int opens_in_log()
     return opens;
 }
 
-// "A B C" lists the values that are taken, "A-B" gives limits; formats have their names.
+// "A B C" lists the values that the device takes, "A-B" gives limits. Formats are given by name.
 void take_values(int parameter, const char *text)
 {
     unsigned least = 0;
@@ -307,7 +309,7 @@ void constrain_device()
     take_values(SND_PCM_IOPLUG_HW_PERIODS, "1-1024");
 }
 
-// The frames of each transfer in turn, or "random MOST SEED".
+// The frames that successive transfers take, or "random MOST SEED".
 void read_caps(const char *text)
 {
     unsigned most = 0;
@@ -319,7 +321,7 @@ void read_caps(const char *text)
         device.caps.push_back(1 + static_cast<unsigned>(random()) % most);
 }
 
-// "KIND N" strikes after N frames.
+// "KIND N": the fault KIND occurs after N frames.
 void read_fault(const char *text)
 {
     std::istringstream in(text);
@@ -334,7 +336,7 @@ void read_fault(const char *text)
 
 extern "C" {
 
-// The entry that libasound looks up.
+// The entry point that libasound looks up.
 SND_PCM_PLUGIN_DEFINE_FUNC(capture)
 {
     (void)root;
@@ -347,7 +349,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(capture)
 
     read_caps(setting("CAPS", ""));
     read_fault(setting("FAULT", "none 0"));
-    device.speed = std::strtod(setting("SPEED", "once"), nullptr); // "once" is no number: 0
+    device.speed = std::strtod(setting("SPEED", "once"), nullptr); // of "once" it is 0
     device.gate = setting("GATE", nullptr);
     device.dry_ms = std::stod(setting("DRY_MS", "-1"));
     device.capture_fd = open(setting("FILE", "/dev/null"), O_WRONLY | O_APPEND | O_CREAT, 0666);
@@ -370,8 +372,8 @@ SND_PCM_PLUGIN_SYMBOL(capture);
 
 #define REAL(name) reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
 
-// Gives a call that CAPTURE_FAIL names a failure, and passes all others on, and the first ones of
-// some: libasound makes these itself.
+// Replaces a function: it fails if CAPTURE_FAIL names it, otherwise the call is passed on. The
+// first calls, as many as passed says, are always passed on, because libasound makes them itself.
 #define FAILING(passed, name, parameters, ...)                                                     \
     int name parameters                                                                            \
     {                                                                                              \
@@ -411,7 +413,7 @@ snd_pcm_sframes_t snd_pcm_avail(snd_pcm_t *pcm)
     return code != 0 ? code : real(pcm);
 }
 
-// Comes back when the player has taken the signal.
+// Returns after the player has taken the signal.
 static void interrupt_player()
 {
     sigset_t pending;
@@ -420,21 +422,23 @@ static void interrupt_player()
     poll(nullptr, 0, 50);
 }
 
-// Does not come back, as on a lost network mount: the parent of a clone sleeps where no handler of
-// a signal can run. Not by vfork(): the thread sanitizer makes a fork of it.
+// Never returns, like a call on a lost network mount. The parent of a clone with CLONE_VFORK sleeps
+// where no signal handler can run. vfork() is not used, because the thread sanitizer turns it into
+// a fork.
 static void stall()
 {
     if (syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL); // before anybody learns that there is a player to end
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // set before the log makes the test go on
     log_line("stall\n");
     while (true) pause();
 }
 
-// CAPTURE_SWAP "A N B": the Nth opening of the file A gives B. With "interrupt" for B a SIGINT
-// comes while it is opened; with "stall" it never ends.
+// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B is "interrupt", a SIGINT comes
+// during that open; if B is "stall", the open never returns.
 FILE *fopen(const char *path, const char *mode)
 {
-    // The GNU C library calls it so where sizes of files have 64 bits, and so does this one then.
+    // With 64-bit file sizes the GNU C library calls the function so, and the name of this one
+    // changes in the same way.
     static auto *real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
@@ -444,7 +448,7 @@ FILE *fopen(const char *path, const char *mode)
     return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
 }
 
-// CAPTURE_STALL is how many bytes are read of files, all together, before a read never ends.
+// CAPTURE_STALL: the number of bytes that are read from all files before a read never returns.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
@@ -455,7 +459,7 @@ size_t fread(void *to, size_t size, size_t count, FILE *stream)
     return real(to, size, count, stream);
 }
 
-// A directory that breaks off behind what it holds.
+// Can make a directory fail with an error at its end.
 dirent *readdir(DIR *directory)
 {
     static auto *real = reinterpret_cast<decltype(&readdir)>(dlsym(RTLD_NEXT, "readdir64"));
@@ -464,7 +468,7 @@ dirent *readdir(DIR *directory)
     return entry;
 }
 
-// Process 1 is spared, whatever the player does.
+// Never signals process 1, whatever the player does.
 int kill(pid_t process, int number) noexcept
 {
     static auto *real = REAL(kill);
@@ -479,15 +483,16 @@ int nice(int increment) noexcept
     return setting_has("FAIL", "nice") ? -1 : 0;
 }
 
-// The controller of a test has a key of its own, so that no other player meets it.
+// Each test process has its own key for the controller, so that other players do not find its
+// block.
 key_t ftok(const char *path, int project) noexcept
 {
     log_line("ftok %s %d\n", path, project);
     return std::stoi(setting("KEY", "-1"));
 }
 
-// Waits are as many times shorter as the device plays faster. That for a busy device takes a
-// hundredth.
+// Waits are shorter by the factor by which the device plays faster than real time. The wait for a
+// busy device is 100 times shorter.
 int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 {
     static auto *real = REAL(ppoll);
@@ -502,7 +507,7 @@ int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
     return real(fds, count, &shorter, mask);
 }
 
-// CAPTURE_CLOCK is how many times faster than the world the monotonic clock runs.
+// CAPTURE_CLOCK: the factor by which the monotonic clock runs faster than real time.
 int clock_gettime(clockid_t clock, timespec *time) noexcept
 {
     static auto *real = REAL(clock_gettime);
@@ -514,7 +519,7 @@ int clock_gettime(clockid_t clock, timespec *time) noexcept
     return result;
 }
 
-// The machine has CAPTURE_CARDS cards, all of the name CAPTURE_CARD_NAME.
+// The machine has CAPTURE_CARDS cards. All have the name CAPTURE_CARD_NAME.
 int snd_card_next(int *card)
 {
     const int cards = std::stoi(setting("CARDS", "0"));
@@ -524,9 +529,9 @@ int snd_card_next(int *card)
 
 int snd_card_get_name(int, char **name)
 {
-    const char *told = setting("CARD_NAME", nullptr);
-    if (told == nullptr) return -ENODEV;
-    *name = strdup(told);
+    const char *card_name = setting("CARD_NAME", nullptr);
+    if (card_name == nullptr) return -ENODEV;
+    *name = strdup(card_name);
     return 0;
 }
 
