@@ -52,19 +52,19 @@ dsd_sound random_dsd(size_t bytes_per_channel, uint32_t seed, uint32_t rate)
 }
 
 const std::array<bytes (*)(const dsd_sound &), 3> dsd_containers = {
-    [](const dsd_sound &s) { // ends inside a byte
+    [](const dsd_sound &s) { // the sample count ends inside a byte
         const int64_t bits = std::ssize(s.left) * 8;
         return make_dsf({.rate = s.rate,
                          .sample_count = std::max(bits - 3, int64_t{0}),
                          .left = s.left,
                          .right = s.right});
     },
-    [](const dsd_sound &s) { // right comes first
+    [](const dsd_sound &s) { // the right channel is stored first
         return make_dsdiff({.channels = {"SRGT", "SLFT"},
                             .rate = s.rate,
                             .frames = dsd_frames(s.left, s.right, 2, 1, 0)});
     },
-    [](const dsd_sound &s) { // a channel between left and right
+    [](const dsd_sound &s) { // a third channel is stored between left and right
         return make_wsd({.channels = 3,
                          .rate = s.rate,
                          .assignment = 0x54000000,
@@ -76,7 +76,7 @@ namespace
 
 // --- What the device gets of PCM ----------------------------------------------------------------
 
-// The stored sample, left-justified: a signed integer, or a float's bits.
+// The stored sample as a left-justified word: a signed integer, or the bits of a float.
 uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
 {
     const size_t width = sound.sample.bytes;
@@ -86,14 +86,15 @@ uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
     return width == 1 ? word ^ 0x80000000 : word; // unsigned in the file
 }
 
-// What goes out for it: its top bytes, or on a device of floats the word times 2^-31.
+// What the device gets for it: the sample's top bytes, or, on a device of floats, the word times
+// 2^-31.
 uint32_t device_word(uint32_t word, bool is_float, const stream_form &form)
 {
     if (form.floats && is_float) return word;
     float value = 0;
     std::memcpy(&value, &word, sizeof value);
     auto number = static_cast<int32_t>(word);
-    if (is_float) { // 2^31 x value, toward zero, saturating
+    if (is_float) { // 2^31 x value, rounded toward zero and saturated
         const double wide = std::isnan(value) ? 0 : std::trunc(double{value} * 2147483648.0);
         number = static_cast<int32_t>(std::clamp(wide, -2147483648.0, 2147483647.0));
     }
@@ -126,13 +127,13 @@ namespace
 
 // --- What the device gets of DSD ----------------------------------------------------------------
 
-// Four bytes of a channel, oldest first, as one number.
+// Four bytes of a channel as one number, the oldest byte highest.
 uint32_t native_word(const uint8_t *stream)
 {
     return static_cast<uint32_t>(stream[0] << 24 | stream[2] << 16 | stream[4] << 8 | stream[6]);
 }
 
-// 16 bits of left and right in turn, left first.
+// Two bytes, whose bits alternate in the result, a bit of left first.
 uint32_t i2s_word(uint8_t left, uint8_t right)
 {
     uint32_t word = 0;
@@ -141,12 +142,13 @@ uint32_t i2s_word(uint8_t left, uint8_t right)
     return word;
 }
 
-// stream: left and right bytes in turn, in whole groups of 8: the first marker comes first in each.
+// stream: left and right bytes in turn, in whole groups of 8. Each group starts with the first
+// marker.
 bytes packed(const bytes &stream, const stream_form &form)
 {
-    // Where 8 or 16 bits are all that the device has, a DoP frame takes several of its frames.
+    // A device of 8 or 16 bits still gets 4-byte DoP samples, which take several of its frames.
     const int width = form.bytes < 3 ? 4 : static_cast<int>(form.bytes);
-    const int below = width == 4 && form.padding == 0 ? 8 : 0; // bits under the sample's
+    const int below = width == 4 && form.padding == 0 ? 8 : 0; // unused bits below the sample
     bytes out;
     for (size_t at = 0; at < stream.size(); at += 4) {
         const uint8_t *b = &stream[at];
@@ -164,7 +166,7 @@ bytes packed(const bytes &stream, const stream_form &form)
     return out;
 }
 
-// An even and an odd frame.
+// Two frames, the first one even and the second one odd.
 bytes silence_of(const stream_form &form)
 {
     if (form.kind == packing::pcm) return bytes(form.bytes * 4, 0);
@@ -188,7 +190,7 @@ play_settings settings_for(const stream_form &form, std::vector<std::string> arg
     play_settings settings = {.arguments = std::move(arguments),
                               .capture = {{"FORMATS", form.name}}};
     if (form.kind != packing::i2s) return settings;
-    shared_block()->state = -1; // told already: no signal
+    shared_block()->state = -1; // already in that state: no signal is sent
     return beside_controller(settings);
 }
 
@@ -197,12 +199,12 @@ play_settings settings_for(const stream_form &form, std::vector<std::string> arg
 namespace
 {
 
-constexpr uint64_t silence_frames = 8192; // that the player has at hand
-constexpr uint64_t nearly_full = 1025;    // room in frames with which a device is left alone
+constexpr uint64_t silence_frames = 8192; // size of the player's block of silence
+constexpr uint64_t nearly_full = 1025;    // frames of room at which the player does not write
 
-// Frames of silence that come first, from the writes as the device took them: even, at least rate,
-// and not one write more.
-uint64_t told_silence(const play_result &result, uint64_t rate)
+// The number of frames of silence, computed from the writes that the device took. It must be even
+// and at least rate, without one write more than needed.
+uint64_t logged_silence(const play_result &result, uint64_t rate)
 {
     uint64_t sent = 0;
     for (const std::string &line : result.log) {
@@ -212,10 +214,10 @@ uint64_t told_silence(const play_result &result, uint64_t rate)
         if (std::sscanf(line.c_str(), "write %" SCNu64 " took %" SCNu64 " room %" SCNu64, &asked,
                         &taken, &room) != 3)
             continue;
-        EXPECT_TRUE(room > nearly_full && asked < room) << "too much for the room: " << line;
+        EXPECT_TRUE(room > nearly_full && asked < room) << "more than the room allows: " << line;
         if (sent % 2 == 0 && sent >= rate) continue;
         EXPECT_TRUE(sent % 2 == 0 ? asked % 2 == 0 && asked <= silence_frames : asked == 1)
-            << "silence out of step: " << line;
+            << "silence not in pairs: " << line;
         sent += taken;
     }
     return sent;
@@ -228,25 +230,25 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
 {
     const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
     const auto rate = static_cast<uint64_t>(file_rate / divisor);
-    const uint64_t silent = told_silence(result, rate);
-    bytes told;
-    for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(told, silence_of(form));
-    const std::ptrdiff_t silence = std::ssize(told);
-    put_bytes(told, sound);
+    const uint64_t silent = logged_silence(result, rate);
+    bytes expected;
+    for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(expected, silence_of(form));
+    const std::ptrdiff_t silence = std::ssize(expected);
+    put_bytes(expected, sound);
     if (whole) {
         EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_TRUE(all_sounded(result)); // a device that took a frame has not played it yet
-        const auto frames = told.size() / (2 * form.bytes);
+        EXPECT_TRUE(all_sounded(result)); // not only taken
+        const auto frames = expected.size() / (2 * form.bytes);
         EXPECT_TRUE(log_has(result, "runs on after " + std::to_string(frames)));
     } else {
-        told.resize(std::min(told.size(), result.capture.size()));
+        expected.resize(std::min(expected.size(), result.capture.size()));
     }
     if (!result.capture.empty()) {
         EXPECT_TRUE(log_has(result, std::string("params ") + form.name + " rate " +
                                         std::to_string(rate) + " channels 2 "));
     }
-    if (result.capture == told) return;
-    const auto at = std::ranges::mismatch(result.capture, told).in1 - result.capture.begin();
+    if (result.capture == expected) return;
+    const auto at = std::ranges::mismatch(result.capture, expected).in1 - result.capture.begin();
     const auto part = std::prev(parts.upper_bound(static_cast<size_t>(std::max(at - silence, 0L))));
     unsigned long sent = 0, taken = 0; // bytes, frames
     std::string write;
@@ -254,8 +256,8 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
         if (std::cmp_less_equal(sent, at) &&
             std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1)
             sent += taken * 2 * form.bytes, write = line;
-    ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes for "
-                  << told.size() << ", the first other one is "
+    ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes, expected "
+                  << expected.size() << ", first difference at byte "
                   << at - silence - static_cast<long>(part->first) << " of " << part->second
                   << ", in: " << write;
 }

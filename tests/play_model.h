@@ -1,5 +1,5 @@
-// What the device must get for a list of files: reckoned from the sound alone, sample by sample,
-// with none of the player's code. And sound of every kind to ask it about.
+// A model of what the device must get for a list of files. It computes that from the sound alone,
+// sample by sample, without code of the player. It also makes sound of every kind.
 #pragma once
 
 #include <array>
@@ -13,12 +13,12 @@
 
 enum class packing { pcm, native, dop, i2s };
 
-// What the first file and the device make of the stream: the form of a device's sample, and what is
-// put into it.
+// The form of the stream, as the first file and the device decide it: the sample of the device, and
+// what is packed into it.
 struct stream_form {
     const char *name; // of the ALSA format
     size_t bytes;     // of a sample
-    int padding;      // bits above the sample's in its word
+    int padding;      // unused bits above the sample in its word
     packing kind = packing::pcm;
     bool floats = false;
 };
@@ -54,7 +54,7 @@ struct sample_row {
 inline constexpr std::array<sample_row, 5> samples = {
     {{1, false}, {2, false}, {3, false}, {4, false}, {4, true}}};
 
-// As a WAV file stores it.
+// PCM as a WAV file stores it.
 struct pcm_sound {
     sample_row sample;
     size_t channels;
@@ -62,17 +62,17 @@ struct pcm_sound {
     bytes data;
 };
 
-// Random samples, stereo and 16 bits wide if nothing else is said; floats in and around -1 to 1,
-// with those that have no place there.
+// Random samples, by default stereo of 16 bits. Floats are between -1.1 and 1.1, with special
+// values such as infinity, NaN and denormals among them.
 pcm_sound random_pcm(int rate, size_t frames, uint32_t seed = 1, sample_row sample = {2, false},
                      size_t channels = 2);
 
 enum class wave_kind { riff, rf64, extensible };
 bytes wave_file(const pcm_sound &sound, wave_kind kind = wave_kind::riff);
-// The path of a file with such sound.
+// Writes a WAV file with such sound. Result: its path.
 std::string scratch_wave(const std::string &name, int rate, size_t frames, uint32_t seed = 1);
 
-// Two channels, the oldest bit of a byte highest.
+// Two channels. The oldest bit of a byte is its highest.
 struct dsd_sound {
     bytes left;
     bytes right;
@@ -80,7 +80,7 @@ struct dsd_sound {
 };
 dsd_sound random_dsd(size_t bytes_per_channel, uint32_t seed, uint32_t rate);
 
-// The sound in each container, each with something that is easy to get wrong.
+// A file of each container with the sound. Each has a property that is easy to handle wrongly.
 extern const std::array<bytes (*)(const dsd_sound &sound), 3> dsd_containers; // DSF, DSDIFF, WSD
 
 // --- What the device gets -----------------------------------------------------------------------
@@ -88,32 +88,32 @@ extern const std::array<bytes (*)(const dsd_sound &sound), 3> dsd_containers; //
 bytes device_bytes(const pcm_sound &sound, const stream_form &form, cuts cut = {});
 bytes device_bytes(const dsd_sound &sound, const stream_form &form, cuts cut = {});
 
-// Settings with which the device takes that form, and no other one.
+// Settings of a device that takes that form only.
 play_settings settings_for(const stream_form &form, std::vector<std::string> arguments);
 
-// The line that every run with an ordinary WAV file leaves on standard error.
+// Standard error of a run with an ordinary WAV file.
 inline const std::string stream_line = "Open 44100Hzfs PCM stream\n";
 
-// Places in the sound that the device gets, and what begins there.
+// Offsets in the sound that the device gets, each with the name of what begins there.
 using named_parts = std::map<size_t, std::string>;
 
-// Expects of a run whose first file has the given rate that the device got silence for a second, no
-// write more than that takes, and then the sound, with nothing before, between or behind, and that
-// all of it was heard. One that is not whole may have left out any end of it. parts: what a failure
-// names.
+// Checks what the device got in a run whose first file has the rate file_rate. Expected are at
+// least a second of silence, without one write more than needed, and then the sound, with nothing
+// before, between or after, all of it played. If whole is false, the end of it may be missing.
+// parts: names for a failure.
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
                    const bytes &sound, bool whole = true,
                    const named_parts &parts = {{0, "sound"}});
 
 // --- Mixed lists --------------------------------------------------------------------------------
 
-// Files of every kind, all in one directory in the order of their names.
+// Files of every kind in one directory, in the order of their names.
 struct mixed_list {
     std::string directory;
     int64_t rate; // of the first file
-    bytes sound;  // what the device gets behind the silence
+    bytes sound;  // what the device gets after the silence
     named_parts parts;
 };
-// The first file makes the stream what form says; the others are of every kind, of up to
-// most_frames frames of the device each.
+// The first file gives the stream that form. The others are of every kind. Each has up to
+// most_frames frames of the device. cut: the channels that the player cuts.
 mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, cuts cut);
