@@ -1,6 +1,6 @@
-// Streams through the whole player: lists of files of every kind, gapless into one stream of every
-// form, whatever the device takes at a time and wherever the ring goes round; lists whose files
-// change while they play; oversampling; the controller.
+// Streams through the whole player: lists of files of every kind, which become one gapless stream
+// of every form, with any transfer sizes of the device and any position of the end of the ring.
+// Also lists whose files change while they play, oversampling, and the controller.
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -22,10 +22,10 @@ namespace
 
 struct list_row {
     const char *name;
-    const char *caps; // frames of successive transfers
+    const char *caps; // frames that successive transfers take
     const char *ring;
     const char *speed;  // at 50 times real time the ring stays full
-    const char *buffer; // of the device, in bytes; the player looks at it every 40 ms at least
+    const char *buffer; // of the device, in bytes; outlasts the player's pauses at that speed
     size_t files;
     size_t most_frames;
 };
@@ -41,12 +41,12 @@ const list_row list_rows[] = {
 
 using play_list = testing::TestWithParam<size_t>;
 
-TEST_P(play_list, comes_whole_in_every_form)
+TEST_P(play_list, is_complete_in_every_form)
 {
     const list_row &row = list_rows[GetParam()];
     for (size_t i = 0; i < stream_forms.size(); ++i) {
         const stream_form &form = stream_forms[i];
-        const size_t turn = GetParam() + i; // so that each form meets each cut
+        const size_t turn = GetParam() + i; // so that each form is combined with each cut
         const cuts cut = {turn % 2 != 0, turn / 2 % 2 != 0};
         const size_t files = row.files != 0 ? row.files : static_cast<size_t>(soak_size(300));
         const auto list = make_mixed_list(form, files, row.most_frames, cut);
@@ -62,7 +62,8 @@ TEST_P(play_list, comes_whole_in_every_form)
 INSTANTIATE_TEST_SUITE_P(all, play_list, testing::Range(size_t{0}, std::size(list_rows)),
                          [](const auto &row) { return std::string(list_rows[row.param].name); });
 
-// A run of the device: its log from that opening to its close, and what it got meanwhile.
+// The part of a result that belongs to one opening of the device: its log from that open to its
+// close, and what the device got. *captured: bytes of the capture before and then after that part.
 play_result opening(const play_result &result, int number, size_t frame_bytes, size_t *captured)
 {
     play_result part = result;
@@ -80,8 +81,8 @@ play_result opening(const play_result &result, int number, size_t frame_bytes, s
     return part;
 }
 
-// A list of several forms plays as its streams one after the other, each with a device of its own.
-// Few descriptors are enough for any number of them.
+// A list of several forms plays as several streams, and each stream opens the device anew. A few
+// descriptors are enough for any number of streams.
 TEST(play_streams, of_other_forms_reopen_the_device)
 {
     constexpr int streams = 12;
@@ -99,7 +100,7 @@ TEST(play_streams, of_other_forms_reopen_the_device)
         int files = 0;
         for (int i = 0; i < streams; ++i) {
             const bool dsd = random() % 2 == 0;
-            const int rate = (dsd ? 256000 : 8000) << i % 2; // never that of the stream before
+            const int rate = (dsd ? 256000 : 8000) << i % 2; // not that of the stream before
             expected.push_back({dsd ? takes_dsd ? native : dop : pcm, rate});
             for (auto left = 1 + random() % 3; left > 0; --left, ++files) {
                 const auto seed = static_cast<uint32_t>(files);
@@ -132,14 +133,14 @@ TEST(play_streams, of_other_forms_reopen_the_device)
     }
 }
 
-// One SIGINT or key ends the whole list, also while the next stream waits for its device.
-TEST(play_streams, end_all_at_once_between_two)
+// One SIGINT or one key ends the whole list, even while the next stream waits for its device.
+TEST(play_streams, end_together_if_stopped_between_two)
 {
     const auto first = scratch_wave("a.wav", 8000, 100);
     const auto second = scratch_wave("b.wav", 16000, 100);
     const play_event by_key = {.err_has = "retrying", .type = key_3};
     const play_event by_signal = {.err_has = "retrying", .signal = SIGINT};
-    for (const char *busy : {"3 4 5 6 7", "4 5 6 7 8"}) // to see what it takes, and to play
+    for (const char *busy : {"3 4 5 6 7", "4 5 6 7 8"}) // openings to probe, and to play
         for (const auto &[event, end] :
              {std::pair{by_key, "key,0"}, std::pair{by_signal, "interrupt,0"}}) {
             const auto result = run_player({.arguments = {"--reopen", first, second},
@@ -154,16 +155,16 @@ TEST(play_streams, end_all_at_once_between_two)
         }
 }
 
-// The second of two same files is always whole, and so is the first one from its begin on. Half of
-// the times are about the end.
-TEST(play_streams, begin_where_they_are_to_start)
+// A file is played twice with --start: the first time from that time on, the second time from its
+// beginning. The times are inside the file, at its end, and after it.
+TEST(play_streams, begin_at_the_start_time)
 {
     std::mt19937 random(1);
     for (size_t i = 0; i < stream_forms.size() * 3; ++i) {
         const stream_form &form = stream_forms[i / 3];
         const bool dsd = form.kind != packing::pcm;
         const uint32_t rate = dsd ? 256000 : 8000;
-        const size_t length = 3000 + random() % 20; // frames, or bytes of a channel, 4 in a frame
+        const size_t length = 3000 + random() % 20; // frames, or groups of 4 bytes of a channel
         dsd_sound bits = random_dsd(4 * length + 3, 1, rate);
         pcm_sound pcm = random_pcm(8000, length, 1, samples[i % samples.size()], 1 + i % 3);
         const bytes file = dsd ? dsd_containers[i % 3](bits) : wave_file(pcm, wave_kind(i % 3));
@@ -184,8 +185,8 @@ TEST(play_streams, begin_where_they_are_to_start)
     }
 }
 
-// A list keeps its order, through a pipe too, where its names are those of the current directory.
-TEST(play_streams, of_a_list_keep_its_order)
+// The names of a list keep their order. Names from a pipe are relative to the current directory.
+TEST(play_streams, of_a_list_file_keep_its_order)
 {
     for (const auto &[name, frames] : {std::pair("1.wav", 500), {"2.wav", 700}})
         scratch_wave(std::string("named/") + name, 8000, static_cast<size_t>(frames));
@@ -201,8 +202,8 @@ TEST(play_streams, of_a_list_keep_its_order)
                       s32_le, 8000, sound);
 }
 
-// The first file is longer than the ring, so that the second is opened only when the device plays:
-// after it has become something else, has lost its end, or is gone.
+// The first file is longer than the ring, so the second file is opened only while the device plays.
+// Before that it is replaced by noise, cut short or removed.
 TEST(play_streams, a_file_that_changed_is_passed_over)
 {
     const bytes pcm = wave_file(random_pcm(44100, 10000));
@@ -225,9 +226,9 @@ TEST(play_streams, a_file_that_changed_is_passed_over)
         {dsd_containers[2](dsd), cut, "read error,0"},
     };
     scratch_wave("1.wav", 44100, 400000);
-    bytes promising = wave_file(random_pcm(44100, 1000)); // never had all of it
-    promising.resize(44 + 489 * 4);
-    scratch_file("3.wav", promising);
+    bytes incomplete = wave_file(random_pcm(44100, 1000)); // cut before the player sees it
+    incomplete.resize(44 + 489 * 4);
+    scratch_file("3.wav", incomplete);
     for (const auto &[content, happens, end, err] : rows) {
         scratch_file("2", content);
         auto result = run_player(
@@ -238,13 +239,14 @@ TEST(play_streams, a_file_that_changed_is_passed_over)
         EXPECT_EQ(told_words(result, "read error"), end == "played,0" ? "" : "1");
         bytes sound = device_bytes(random_pcm(44100, 400000), s32_le);
         put_bytes(sound, device_bytes(random_pcm(44100, 489), s32_le));
-        result.status = 0; // of all rows as expected above
+        result.status = 0; // checked above for all rows
         if (end != "read error,0") expect_stream(result, s32_le, 44100, sound);
     }
 }
 
-// Oversampled, what the device gets is what the plain loops of the filter give, bit for bit; a list
-// of several rates takes the first one's. Floats go out as they are, beyond full scale too.
+// With oversampling the device gets exactly what the plain loops of the filter compute. A list with
+// several rates uses the filter of the first rate. Floats are passed on unchanged, even beyond full
+// scale.
 TEST(play_streams, oversampled_are_what_the_plain_filter_gives)
 {
     const struct {
@@ -286,14 +288,14 @@ TEST(play_streams, oversampled_are_what_the_plain_filter_gives)
 std::atomic<int> signals;
 std::atomic<int32_t> state_at_signal;
 
-// The controller is this process.
+// This process is the controller.
 void on_news(int)
 {
     ++signals;
     state_at_signal = shared_block()->state;
 }
 
-TEST(play_streams, a_controller_is_told_of_changes_only)
+TEST(play_streams, a_controller_gets_a_signal_for_changes_only)
 {
     const auto dsd = scratch_file("b.dff", dsd_containers[1](random_dsd(400, 1, 2822400)));
     const auto wav = scratch_wave("a.wav", 44100, 100);
@@ -303,8 +305,8 @@ TEST(play_streams, a_controller_is_told_of_changes_only)
         const char *device;
         const char *card;
         int32_t pid;
-        int32_t state; // before
-        int32_t told;  // after
+        int32_t state;       // of the shared block before the run
+        int32_t state_after; // of the shared block after the run
         const char *banner;
     } rows[] = {
         {"S32_LE", dsd, "hw:1,0", "rpi", getpid(), 0, -1, "2.8fMHzfs I2S"},
@@ -317,7 +319,7 @@ TEST(play_streams, a_controller_is_told_of_changes_only)
         {"S32_LE DSD_U32_BE", dsd, "hw:1,0", "rpi", getpid(), -1, 0, "2.8fMHzfs native"},
         {"S32_LE", dsd, "hw:1,0", "rpi", 0, 0, -1, "2.8fMHzfs I2S"}, // 0: the player's own group
         {"S32_LE", dsd, "hw:1,0", "rpi", 1, 0, -1, "2.8fMHzfs I2S"}, // 1: the whole machine
-        {"S24_LE S24_3LE", dsd, "hw:1,0", "rpi", getpid(), 0, 0, nullptr}, // I2S has one word only
+        {"S24_LE S24_3LE", dsd, "hw:1,0", "rpi", getpid(), 0, 0, nullptr}, // I2S needs S32_LE
     };
     std::signal(SIGINT, on_news);
     for (const auto &row : rows) {
@@ -336,11 +338,11 @@ TEST(play_streams, a_controller_is_told_of_changes_only)
                                   : report_text("alsathread", 514,
                                                 "sound_hwparams() failed. Invalid argument\n"));
         EXPECT_TRUE(log_has(result, "ftok /tmp/sonivane.key 255"));
-        EXPECT_EQ(shared_block()->state, row.told);
-        const bool changed = (row.state != 0) != (row.told != 0);
+        EXPECT_EQ(shared_block()->state, row.state_after);
+        const bool changed = (row.state != 0) != (row.state_after != 0);
         EXPECT_EQ(signals, changed && row.pid > 1 ? 1 : 0);
         EXPECT_EQ(log_has(result, "kill "), signals != 0);
-        EXPECT_TRUE(signals == 0 || state_at_signal == row.told);
+        EXPECT_TRUE(signals == 0 || state_at_signal == row.state_after);
     }
     std::signal(SIGINT, SIG_DFL);
 }
