@@ -149,8 +149,9 @@ void look_for_terminal()
 
 // --- The end of the process ---------------------------------------------------------------------
 
-constexpr int64_t grace_ms = 200; // without progress of main before the look-out ends the process
-constexpr int64_t trace_ms = 100; // without progress of main before the look-out gives up its stack
+constexpr int64_t grace_ms = 200; // without progress, before the look-out ends the process
+constexpr int64_t trace_ms =
+    100; // without progress, before main is not expected to print its stack
 constexpr int64_t at_most_ms = 3000; // the limit of both, however busy the machine is
 constexpr int look_ms = 20;          // between two checks of threads that should end
 
@@ -184,8 +185,8 @@ int64_t work_done()
     return clock_ns(main_clock) + (output != 0 ? clock_ns(output) : 0);
 }
 
-// Watches threads that should end soon. A thread that makes progress, even slowly on a busy
-// machine, gets more time than a thread that does not.
+// Watches threads that should end soon. While they use processor time, even slowly on a busy
+// machine, they get more time than when they use none.
 struct end_watch {
     int64_t since;    // milliseconds; 0: not watching
     int64_t moved_at; // milliseconds: the last time that work had changed

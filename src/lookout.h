@@ -86,10 +86,10 @@ void read_keys();
 void wake_lookout();
 
 // The sound has ended because the output thread is done. After this, after every stop, and after a
-// SIGINT that comes while no sound is on, the look-out watches main. If main does not end the
-// process and makes no progress for 200 ms, because a call does not return, the look-out ends the
-// process itself. for_good is false if another stream follows: then the look-out does not watch.
-// Output thread.
+// SIGINT that comes while no sound is on, the look-out watches main, which may be in a call that
+// does not return. If main does not end the process, the look-out ends it: after 200 ms in which
+// main and the output thread used no processor time, or after 3 s. for_good is false if another
+// stream follows: then the look-out does not watch. Output thread.
 void sound_has_ended(bool for_good);
 // Whether sound_has_ended was called. Any thread.
 bool sound_is_over();
