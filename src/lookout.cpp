@@ -149,9 +149,8 @@ void look_for_terminal()
 
 // --- The end of the process ---------------------------------------------------------------------
 
-constexpr int64_t grace_ms = 200; // without progress, before the look-out ends the process
-constexpr int64_t trace_ms =
-    100; // without progress, before main is not expected to print its stack
+constexpr int64_t grace_ms = 200;    // without progress, before the look-out ends the process
+constexpr int64_t trace_ms = 100;    // without progress, before the wait for main's stack ends
 constexpr int64_t at_most_ms = 3000; // the limit of both, however busy the machine is
 constexpr int look_ms = 20;          // between two checks of threads that should end
 
