@@ -341,10 +341,11 @@ int64_t units_of(const soundfile *file)
 // device's.
 seconds_field seconds_into(const soundfile *file, int64_t frames)
 {
-    if (file->start_at == 0) return {"seconds", frames, output_rate};
+    if (file->start_unit == 0) return {"seconds", frames, output_rate};
     const int64_t rate = file->wave.nSamplesPerSec;
     const int64_t common = std::lcm(rate, int64_t{output_rate});
-    return {"seconds", file->start_at * (common / rate) + frames * (common / output_rate), common};
+    return {"seconds", file->start_unit * (common / rate) + frames * (common / output_rate),
+            common};
 }
 
 } // namespace

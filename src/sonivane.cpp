@@ -255,8 +255,8 @@ bool begin_at(soundfile *file, const exact_time &time)
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
     if (!row_of(file->container).skip(file, count)) return false;
-    file->start_at = count * periods_each;
-    if (count != 0) store_release(file->position, position_at(file->start_at, rate));
+    file->start_unit = count * periods_each;
+    if (count != 0) store_release(file->position, position_at(file->start_unit, rate));
     return true;
 }
 

@@ -101,8 +101,8 @@ struct soundfile {
     int32_t rf64;              // flag: the WAV file is of the RF64 form
     int64_t probed_bytes;      // bytes of the whole file when it was probed
     int64_t sound_offset;      // byte offset of the sound at that time
-    int64_t start_at; // where --start makes it begin: frames (PCM), bits of a channel (DSD)
-    soundfile *next;  // the next element of file_list; null in the end sentinel
+    int64_t start_unit; // where --start makes it begin: frames (PCM), bits of a channel (DSD)
+    soundfile *next;    // the next element of file_list; null in the end sentinel
 };
 
 // The second of the file that the status line shows, from 0. Any thread.
@@ -226,8 +226,8 @@ const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 int32_t open_soundfile(soundfile *file);
 
 // Makes a file that was just opened begin at that time, by seeking to the frame (PCM) or the group
-// of dsd_group_bytes (DSD) at or before it. Sets start_at and position; all sizes stay those of the
-// whole file. Result: false if the file must not be read, because by its header it ends at that
+// of dsd_group_bytes (DSD) at or before it. Sets start_unit and position; all sizes stay those of
+// the whole file. Result: false if the file must not be read, because by its header it ends at that
 // time or earlier, or because it does not allow seeking. Main thread.
 bool begin_at(soundfile *file, const exact_time &time);
 // The word for the container in events. Any thread.
