@@ -457,7 +457,8 @@ enum class pump_step {
 using sound_clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 
-sound_clock::time_point moved_at; // the device took or played a frame
+// When the device last took or played a frame. The constructor sets a number and throws nothing.
+sound_clock::time_point moved_at; // NOLINT(cert-err58-cpp)
 
 microseconds duration_of(int64_t frames)
 {
