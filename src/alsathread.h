@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include <atomic>
 #include <cstdint>
 
 // Opens the device once to learn output_format, output_rate, i2s_mode and the byte widths of
@@ -27,8 +28,16 @@ int32_t find_last_card();
 void sound_was_fed();
 
 // The time in microseconds that silence, ring and device can still last; below 0 while the output
-// thread has not opened the device. Main thread.
+// thread has not opened the device, and in a break. Main thread.
 int64_t sound_left();
+
+// How often the sound broke off to wait for the ring and the device, and began again, both counted.
+// Written by the output thread, which then wakes main; read by main.
+extern std::atomic<int32_t> sound_breaks;
+inline bool sound_waits(int32_t breaks)
+{
+    return breaks % 2 != 0;
+}
 
 // The output thread: opens the device for good, sends a second of silence, then the ring. Ends when
 // the ring is empty and nothing more comes, or stop_output is set.

@@ -51,6 +51,8 @@ int32_t silent;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
+uint64_t prime_bytes = UINT64_MAX; // as much as no ring holds
+int32_t keep_going;
 const char *mode_label;
 controller_block *controller;
 
@@ -964,14 +966,12 @@ void begin_list()
     if (!begin_at(file_list, time)) open_next_file();
 }
 
-constexpr int32_t filled_percent = 79; // the first filling ends above it
-
 // Fills the ring before anything takes from it. A line for each call would drown a log.
 void fill_ring()
 {
     terminal_raw();
     int32_t shown = -1;
-    while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
+    while (load_acquire(ring->more_coming) != 0 && !ring_is_primed()) {
         const bool fed = !is_stopped() && fill_buffer() != 0;
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
@@ -998,9 +998,11 @@ bool has_news()
            shown_second(file) != last_shown_second;
 }
 
+// Sound that waits for the ring to be filled wants it sooner than sound that plays.
 bool has_work()
 {
-    return has_news() || ring_free(ring) >= refill_bytes;
+    return has_news() || ring_free(ring) >= refill_bytes ||
+           (sound_waits(load_acquire(sound_breaks)) && !ring_is_primed());
 }
 
 // Keeps the ring full until everything is fed or something stops the output.
@@ -1037,12 +1039,16 @@ int64_t microseconds_now()
 }
 
 // Waits until the device is closed: nothing more is read. Whatever the device says, that takes no
-// longer than what it and the ring hold, and a tenth more; the output thread keeps to less.
+// longer than what it and the ring hold, and a tenth more; the output thread keeps to less. Where
+// the sound breaks off and begins again, that time does so too.
 void wait_for_sound()
 {
     constexpr int64_t allowance = 400000; // microseconds, for what comes behind the last frame
-    int64_t latest = -1;                  // not known before the device is open
+    int64_t latest = -1;                  // not known before the device is open, and in a break
+    int32_t breaks = 0;
     while (!sound_is_over()) {
+        if (load_acquire(sound_breaks) != breaks) latest = -1;
+        breaks = load_acquire(sound_breaks);
         const int64_t left = sound_left();
         if (latest < 0 && left >= 0) latest = microseconds_now() + left + left / 10 + allowance;
         const int64_t wait = latest < 0 ? longest_wait : latest - microseconds_now();
@@ -1050,7 +1056,10 @@ void wait_for_sound()
             settle_end();
             return;
         }
-        wait_for(wait, [latest] { return sound_is_over() || (latest < 0 && sound_left() >= 0); });
+        wait_for(wait, [latest, breaks] {
+            return sound_is_over() || load_acquire(sound_breaks) != breaks ||
+                   (latest < 0 && sound_left() >= 0);
+        });
     }
 }
 
@@ -1090,6 +1099,12 @@ bool everything_is_out()
 }
 
 } // namespace
+
+bool ring_is_primed()
+{
+    constexpr int32_t filled_percent = 79;
+    return ring_percent(ring) > filled_percent || ring_used(ring) >= prime_bytes;
+}
 
 void status_update(soundfile *file)
 {

@@ -2,7 +2,9 @@
 // the report, what the device got, and an end at all.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <random>
 
 #include "play_model.h"
@@ -119,6 +121,97 @@ TEST(play_faults, a_key_closes_the_device_while_standard_output_is_full)
                     .input = wire::pipe});
     EXPECT_EQ(result.end, "key,0");
     EXPECT_FALSE(all_sounded(result));
+}
+
+// --- Going on -----------------------------------------------------------------------------------
+
+const std::string stopped_line = "the sound stopped: waiting for the files\n";
+
+int64_t times(const std::string &text, const std::string &part)
+{
+    int64_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+    return count;
+}
+
+// Expects that each break was told once, and that the device was prepared after each but the last
+// ones.
+void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 0)
+{
+    const auto prepared = std::ranges::count_if(result.log, [](const std::string &line) {
+        return line.starts_with("prepare after ") && !line.starts_with("prepare after 0 ");
+    });
+    EXPECT_GE(prepared + unmended, least);
+    EXPECT_EQ(times(result.err, stopped_line), prepared + unmended);
+    EXPECT_EQ(times(result.told, "\"rebuffering\""), prepared + unmended);
+}
+
+// DSD of that many frames of DoP.
+std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, bytes &sound,
+                        const stream_form &form)
+{
+    const auto dsd = random_dsd(frames * 2, seed, 256000);
+    put_bytes(sound, device_bytes(dsd, form));
+    return scratch_file(name, dsd_containers[0](dsd));
+}
+
+// A device that strikes at any frame, in the silence, at its end and in the sound, is started again
+// and goes on with the frame that comes next. A receiver of DoP gets its markers in turn, also
+// where the next one is the second of its group.
+TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
+{
+    const char *const all_faults = "xrun 1 suspended 8001 xrun 24001 suspended 40011 suspended "
+                                   "60004 xrun 60005 xrun 79999 suspended 110000";
+    for (const stream_form &form : stream_forms) {
+        SCOPED_TRACE(form.name);
+        const bool dsd = form.kind != packing::pcm;
+        bytes sound;
+        std::vector<std::string> arguments = {"--keep-going"};
+        for (uint32_t i = 0; i < 3; ++i) {
+            const std::string name = std::to_string(i) + (dsd ? ".dff" : ".wav");
+            if (!dsd) put_bytes(sound, device_bytes(random_pcm(16000, 25001, i), form));
+            arguments.push_back(dsd ? scratch_dsd(name, i, 50001, sound, form)
+                                    : scratch_wave(name, 16000, 25001, i));
+        }
+        auto settings = settings_for(form, arguments);
+        settings.capture["FAULT"] = all_faults;
+        settings.capture["CAPS"] = "random 5000 1";
+        const auto result = run_player(settings);
+        expect_stream(result, form, dsd ? 256000 : 16000, sound);
+        EXPECT_EQ(result.end, "played,0");
+        expect_breaks(result, 5);
+    }
+}
+
+// Files that stall play to their end, at the very last byte, too. Where nothing comes behind the
+// stall, the device stays as it is.
+TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
+{
+    bytes sound;
+    const auto first = scratch_dsd("0.dsf", 0, 100001, sound, dop_s32);
+    const auto second = scratch_dsd("1.dsf", 1, 150000, sound, dop_s32);
+    const auto empty = scratch_wave("2.wav", 44100, 0);
+    // Of DSF files all is read, and 108 bytes of headers when they were looked at.
+    const auto whole = std::filesystem::file_size(first) + std::filesystem::file_size(second);
+    const struct {
+        std::string stalls, prime;
+        int64_t breaks, unmended;
+    } rows[] = {
+        {"150000 350000", "--prime=100K", 2, 0},
+        {"900000", "--prime=64M", 0, 0},
+        {std::to_string(whole + 100), "--prime=0", 1, 0},
+        {std::to_string(whole + 120), "--prime=100K", 1, 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.stalls);
+        auto settings = settings_for(dop_s32, {"--keep-going", row.prime, first, second, empty});
+        settings.capture["DRY_MS"] = "100";
+        settings.capture["STALL"] = row.stalls + " 1000000000";
+        const auto result = run_player(settings);
+        expect_stream(result, dop_s32, 256000, sound);
+        EXPECT_EQ(result.end, "played,0");
+        expect_breaks(result, row.breaks, row.unmended);
+    }
 }
 
 // --- SIGINT in every stage ----------------------------------------------------------------------
