@@ -214,6 +214,66 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
     }
 }
 
+// A machine that went to sleep: a ring that main would not fill up yet is filled, what the device
+// held is told, and the position is that of what is heard.
+TEST(play_faults, what_a_sleep_takes_is_told)
+{
+    constexpr int64_t struck = 90000, stands_at = 170000; // frames
+    const auto sound = random_pcm(44100, 400000);
+    const auto result =
+        run_player({.arguments = {"--keep-going", scratch_wave("a.wav", 44100, 400000)},
+                    .capture = {{"FAULT", "suspended " + std::to_string(struck)}},
+                    .events = {{.out_has = "playing", .allow = struck - 10000},
+                               {.err_has = stopped_line, .allow = stands_at},
+                               {.after_ms = 2500, .type = key_3}},
+                    .input = wire::pipe});
+    expect_stream(result, s32_le, 44100, device_bytes(sound, s32_le), false);
+    expect_breaks(result, 1);
+    int64_t silence = 0, dropped = 0;
+    for (size_t at = 0; at < stands_at * 8; at += 8)
+        silence += result.capture[at + 3] == 0 && result.capture[at + 2] == 0 &&
+                   result.capture[at + 7] == 0;
+    for (const std::string &line : result.log)
+        std::sscanf(line.c_str(), "prepare after 90000 dropped %ld", &dropped);
+    double lost = 0, heard = 0;
+    std::sscanf(told_words(result, "rebuffering").c_str(), "0,suspended,%lf", &lost);
+    std::sscanf(told_words(result, "position").c_str(), "0,%lf", &heard);
+    EXPECT_GT(dropped, 0);
+    EXPECT_NEAR(lost * 44100, static_cast<double>(dropped), 0.1);
+    EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);
+}
+
+// What ends the sound does so in a break, too; one SIGINT has what came of the files played.
+TEST(play_faults, a_break_does_not_hold_the_end)
+{
+    const struct {
+        std::pair<const std::string, std::string> setting;
+        play_event event;
+        const char *end;
+        int64_t unmended;
+    } rows[] = {
+        {{"STALL", "300000"}, {.err_has = stopped_line, .type = key_3}, "key,0", 1},
+        {{"STALL", "300000"}, {.err_has = stopped_line, .signal = SIGINT}, "interrupt,0", 1},
+        {{"STALL", "300000 350000"}, {.log_has = "stall", .signal = SIGINT}, "interrupt,0", 0},
+        {{"FAULT", "away 60001"}, {.err_has = stopped_line, .type = key_3}, "key,0", 1},
+        {{"FAULT", "away 60001"}, {.log_has = "fault"}, "disconnected,0", 1},
+        {{"FAULT", "gone 60001"}, {.log_has = "fault"}, "disconnected,0", 1},
+    };
+    const auto sound = device_bytes(random_pcm(44100, 400000), s32_le);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.setting.second + ": " + row.end);
+        const auto result = run_player(
+            {.arguments = {"--keep-going", "--prime=100K", scratch_wave("a.wav", 44100, 400000)},
+             .capture = {row.setting, {"DRY_MS", "100"}, {"CLOCK", "20"}},
+             .events = {row.event},
+             .input = wire::pipe});
+        EXPECT_EQ(result.end, row.end);
+        expect_stream(result, s32_le, 44100, sound, false);
+        expect_breaks(result, 1, row.unmended);
+        EXPECT_EQ(all_sounded(result), row.setting.first == "STALL");
+    }
+}
+
 // --- SIGINT in every stage ----------------------------------------------------------------------
 
 struct stage_row {
