@@ -150,7 +150,7 @@ void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 
 std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, bytes &sound,
                         const stream_form &form)
 {
-    const auto dsd = random_dsd(frames * 2, seed, 256000);
+    const auto dsd = random_dsd(frames * 2, seed, 512000);
     put_bytes(sound, device_bytes(dsd, form));
     return scratch_file(name, dsd_containers[0](dsd));
 }
@@ -160,8 +160,8 @@ std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, b
 // where the next one is the second of its group.
 TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
 {
-    const char *const all_faults = "xrun 1 suspended 8001 xrun 24001 suspended 40011 suspended "
-                                   "60004 xrun 60005 xrun 79999 suspended 110000";
+    const char *const all_faults = "xrun 1 suspended 16001 xrun 48001 suspended 96011 suspended "
+                                   "140004 xrun 140005 xrun 175999 suspended 220000";
     for (const stream_form &form : stream_forms) {
         SCOPED_TRACE(form.name);
         const bool dsd = form.kind != packing::pcm;
@@ -169,17 +169,17 @@ TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
         std::vector<std::string> arguments = {"--keep-going"};
         for (uint32_t i = 0; i < 3; ++i) {
             const std::string name = std::to_string(i) + (dsd ? ".dff" : ".wav");
-            if (!dsd) put_bytes(sound, device_bytes(random_pcm(16000, 25001, i), form));
+            if (!dsd) put_bytes(sound, device_bytes(random_pcm(32000, 25001, i), form));
             arguments.push_back(dsd ? scratch_dsd(name, i, 50001, sound, form)
-                                    : scratch_wave(name, 16000, 25001, i));
+                                    : scratch_wave(name, 32000, 25001, i));
         }
         auto settings = settings_for(form, arguments);
         settings.capture["FAULT"] = all_faults;
-        settings.capture["CAPS"] = "random 5000 1";
+        settings.capture["CAPS"] = "random 10000 1";
         const auto result = run_player(settings);
-        expect_stream(result, form, dsd ? 256000 : 16000, sound);
+        expect_stream(result, form, dsd ? 512000 : 32000, sound);
         EXPECT_EQ(result.end, "played,0");
-        expect_breaks(result, 5);
+        expect_breaks(result, 6);
     }
 }
 
@@ -196,11 +196,12 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
     const struct {
         std::string stalls, prime;
         int64_t breaks, unmended;
+        const char *last;
     } rows[] = {
-        {"150000 350000", "--prime=100K", 2, 0},
-        {"900000", "--prime=64M", 0, 0},
-        {std::to_string(whole + 100), "--prime=0", 1, 0},
-        {std::to_string(whole + 120), "--prime=100K", 1, 1},
+        {"150000 350000", "--prime=100K", 2, 0, "0,underrun,0"},
+        {"900000", "--prime=64M", 1, 0, "1,underrun,0"},
+        {std::to_string(whole + 100), "--prime=0", 1, 0, "1,underrun,0"},
+        {std::to_string(whole + 120), "--prime=100K", 1, 1, "1,underrun,0"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.stalls);
@@ -208,8 +209,9 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
         settings.capture["DRY_MS"] = "100";
         settings.capture["STALL"] = row.stalls + " 1000000000";
         const auto result = run_player(settings);
-        expect_stream(result, dop_s32, 256000, sound);
+        expect_stream(result, dop_s32, 512000, sound);
         EXPECT_EQ(result.end, "played,0");
+        EXPECT_EQ(told_words(result, "rebuffering"), row.last);
         expect_breaks(result, row.breaks, row.unmended);
     }
 }
@@ -218,7 +220,7 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
 // held is told, and the position is that of what is heard.
 TEST(play_faults, what_a_sleep_takes_is_told)
 {
-    constexpr int64_t struck = 90000, stands_at = 170000; // frames
+    constexpr int64_t struck = 90000, stands_at = 120000; // frames
     const auto sound = random_pcm(44100, 400000);
     const auto result =
         run_player({.arguments = {"--keep-going", scratch_wave("a.wav", 44100, 400000)},
@@ -241,6 +243,18 @@ TEST(play_faults, what_a_sleep_takes_is_told)
     EXPECT_GT(dropped, 0);
     EXPECT_NEAR(lost * 44100, static_cast<double>(dropped), 0.1);
     EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);
+}
+
+// Breaks put off the time by which main expects the end after a SIGINT.
+TEST(play_faults, breaks_put_off_the_end)
+{
+    const auto result = run_player(
+        {.arguments = {"--keep-going", scratch_wave("a.wav", 8000, 8000)},
+         .capture = {{"SPEED", "1"}, {"FAULT", "suspended 15000 suspended 24000 xrun 33000"}},
+         .events = {{.out_has = "playing file", .signal = SIGINT}}});
+    EXPECT_EQ(result.end, "interrupt,0");
+    expect_stream(result, s32_le, 8000, device_bytes(random_pcm(8000, 8000), s32_le));
+    expect_breaks(result, 3);
 }
 
 // What ends the sound does so in a break, too; one SIGINT has what came of the files played.
