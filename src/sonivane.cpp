@@ -159,10 +159,13 @@ const container_row &row_of(container_kind container)
 }
 
 // The file that plays is read in few calls, as network mounts like it. Of the others only the
-// header is wanted. No more than one plays at a time.
-void read_in_large_pieces(soundfile *file)
+// header is wanted. No more than one of either is open at a time. A stream without a buffer would
+// ask the file system first how large to make one, which costs a network mount a call.
+void give_buffer(const soundfile *file)
 {
-    static std::array<char, 65536> buffer;
+    static std::array<char, 65536> of_played;
+    static std::array<char, 4096> of_probed;
+    const auto buffer = file == feeding_file ? std::span<char>(of_played) : of_probed;
     std::setvbuf(file->fp, buffer.data(), _IOFBF, buffer.size());
 }
 
@@ -172,7 +175,7 @@ constexpr char not_opened[] = "file %s open error.\n";
 bool open_stream(soundfile *file)
 {
     file->fp = fopen(file->path, "rb");
-    if (file->fp != nullptr && file == feeding_file) read_in_large_pieces(file);
+    if (file->fp != nullptr) give_buffer(file);
     return file->fp != nullptr;
 }
 
