@@ -12,6 +12,8 @@
 #include "sonivane.h"
 #include "util.h"
 
+std::atomic<int32_t> sound_breaks;
+
 namespace
 {
 
@@ -40,13 +42,6 @@ std::atomic<int32_t> silence_left = -1;
 
 // The output thread waits for frames in the ring. Set by it, cleared by main.
 std::atomic<int32_t> starving;
-
-} // namespace
-
-std::atomic<int32_t> sound_breaks;
-
-namespace
-{
 
 // Ends the process with the given report when an ALSA call failed; format takes the system's text
 // for its code.
@@ -446,11 +441,18 @@ bool ends_in_break(const stop_cause *cause)
            (cause->reason == stop_reason::underrun || cause->reason == stop_reason::suspended);
 }
 
+// The code of starting the device; 0 for a break, which the next look at its state meets.
+int start_code()
+{
+    const int code = snd_pcm_start(pcm);
+    return ends_in_break(cause_of_code(code, nullptr)) ? 0 : code;
+}
+
 // Starts a device that waits at its threshold with the buffer nearly full.
 void start_if_prepared()
 {
     if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) return;
-    require(snd_pcm_start(pcm), 323, "snd_pcm_start() error. %s\n");
+    require(start_code(), 323, "snd_pcm_start() error. %s\n");
 }
 
 // What a step of the pump came to.
@@ -661,7 +663,7 @@ void start_device()
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
         if (load_acquire(stopped_by) == &stopped_by_key) return; // nothing is to sound
-        require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
+        require(start_code(), 399, "snd_pcm_start() error. %s\n");
     } else if (state != SND_PCM_STATE_RUNNING && !ends_in_break(cause_of_state(state))) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
     }
@@ -687,8 +689,7 @@ int64_t queued_frames()
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
 }
 
-// Frames of the ring that the device holds, with room for them frames held there. The rest is
-// silence.
+// Of that many frames that the device holds, those of the ring: the silence came first.
 int64_t sound_among(int64_t held)
 {
     const uint64_t since = load_acquire(ring->bytes_sent) - begun_at_byte;

@@ -238,7 +238,8 @@ std::vector<stretch> told_stretches(const play_result &result, uint64_t rate)
 void put_silence(bytes &out, uint64_t frames, const stream_form &form,
                  std::span<const uint8_t> sound)
 {
-    const size_t frame = 2 * form.bytes, marker = form.bytes - 1 - form.padding / 8;
+    const size_t frame = 2 * form.bytes,
+                 marker = form.bytes - 1 - static_cast<size_t>(form.padding) / 8;
     bytes pair = silence_of(form);
     if (form.kind == packing::dop && !sound.empty() && sound[marker] == pair[frame + marker])
         std::ranges::rotate(pair, pair.begin() + static_cast<std::ptrdiff_t>(frame));
