@@ -13,6 +13,8 @@
 #include "sonivane.h"
 #include "util.h"
 
+std::atomic<int32_t> sound_breaks;
+
 namespace
 {
 
@@ -33,6 +35,7 @@ uint32_t alsa_buffer_frames; // as the device granted it; the thread that runs s
 ringbuffer *silence_ring;    // a plain array of silence; made by main, then read by output
 int32_t primed;              // 1: the pre-roll is complete; output thread
 int32_t silence_written;     // frames of the pre-roll that the device took; output thread
+uint32_t silence_phase;      // 1: its pairs begin with the second frame of one; output thread
 
 // Frames of the pre-roll still to go out; below 0 before the device is open. Written by the output
 // thread, read by main.
@@ -436,11 +439,25 @@ const stop_cause *cause_of_code(int code, const stop_cause *otherwise)
     return otherwise;
 }
 
+// Whether the sound goes on after that cause; null does for none.
+bool ends_in_break(const stop_cause *cause)
+{
+    return keep_going != 0 && cause != nullptr &&
+           (cause->reason == stop_reason::underrun || cause->reason == stop_reason::suspended);
+}
+
+// The code of starting the device; 0 for a break, which the next look at its state meets.
+int start_code()
+{
+    const int code = snd_pcm_start(pcm);
+    return ends_in_break(cause_of_code(code, nullptr)) ? 0 : code;
+}
+
 // Starts a device that waits at its threshold with the buffer nearly full.
 void start_if_prepared()
 {
     if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) return;
-    require(snd_pcm_start(pcm), 323, "snd_pcm_start() error. %s\n");
+    require(start_code(), 323, "snd_pcm_start() error. %s\n");
 }
 
 // What a step of the pump came to.
@@ -450,7 +467,23 @@ enum class pump_step {
     took_none, // the device took nothing
     starved,   // there is nothing to give
     drains,    // the device plays what it has and takes no more
+    broke_off, // the device stopped, and the sound is to go on
 };
+
+const stop_cause *break_cause; // of the last break
+int64_t held_frames;           // that the device had to play when it was last looked at
+uint64_t begun_at_byte;        // of the ring: where the sound last began
+
+// The device plays no more, for that cause.
+pump_step device_stopped(const stop_cause *cause)
+{
+    if (!ends_in_break(cause)) {
+        stop_playing(cause);
+        return pump_step::took_none;
+    }
+    break_cause = cause;
+    return pump_step::broke_off;
+}
 
 // --- A device that stands still -----------------------------------------------------------------
 
@@ -487,16 +520,21 @@ pump_step write_silence(snd_pcm_sframes_t avail)
 {
     const bool odd = silence_written % 2 != 0;
     const snd_pcm_sframes_t pairs = (avail - 1) & ~snd_pcm_sframes_t{1};
-    const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, snd_pcm_sframes_t{silence_frames});
-    const uint8_t *frames = ring_data(silence_ring) + (odd ? silence_ring->gap : 0);
+    const snd_pcm_sframes_t at_hand = silence_frames - 2 * silence_phase;
+    const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, at_hand);
+    const bool second = odd != (silence_phase != 0);
+    const uint8_t *frames = ring_data(silence_ring) + (second ? silence_ring->gap : 0);
 
     const snd_pcm_sframes_t written =
         snd_pcm_writei(pcm, frames, static_cast<snd_pcm_uframes_t>(wanted));
     if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
+        held_frames += written;
     } else if (written != -EAGAIN && written != -EPIPE) { // those two show in the next state
         const int code = static_cast<int>(written);
-        stop_playing(cause_of_code(code, &refused));
+        const stop_cause *cause = cause_of_code(code, &refused);
+        if (ends_in_break(cause)) return device_stopped(cause);
+        stop_playing(cause);
         report(unit, 337, "snd_pcm_writei() returned code %d\n", code);
     }
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
@@ -548,6 +586,12 @@ void wake_main(const soundfile *file_before, int64_t second_before)
         wake(waiter::main);
 }
 
+// The first frame that was not sent yet. There is one only while ring_frames is above 0.
+const uint8_t *next_frames()
+{
+    return ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
+}
+
 // Hands frames of the ring to the device, straight from the ring's memory. avail is the device's
 // room in frames, above nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
@@ -555,12 +599,14 @@ pump_step write_ring(snd_pcm_sframes_t avail)
     const uint32_t wanted =
         std::min(static_cast<uint32_t>(avail - 1), ring_used_run(ring) / ring->gap);
     if (wanted == 0) return pump_step::starved;
-    const uint8_t *frames = ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
-    const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, frames, wanted));
+    const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, next_frames(), wanted));
+    const stop_cause *cause = cause_of_code(written, nullptr);
+    if (ends_in_break(cause)) return device_stopped(cause);
     if (written < 0) fatal_report(unit, 368, "snd_pcm_writei() returned code %d\n", written);
 
     const soundfile *file_before = load_acquire(playing_file);
     const int64_t second_before = shown_second(file_before);
+    held_frames += written;
     ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
     follow_marks();
     add_to_position(written);
@@ -574,17 +620,17 @@ pump_step write_pump()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_DRAINING && primed != 0) return pump_step::drains;
-    if (const stop_cause *cause = cause_of_state(state); cause != nullptr) {
-        stop_playing(cause);
-        return pump_step::took_none;
-    }
+    if (const stop_cause *cause = cause_of_state(state); cause != nullptr)
+        return device_stopped(cause);
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
-        if (const stop_cause *known = cause_of_code(avail, nullptr); known != nullptr)
-            stop_playing(known);
+        const stop_cause *known = cause_of_code(avail, nullptr);
+        if (ends_in_break(known)) return device_stopped(known);
+        if (known != nullptr) stop_playing(known);
         if (avail != -EPIPE) stopping_report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
         return pump_step::took_none;
     }
+    held_frames = std::max(static_cast<int32_t>(alsa_buffer_frames) - avail, 0);
     if (avail <= static_cast<int32_t>(nearly_full_frames)) {
         start_if_prepared();
         look_for_standstill(avail);
@@ -609,12 +655,12 @@ void wait_after(pump_step step, uint32_t pause)
 }
 
 // Fills the device with silence as far as it takes it. One that refuses silence for good must not
-// hold the thread: a stop counts here.
+// hold the thread: a stop counts here. A device that breaks off does so for the next step, too.
 void fill_device(uint32_t pause)
 {
     while (primed == 0 && !is_stopped()) {
         const pump_step step = write_pump();
-        if (step == pump_step::full) return;
+        if (step == pump_step::full || step == pump_step::broke_off) return;
         wait_after(step, pause);
     }
 }
@@ -625,8 +671,8 @@ void start_device()
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
         if (load_acquire(stopped_by) == &stopped_by_key) return; // nothing is to sound
-        require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
-    } else if (state != SND_PCM_STATE_RUNNING) {
+        require(start_code(), 399, "snd_pcm_start() error. %s\n");
+    } else if (state != SND_PCM_STATE_RUNNING && !ends_in_break(cause_of_state(state))) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
     }
 }
@@ -649,6 +695,13 @@ int64_t queued_frames()
 {
     const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
+}
+
+// Of that many frames that the device holds, those of the ring: the silence came first.
+int64_t sound_among(int64_t held)
+{
+    const uint64_t since = load_acquire(ring->bytes_sent) - begun_at_byte;
+    return std::min(held, static_cast<int64_t>(since / ring->gap));
 }
 
 // With this stream the list ends.
@@ -677,7 +730,7 @@ void tell_position()
     next = now - next < apart ? next + apart : now + apart; // the first one, or one is left out
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
-    event_position(file, std::max(frames - queued_frames(), int64_t{0}));
+    event_position(file, std::max(frames - sound_among(queued_frames()), int64_t{0}));
 }
 
 // What a front-end hears of while sound plays.
@@ -736,6 +789,104 @@ void let_play_out(uint32_t pause)
     wait_for(behind_the_queue, is_stopped);
 }
 
+// --- Breaks -------------------------------------------------------------------------------------
+
+// Begins the silence ahead of the ring.
+void begin_silence()
+{
+    primed = silence_ring == nullptr ? 1 : 0; // no memory for silence: the sound starts at once
+    silence_written = 0;
+    held_frames = 0;
+    begun_at_byte = load_acquire(ring->bytes_sent);
+    store_release(silence_left, primed != 0 ? 0 : output_rate);
+    moved_at = sound_clock::now();
+}
+
+// The frame of a pair of silence to begin with, so that the next frame of the ring follows on the
+// other one: it may be the second one of a group, and a receiver of DoP must not get a marker
+// twice. Both frames of a pair are alike but for the marker.
+uint32_t phase_of_next_frame()
+{
+    if (silence_ring == nullptr || ring_frames(ring) == 0) return 0;
+    const uint8_t *next = next_frames();
+    const uint8_t *first = ring_data(silence_ring);
+    const uint8_t *second = first + silence_ring->gap;
+    uint32_t phase = 0;
+    for (uint32_t i = 0; i < silence_ring->gap; ++i) {
+        if (first[i] == second[i]) continue;
+        if (next[i] != second[i]) return 0;
+        phase = 1;
+    }
+    return phase;
+}
+
+void tell_break()
+{
+    const bool suspended = break_cause->reason == stop_reason::suspended;
+    event_rebuffering(load_acquire(playing_file), break_cause->reason,
+                      suspended ? sound_among(held_frames) : 0);
+    print_in_time("the sound stopped: waiting for the files\n");
+}
+
+void count_break()
+{
+    store_release(sound_breaks, load_acquire(sound_breaks) + 1);
+    wake(waiter::main);
+}
+
+// What the ring should hold before the sound goes on, or all that there is.
+bool ring_is_filled()
+{
+    return no_more_is_read() || (ring_frames(ring) > 0 && ring_is_primed());
+}
+
+void wait_for_ring()
+{
+    constexpr int64_t between_positions = 1000000; // microseconds
+    const auto is_due = [] { return is_stopped() || ring_is_filled(); };
+    while (!is_due()) {
+        tell_progress();
+        starving.exchange(1);
+        wait_for(between_positions, is_due);
+    }
+}
+
+// False when the sound was stopped, as by a device that did not come back.
+bool prepare_again(uint32_t pause)
+{
+    static constexpr stop_cause stays_away = {stop_reason::disconnected, nullptr, 0};
+    constexpr auto patience = std::chrono::seconds(10); // while the machine is awake
+    const auto latest = sound_clock::now() + patience;
+    while (!is_stopped()) {
+        const int code = snd_pcm_prepare(pcm);
+        if (code >= 0) return true;
+        if (code == -ENODEV || sound_clock::now() >= latest) stop_playing(&stays_away);
+        wait_for(pause, is_stopped);
+    }
+    return false;
+}
+
+// The device stopped: waits for what the sound needs to go on, and has it begin as at the start,
+// with the frame that comes behind the last one that the device took.
+void mend_break(uint32_t pause)
+{
+    tell_break();
+    count_break();
+    const bool came_to_sound = load_acquire(ring->bytes_sent) != begun_at_byte;
+    if (!came_to_sound) wait_for(pause, is_stopped); // a device that never does would fill the log
+    wait_for_ring();
+    // At the end of the list nothing is left to begin with.
+    if (!is_stopped() && !all_is_sent() && prepare_again(pause)) {
+        silence_phase = phase_of_next_frame();
+        begin_silence();
+        count_break();
+        fill_device(pause);
+        if (snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED) start_device();
+    }
+}
+
+// --- From the first frame to the last -----------------------------------------------------------
+
 // Until all is sent, or the device drains by itself. False when the sound was stopped.
 void play()
 {
@@ -747,7 +898,10 @@ void play()
     while (!all_is_sent() && !is_stopped() && step != pump_step::drains) {
         step = write_pump();
         tell_progress();
-        if (step != pump_step::drains) wait_after(step, pause);
+        if (step == pump_step::broke_off)
+            mend_break(pause);
+        else if (step != pump_step::drains)
+            wait_after(step, pause);
     }
     tell_progress();
     if (!is_stopped()) let_play_out(pause);
@@ -822,10 +976,12 @@ void forget_stream()
     dsd_stream = 0;
     i2s_mode = flag_off;
     store_release(silence_left, -1);
+    store_release(sound_breaks, 0);
 }
 
 void sound_was_fed()
 {
+    if (sound_waits(load_acquire(sound_breaks)) && !ring_is_filled()) return;
     if (starving.exchange(0) != 0) wake(waiter::output);
 }
 
@@ -833,12 +989,14 @@ sound_phase phase_of_sound()
 {
     const int32_t silence = load_acquire(silence_left);
     if (silence < 0) return sound_phase::opening;
+    if (sound_waits(load_acquire(sound_breaks))) return sound_phase::waiting;
     return silence > 0 ? sound_phase::silence : sound_phase::sound;
 }
 
 int64_t sound_left()
 {
-    if (phase_of_sound() == sound_phase::opening) {
+    const sound_phase phase = phase_of_sound();
+    if (phase == sound_phase::opening || phase == sound_phase::waiting) {
         const int64_t frames = int64_t{output_rate} + ring_frames(ring);
         return duration_of(frames).count() + wanted_buffer_microseconds;
     }
@@ -853,14 +1011,11 @@ void *output_thread(void *)
     // stop_output is not cleared here: a stop that came since main looked would be lost.
     stream_settings stream{};
     const bool opened = sound_open(&stream);
-    primed = 0;
-    silence_written = 0;
     make_silence();
-    if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
-    store_release(silence_left, primed != 0 ? 0 : output_rate);
-    wake(waiter::main);
-    moved_at = sound_clock::now();
+    silence_phase = 0;
     next_to_tell = stream_file->index;
+    begin_silence();
+    wake(waiter::main);
 
     // A device whose whole buffer counts as nearly full would never be written.
     if (opened && alsa_buffer_frames <= nearly_full_frames) {

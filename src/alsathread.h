@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include <atomic>
 #include <cstdint>
 
 // Opens the device once to learn output_format, output_rate, i2s_mode and the byte widths of
@@ -31,12 +32,21 @@ void forget_stream();
 void sound_was_fed();
 
 // What the output thread is at: main is woken when that changes. Any thread.
-enum class sound_phase { opening, silence, sound };
+enum class sound_phase { opening, silence, sound, waiting };
 sound_phase phase_of_sound();
 
-// The time in microseconds that silence, ring and device can still last. Before the device is open
-// its buffer is taken to be as large as it will be asked for. Main thread.
+// The time in microseconds that silence, ring and device can still last. Before the device is open,
+// and in a break, all of the silence is still to come, and the buffer of the device is taken to be
+// as large as it will be asked for. Main thread.
 int64_t sound_left();
+
+// How often the sound broke off to wait for the ring and the device, and began again, both counted.
+// Written by the output thread, which then wakes main; read by main.
+extern std::atomic<int32_t> sound_breaks;
+inline bool sound_waits(int32_t breaks)
+{
+    return breaks % 2 != 0;
+}
 
 // The output thread: opens the device for good, sends a second of silence, then the ring. Ends when
 // the ring is empty and nothing more comes, or stop_output is set.

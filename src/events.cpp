@@ -472,6 +472,13 @@ void event_position(const soundfile *file, int64_t frames)
                      number_field{"ring", ring_percent(ring)});
 }
 
+void event_rebuffering(const soundfile *file, stop_reason reason, int64_t lost_frames)
+{
+    tell<short_line>("rebuffering", number_field{"index", file->index},
+                     text_field{"reason", name_of(reason)},
+                     seconds_field{"lost", lost_frames, output_rate});
+}
+
 void event_draining(int64_t frames)
 {
     tell<short_line>("draining", seconds_field{"seconds", frames, output_rate});

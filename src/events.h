@@ -56,6 +56,10 @@ void event_playing(const soundfile *file);
 // That many frames of the file have sounded since it began, as far as the player can know.
 void event_position(const soundfile *file, int64_t frames);
 
+// The device ran empty or was suspended, and the sound goes on as soon as it can. That many frames
+// that the device held will not sound.
+void event_rebuffering(const soundfile *file, stop_reason reason, int64_t lost_frames);
+
 // Nothing more is read from the list; that many frames are still to sound.
 void event_draining(int64_t frames);
 

@@ -70,8 +70,8 @@ void set_device(const char *name)
     std::snprintf(device_name.data(), device_name.size(), "%s", name);
 }
 
-// A negative number gives a size above all limits.
-void set_buffer_size(const char *size)
+// Bytes. A negative number gives a size above all limits.
+uint64_t read_size(const char *size)
 {
     char *end = nullptr;
     const long long number = std::strtoll(size, &end, 10);
@@ -80,7 +80,17 @@ void set_buffer_size(const char *size)
         fatal_report(unit, 183, "illegal buffer size %s passed.\n", printable(size));
     }
     const int64_t count = std::clamp(number, -largest_number, largest_number);
-    buffer_bytes = static_cast<uint64_t>(count * factor_of(*end));
+    return static_cast<uint64_t>(count * factor_of(*end));
+}
+
+void set_buffer_size(const char *size)
+{
+    buffer_bytes = read_size(size);
+}
+
+void set_prime(const char *size)
+{
+    prime_bytes = read_size(size);
 }
 
 void set_events(const char *number)
@@ -182,6 +192,8 @@ constexpr option_row options[] = {
     {"--reopen", value_place::none, set_flag<reopen>, nullptr},
     {"--list=", value_place::behind_equals, set_list, nullptr},
     {"--start=", value_place::behind_equals, set_start, nullptr},
+    {"--prime=", value_place::behind_equals, set_prime, nullptr},
+    {"--keep-going", value_place::none, set_flag<keep_going>, nullptr},
     {"--skip", value_place::next_entry, take_no_notice, nullptr},
 };
 constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,

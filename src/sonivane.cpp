@@ -54,6 +54,8 @@ int32_t reopen;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
+uint64_t prime_bytes = UINT64_MAX; // as much as no ring holds
+int32_t keep_going;
 const char *mode_label;
 controller_block *controller;
 
@@ -160,10 +162,13 @@ const container_row &row_of(container_kind container)
 }
 
 // The file that plays is read in few calls, as network mounts like it. Of the others only the
-// header is wanted. No more than one plays at a time.
-void read_in_large_pieces(soundfile *file)
+// header is wanted. No more than one of either is open at a time. A stream without a buffer would
+// ask the file system first how large to make one, which costs a network mount a call.
+void give_buffer(const soundfile *file)
 {
-    static std::array<char, 65536> buffer;
+    static std::array<char, 65536> of_played;
+    static std::array<char, 4096> of_probed;
+    const auto buffer = file == feeding_file ? std::span<char>(of_played) : of_probed;
     std::setvbuf(file->fp, buffer.data(), _IOFBF, buffer.size());
 }
 
@@ -173,7 +178,7 @@ constexpr char not_opened[] = "file %s open error.\n";
 bool open_stream(soundfile *file)
 {
     file->fp = fopen(file->path, "rb");
-    if (file->fp != nullptr && file == feeding_file) read_in_large_pieces(file);
+    if (file->fp != nullptr) give_buffer(file);
     return file->fp != nullptr;
 }
 
@@ -994,14 +999,12 @@ void begin_list()
     if (!begin_at(stream_file, time)) open_next_file();
 }
 
-constexpr int32_t filled_percent = 79; // the first filling ends above it
-
 // Fills the ring before anything takes from it. A line for each call would drown a log.
 void fill_ring()
 {
     terminal_raw();
     int32_t shown = -1;
-    while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
+    while (load_acquire(ring->more_coming) != 0 && !ring_is_primed()) {
         const bool fed = !is_stopped() && fill_buffer() != 0;
         exit_if_interrupted(); // after the feeder, which does nothing more then
         if (!fed) return;
@@ -1028,9 +1031,11 @@ bool has_news()
            shown_second(file) != last_shown_second;
 }
 
+// Sound that waits for the ring to be filled wants it sooner than sound that plays.
 bool has_work()
 {
-    return has_news() || ring_free(ring) >= refill_bytes;
+    return has_news() || ring_free(ring) >= refill_bytes ||
+           (sound_waits(load_acquire(sound_breaks)) && !ring_is_primed());
 }
 
 // Keeps the ring full until everything is fed or something stops the output.
@@ -1058,10 +1063,11 @@ int64_t microseconds_now()
 // What the latest end of the sound is computed from.
 struct end_basis {
     sound_phase phase;
-    bool unwanted; // one SIGINT came
+    int32_t breaks; // sound_breaks
+    bool unwanted;  // one SIGINT came
     bool operator==(const end_basis &) const = default;
 };
-constexpr end_basis at_the_opening = {sound_phase::opening, false};
+constexpr end_basis at_the_opening = {sound_phase::opening, 0, false};
 
 // Of the stream that plays: in microseconds of the monotonic clock, and what it was computed from.
 int64_t latest_end;
@@ -1069,16 +1075,17 @@ end_basis latest_end_basis;
 
 end_basis basis_now()
 {
-    return {phase_of_sound(), load_acquire(interrupted) != 0};
+    return {phase_of_sound(), load_acquire(sound_breaks), load_acquire(interrupted) != 0};
 }
 
 // How long the sound may last from now on, in microseconds, when nothing more is read: no longer
 // than what ring and device hold, and a tenth more, whatever the device says. longest_wait: not
-// known while the device is being opened, unless nobody wants it any more.
+// known while the device is being opened, and in a break, unless nobody wants it any more.
 int64_t time_left(const end_basis &basis)
 {
     constexpr int64_t for_the_end = 400000;    // for what comes after the last frame
     constexpr int64_t for_the_start = 3000000; // a sound server may begin two seconds late
+    if (basis.phase == sound_phase::waiting && !basis.unwanted) return longest_wait;
     if (basis != latest_end_basis) {
         const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
         const int64_t left = sound_left();
@@ -1174,6 +1181,12 @@ bool everything_is_out()
 }
 
 } // namespace
+
+bool ring_is_primed()
+{
+    constexpr int32_t filled_percent = 79;
+    return ring_percent(ring) > filled_percent || ring_used(ring) >= prime_bytes;
+}
 
 void status_update(soundfile *file)
 {

@@ -178,9 +178,14 @@ extern int32_t reopen;         // a file of another form gets a stream of its ow
 extern exact_time start_time;  // where the first file begins
 extern int32_t args_used;      // argv entries taken by options, argv[0] included
 extern uint64_t buffer_bytes;  // wanted size of the ring; 0: not given
+extern uint64_t prime_bytes;   // of the ring, with which the sound begins at the latest
+extern int32_t keep_going;     // a device that ran empty or was suspended is started again
 extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none
+
+// Whether the ring holds what a beginning of the sound waits for. Any thread.
+bool ring_is_primed();
 
 // When the device is asked for a form.
 enum class form_offer {

@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -40,15 +41,16 @@ namespace
 {
 
 // A fault that strikes once the device took a number of frames: a state that the device goes into,
-// or what each further call gives, when not 0.
+// or what each further call gives, when not 0. It lasts until the device is prepared.
 struct fault_row {
     const char *name;
     snd_pcm_state_t state;
     int transfer_code = 0;
     int pointer_code = 0;
     int avail_code = 0; // of snd_pcm_avail(), preloaded
+    int prepare_code = 0;
 };
-constexpr std::array<fault_row, 10> faults = {{
+constexpr std::array<fault_row, 12> faults = {{
     {"none", SND_PCM_STATE_RUNNING},
     {"xrun", SND_PCM_STATE_XRUN},
     {"suspended", SND_PCM_STATE_SUSPENDED},
@@ -59,6 +61,8 @@ constexpr std::array<fault_row, 10> faults = {{
     {"again", SND_PCM_STATE_RUNNING, -EAGAIN},
     {"pointer", SND_PCM_STATE_RUNNING, 0, -EPIPE},
     {"avail", SND_PCM_STATE_RUNNING, 0, 0, -EIO},
+    {"away", SND_PCM_STATE_SUSPENDED, 0, 0, 0, -EIO},
+    {"gone", SND_PCM_STATE_SUSPENDED, 0, 0, 0, -ENODEV},
 }};
 
 struct capture_device {
@@ -73,13 +77,16 @@ struct capture_device {
     const char *gate; // file that tells how many frames may be played; null: any number
     double dry_ms; // milliseconds without a transfer after which a dry queue is an xrun; -1: none
     snd_pcm_uframes_t written;
-    double played; // frames that have sounded
-    double clock;  // of the last look at played
+    snd_pcm_uframes_t prepared_at; // frames written by then
+    double played;                 // frames that have sounded, or were dropped
+    double clock;                  // of the last look at played
     double last_transfer;
     const fault_row *fault;
     snd_pcm_uframes_t fault_at; // frames
+    std::istringstream later_faults;
 };
 capture_device device;
+std::atomic<int> dry_times; // of the player's life
 
 // CAPTURE_NAME of the environment. For opens after the first CAPTURE_NAME_2 counts before it.
 const char *setting(const std::string &name, const char *otherwise)
@@ -140,7 +147,8 @@ bool play_on()
     const double time = now();
     const double due = device.played + (time - device.clock) * device.io.rate * device.speed;
     device.clock = time;
-    device.played = std::min({device.speed == 0 ? written : due, written, allowed});
+    device.played = std::min({device.speed == 0 ? written : due, written,
+                              std::max(allowed, static_cast<double>(device.prepared_at))});
     if (device.played < written) return true;
     return device.dry_ms < 0 || time - device.last_transfer <= device.dry_ms * 1e-3;
 }
@@ -151,9 +159,11 @@ snd_pcm_sframes_t on_pointer(snd_pcm_ioplug_t *io)
     if (code != 0) return code;
     if (io->state == SND_PCM_STATE_RUNNING && !play_on()) {
         log_line("dry %lu\n", device.written);
+        ++dry_times;
         return -EPIPE;
     }
-    return static_cast<snd_pcm_sframes_t>(device.played);
+    return static_cast<snd_pcm_sframes_t>(device.played) -
+           static_cast<snd_pcm_sframes_t>(device.prepared_at);
 }
 
 // --- Transfers ----------------------------------------------------------------------------------
@@ -210,6 +220,31 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
     return 0;
 }
 
+// "KIND N" strikes after N frames, and what follows once that is over.
+void next_fault()
+{
+    std::string name;
+    if (!(device.later_faults >> name >> device.fault_at)) name = "none";
+    device.fault = nullptr;
+    for (const fault_row &row : faults)
+        if (row.name == name) device.fault = &row;
+    if (device.fault == nullptr) std::abort();
+}
+
+// What is queued is dropped.
+int on_prepare(snd_pcm_ioplug_t *)
+{
+    const int code = fault_code(&fault_row::prepare_code);
+    if (code != 0) return code;
+    if (device.written > 0 && device.written >= device.fault_at) next_fault();
+    log_line("prepare after %lu dropped %.0f\n", device.written,
+             static_cast<double>(device.written) - std::floor(device.played));
+    device.prepared_at = device.written;
+    device.played = static_cast<double>(device.written);
+    device.cut_short = false;
+    return 0;
+}
+
 int on_hw_params(snd_pcm_ioplug_t *io, snd_pcm_hw_params_t *)
 {
     log_line("params %s rate %u channels %u buffer %lu\n", snd_pcm_format_name(io->format),
@@ -262,7 +297,7 @@ constexpr snd_pcm_ioplug_callback_t callbacks = {
     .close = on_close,
     .hw_params = on_hw_params,
     .sw_params = on_sw_params,
-    .prepare = [](snd_pcm_ioplug_t *) { return log_line("prepare\n"); },
+    .prepare = on_prepare,
     .poll_revents = on_poll,
 };
 
@@ -319,17 +354,6 @@ void read_caps(const char *text)
         device.caps.push_back(1 + static_cast<unsigned>(random()) % most);
 }
 
-// "KIND N" strikes after N frames.
-void read_fault(const char *text)
-{
-    std::istringstream in(text);
-    std::string name;
-    in >> name >> device.fault_at;
-    for (const fault_row &row : faults)
-        if (row.name == name) device.fault = &row;
-    if (device.fault == nullptr) std::abort();
-}
-
 } // namespace
 
 extern "C" {
@@ -346,7 +370,8 @@ SND_PCM_PLUGIN_DEFINE_FUNC(capture)
     if (device.busy) return -EBUSY;
 
     read_caps(setting("CAPS", ""));
-    read_fault(setting("FAULT", "none 0"));
+    device.later_faults.str(setting("FAULT", "none 0"));
+    next_fault();
     device.speed = std::strtod(setting("SPEED", "once"), nullptr); // "once" is no number: 0
     device.gate = setting("GATE", nullptr);
     device.dry_ms = std::stod(setting("DRY_MS", "-1"));
@@ -444,14 +469,17 @@ FILE *fopen(const char *path, const char *mode)
     return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
 }
 
-// CAPTURE_STALL is how many bytes are read of files, all together, before a read never ends.
+// CAPTURE_STALL tells how many bytes are read of files, all together, before a read stalls: the
+// last one for ever, each one before until the device ran dry as many times.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
-    static const size_t most = std::stoul(setting("STALL", "-1"));
-    static size_t read_so_far;
+    static const auto stalls = list_of<size_t>(setting("STALL", "1000000000000"));
+    static size_t read_so_far, stalled;
     read_so_far += size * count;
-    if (read_so_far > most) stall();
+    if (read_so_far > stalls[stalled] && stalled + 1 == stalls.size()) stall();
+    if (read_so_far > stalls[stalled])
+        for (++stalled; dry_times < static_cast<int>(stalled);) poll(nullptr, 0, 1);
     return real(to, size, count, stream);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <span>
 #include <utility>
 
 // --- Sound --------------------------------------------------------------------------------------
@@ -200,25 +201,49 @@ namespace
 constexpr uint64_t silence_frames = 8192; // that the player has at hand
 constexpr uint64_t nearly_full = 1025;    // room in frames with which a device is left alone
 
-// Frames of silence that come first, from the writes as the device took them: even, at least rate,
-// and not one write more.
-uint64_t told_silence(const play_result &result, uint64_t rate)
+// What the device got from one beginning to the next, in frames.
+struct stretch {
+    uint64_t silence;
+    uint64_t sound;
+};
+
+// From the writes as the device took them: the silence that comes first is even, at least rate, and
+// not one write more, unless the device broke off before.
+std::vector<stretch> told_stretches(const play_result &result, uint64_t rate)
 {
-    uint64_t sent = 0;
+    std::vector<stretch> stretches = {{}};
     for (const std::string &line : result.log) {
         uint64_t asked = 0;
         uint64_t taken = 0;
         uint64_t room = 0;
+        if (line.starts_with("prepare after ") && !line.starts_with("prepare after 0 "))
+            stretches.push_back({});
+        auto &[sent, sound] = stretches.back();
         if (std::sscanf(line.c_str(), "write %" SCNu64 " took %" SCNu64 " room %" SCNu64, &asked,
                         &taken, &room) != 3)
             continue;
         EXPECT_TRUE(room > nearly_full && asked < room) << "too much for the room: " << line;
-        if (sent % 2 == 0 && sent >= rate) continue;
+        if (sent % 2 == 0 && sent >= rate) {
+            sound += taken;
+            continue;
+        }
         EXPECT_TRUE(sent % 2 == 0 ? asked % 2 == 0 && asked <= silence_frames : asked == 1)
             << "silence out of step: " << line;
         sent += taken;
     }
-    return sent;
+    return stretches;
+}
+
+// Silence ahead of that sound: the last marker of DoP is another one than the first of the sound.
+void put_silence(bytes &out, uint64_t frames, const stream_form &form,
+                 std::span<const uint8_t> sound)
+{
+    const size_t frame = 2 * form.bytes,
+                 marker = form.bytes - 1 - static_cast<size_t>(form.padding) / 8;
+    bytes pair = silence_of(form);
+    if (form.kind == packing::dop && !sound.empty() && sound[marker] == pair[frame + marker])
+        std::ranges::rotate(pair, pair.begin() + static_cast<std::ptrdiff_t>(frame));
+    for (uint64_t i = 0; i < frames * frame; ++i) out.push_back(pair[i % pair.size()]);
 }
 
 } // namespace
@@ -228,15 +253,23 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
 {
     const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
     const auto rate = static_cast<uint64_t>(file_rate / divisor);
-    const uint64_t silent = told_silence(result, rate);
+    const size_t frame = 2 * form.bytes;
     bytes told;
-    for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(told, silence_of(form));
-    const std::ptrdiff_t silence = std::ssize(told);
-    put_bytes(told, sound);
+    std::span<const uint8_t> rest = sound;
+    std::ptrdiff_t silence = 0; // of the first stretch
+    const auto stretches = told_stretches(result, rate);
+    for (const auto &[silent, sounding] : stretches) {
+        put_silence(told, silent, form, rest);
+        if (silence == 0) silence = std::ssize(told);
+        const bool last = &silent == &stretches.back().silence;
+        const auto part = rest.first(last ? rest.size() : std::min(rest.size(), sounding * frame));
+        told.insert(told.end(), part.begin(), part.end());
+        rest = rest.subspan(part.size());
+    }
     if (whole) {
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_TRUE(all_sounded(result)); // a device that took a frame has not played it yet
-        const auto frames = told.size() / (2 * form.bytes);
+        const auto frames = told.size() / frame;
         EXPECT_TRUE(log_has(result, "runs on after " + std::to_string(frames)));
     } else {
         told.resize(std::min(told.size(), result.capture.size()));
@@ -253,7 +286,7 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     for (const std::string &line : result.log)
         if (std::cmp_less_equal(sent, at) &&
             std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1)
-            sent += taken * 2 * form.bytes, write = line;
+            sent += taken * frame, write = line;
     ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes for "
                   << told.size() << ", the first other one is "
                   << at - silence - static_cast<long>(part->first) << " of " << part->second
