@@ -64,7 +64,7 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     // Options with a value: those that take the next word for it, and all.
     const char *const option = R"((--?\w[-\w]*))";
     const words next = find_all(parser, R"re(^ +\{"(\S+)", value_place::next_entry)re");
-    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[nb][^o])re");
+    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[na][^o])re");
     EXPECT_EQ(find_all(part_of(bash, "case ${words", "((++i))"), option), next);
     EXPECT_EQ(find_all(part_of(fish, "contains -- $word", "\n"), option), next);
     EXPECT_EQ(find_all(part_of(bash, "case $prev", "esac"), R"((-\S+)(?=\)$| \|))"), valued);
