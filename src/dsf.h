@@ -1,5 +1,5 @@
 // Reader of DSF files: DSD in blocks of one channel each, little-endian numbers, the oldest bit of
-// a byte lowest. The format is published by Sony as "DSF File Format Specification", version 1.01.
+// a byte lowest. Published by Sony as the DSF file format, version 1.01.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@
 int32_t dsf_open(soundfile *file);
 
 // Skips count bytes of each channel by seeking. The file was just opened and has more than count
-// bytes. If they end inside a block, that pair of blocks is read. False if the stream cannot seek
-// or that read fails. Main thread.
+// bytes. If they end inside a block, that pair of blocks is read. False if that fails.
+// Main thread.
 bool dsf_skip(soundfile *file, int64_t count);
 
 // Reads left and right bytes alternating, oldest bit highest, in groups of 8 bytes. The last group
