@@ -6,8 +6,9 @@
 #include <cstdint>
 
 // Expands argv[first] to argv[count - 1], or the current directory if there are none. Result: the
-// names in ascending byte order, followed by a null pointer. They belong to the pool and are valid
-// until it next changes. If the list itself cannot be allocated, the result is an empty list.
+// names in ascending byte order, or in the order of a list, and a null pointer. They belong to the
+// pool and are valid until it next changes. If the list itself cannot be allocated, the result is
+// an empty list.
 char **expand_file_list(int32_t first, int32_t count, char **argv);
 
 // Reads a list of names. The next call of expand_file_list takes them, in their order, instead of

@@ -160,8 +160,7 @@ void open_missing_descriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(descriptor, F_GETFD) >= 0) continue;
-        [[maybe_unused]] const int opened =
-            open("/dev/null", O_RDWR); // gets the lowest free number
+        [[maybe_unused]] const int opened = open("/dev/null", O_RDWR); // the lowest free number
     }
 }
 
