@@ -66,20 +66,24 @@ constexpr const char *unit = "sonivane";
 
 // --- Opening a file -----------------------------------------------------------------------------
 
-// Makes all DSD containers look alike: of the block, the parser gave the rate alone.
+// Gives the files of all DSD containers the same description. Of the parser's own only the rate is
+// kept.
 void describe_dsd(soundfile *file)
 {
     constexpr int16_t extension_bytes = 22; // valid bits, channel mask and sub-format
     const int32_t rate = file->wave.nSamplesPerSec;
     file->sample_bytes = 1;
-    wave_format &wave = file->wave = {};
-    wave.nChannels = stream_channels;
-    wave.nSamplesPerSec = rate;
-    wave.nAvgBytesPerSec = rate / 8 * stream_channels;
-    wave.nBlockAlign = stream_channels;
-    wave.wBitsPerSample = dsd_bits_per_sample;
-    wave.cbSize = extension_bytes;
-    wave.dwChannelMask = 1;
+    file->wave = {.wFormatTag = 0,
+                  .nChannels = stream_channels,
+                  .nSamplesPerSec = rate,
+                  .nAvgBytesPerSec = rate / 8 * stream_channels,
+                  .nBlockAlign = stream_channels,
+                  .wBitsPerSample = dsd_bits_per_sample,
+                  .cbSize = extension_bytes,
+                  .wValidBitsPerSample = 0,
+                  .dwChannelMask = 1,
+                  .SubFormat = {},
+                  .rest = {}};
 }
 
 constexpr int16_t wave_tag_float = 3;
@@ -253,8 +257,8 @@ bool begin_at(soundfile *file, const exact_time &time)
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
     if (!row_of(file->container).skip(file, count)) return false;
-    file->begun_at = count * periods_each;
-    if (count != 0) store_release(file->position, position_at(file->begun_at, rate));
+    file->start_unit = count * periods_each;
+    if (count != 0) store_release(file->position, position_at(file->start_unit, rate));
     return true;
 }
 
@@ -1207,7 +1211,7 @@ void status_update(soundfile *file)
 
 int main(int argc, char **argv)
 {
-    hold_standard_descriptors();
+    open_missing_descriptors();
     attach_controller();
     raise_priority();
     start_lookout();

@@ -98,7 +98,7 @@ struct soundfile {
     int32_t rf64;              // flag: the WAV file is of the RF64 form
     int64_t probed_bytes;      // of the whole file, when it was probed for a front-end
     int64_t sound_offset;      // where the sound began then
-    int64_t begun_at;          // where --start had it begin: frames (PCM), bits of a channel (DSD)
+    int64_t start_unit;        // first one to play by --start: frame (PCM), bit of a channel (DSD)
     soundfile *next;           // the following element of file_list; null in the end sentinel
 };
 
@@ -224,7 +224,7 @@ const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 int32_t open_soundfile(soundfile *file);
 
 // Has a file that was just opened begin at that time, by seeking: at the frame (PCM) or the group
-// of dsd_group_bytes (DSD) below it. begun_at and position are set; all sizes stay the whole
+// of dsd_group_bytes (DSD) below it. start_unit and position are set; all sizes stay the whole
 // file's. False, and the file is not to be read, when by its header it ends at that time or before,
 // or when it cannot be sought in. Main thread.
 bool begin_at(soundfile *file, const exact_time &time);
