@@ -1,11 +1,12 @@
-// The decode-and-put loops of both feeders, with room always there: what it costs to bring a file's
-// bytes into the ring in the device's form. bytes_per_second counts the file's bytes.
+// The PCM feeder's decode-and-put loop, with a ring that always has room: the cost of converting a
+// file's bytes to the device's format and storing them in the ring. bytes_per_second counts the
+// file's bytes.
 #include <benchmark/benchmark.h>
 
 #include "limits.h"
 #include "sonivane.h"
 
-// Stands in for the C library's: the feeder's pause after each read is no part of its work.
+// Replaces the C library's function, so that no pause of a feeder is measured.
 extern "C" int usleep(unsigned)
 {
     return 0;
@@ -15,7 +16,7 @@ namespace
 {
 
 constexpr uint32_t ring_bytes = 1572864;
-constexpr int32_t staging_bytes = 3072; // of the file, that a call decodes
+constexpr int32_t staging_bytes = 3072; // bytes of the file that one call decodes
 
 void set_up_ring(int32_t device_format)
 {
@@ -38,8 +39,8 @@ void take_all()
     store_release(ring->bytes_sent, load_acquire(ring->bytes_put));
 }
 
-// Samples that are in memory already: the reader's own cost stays out.
-int32_t read_nothing_new(soundfile *, uint8_t *, int32_t count)
+// A reader that leaves the buffer as it is, so that no reader's cost is measured.
+int32_t read_nothing(soundfile *, uint8_t *, int32_t count)
 {
     return count;
 }
@@ -57,13 +58,13 @@ void feed_pcm(benchmark::State &state, const pcm_case &c)
     feeding_file->sample_format = c.source;
     feeding_file->sample_bytes = c.sample_bytes;
     feeding_file->wave.nBlockAlign = static_cast<int16_t>(2 * c.sample_bytes);
-    read_samples = read_nothing_new;
+    read_samples = read_nothing;
     for (auto _ : state) {
         pcm_feeder();
         take_all();
     }
     state.SetBytesProcessed(state.iterations() * staging_bytes);
-    // The limit copies what the device gets.
+    // The limit is a copy of the device's bytes.
     const auto samples = static_cast<size_t>(staging_bytes / c.sample_bytes);
     const size_t device_bytes = samples * static_cast<size_t>(feeding_file->out_sample_bytes);
     state.counters["limit"] =

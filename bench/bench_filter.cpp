@@ -1,7 +1,8 @@
-// The oversampling filter's speed, in times real time, beside what the machine can do at most with
+// The speed of the oversampling filter, as a multiple of real time, and the machine's limit for
 // separate products and sums of the same vector width.
 //
-// Each line: x_real_time, of the width; peak, the limit in the same unit; share, of the limit.
+// Each line has x_real_time, the filter's speed; peak, the limit in the same unit; and share, the
+// quotient of both.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -10,7 +11,8 @@
 #include <string>
 #include <vector>
 
-// A plain loop is to stay one: the compiler's own vectors would make it a form of its own.
+// The scalar loop is compiled without auto-vectorization, because it is measured as the scalar
+// case.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC push_options
 #pragma GCC optimize("no-tree-vectorize")
@@ -37,13 +39,14 @@ namespace
 #define VECTOR_KERNEL "../bench/peak_kernel.inc"
 #include "vector_widths.inc"
 
-// The widths of the filter by the floats of a vector, 1 for the plain loop, and each one's limit.
+// The vector widths of the filter and the limit for each of them. vector_floats 1 is the scalar
+// loop.
 struct filter_width {
     int32_t vector_floats;
     const char *name;
     float (*run_peak)(int64_t);
 };
-// Versions of clang-format differ about a table with an #if.
+// Versions of clang-format format a table with an #if differently.
 // clang-format off
 constexpr auto widths = std::to_array<filter_width>({
     {1, "scalar", vectors_128::run_peak},
@@ -68,7 +71,7 @@ double products_a_frame(const filter_case &c)
     return 2.0 * (taps48 + 4) * 352800 / c.source_rate;
 }
 
-constexpr size_t noise_size = 8192; // a power of two: the loop below is measured along
+constexpr size_t noise_size = 8192; // a power of two, so that the measured loop wraps cheaply
 
 std::vector<float> noise_floats()
 {
@@ -81,14 +84,15 @@ std::vector<float> noise_floats()
     return noise;
 }
 
-// Runs the filter and its limit in turn, in slices so short that both meet the same clock and the
-// same neighbours, until Google Benchmark has enough. Each is worth its best few slices: all but
-// those were disturbed by something.
+// Runs the filter and its limit alternately until Google Benchmark stops. The slices are so short
+// that both run at the same clock rate and with the same load from other programs. The best few
+// slices of each count, because the others were disturbed.
 template <typename frame_runner>
 void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runner run)
 {
     constexpr double slice_seconds = 7e-4;
-    constexpr int64_t tile_calls = 12; // a multiple of those of every tile at 44100 Hz
+    constexpr int64_t tile_calls =
+        12; // a multiple of the calls of a tile at 44100 Hz, of any width
     const std::vector<float> noise = noise_floats();
     size_t at = 0;
     const auto run_frames = [&](int64_t frames) {
@@ -104,7 +108,7 @@ void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runn
         limits.push_back(thread_seconds([&] { run_peak(rounds); }));
         ours.push_back(thread_seconds([&] { run_frames(frames); }));
     }
-    // One lane of the limit is the plain loop's.
+    // For the scalar loop (width 1) the limit is one lane of the 128-bit one.
     const double products =
         static_cast<double>(rounds * vectors_128::round_vectors) * c.width.vector_floats;
     const double speed = static_cast<double>(frames) / c.source_rate / best_few(ours);
@@ -140,7 +144,7 @@ void bench_width(benchmark::State &state, const filter_case &c)
     coeff_filter_take_width(0);
 }
 
-// The time that -os adds to the player's start.
+// The time that -os adds to the start of the player.
 void bench_filter_set_up(benchmark::State &state)
 {
     for (auto _ : state) {

@@ -1,5 +1,5 @@
-// The expansion of a directory of 100,000 names into the sorted list; its limit is the time that
-// reading the directory alone takes.
+// The expansion of a directory of 100,000 names into the sorted list. The limit is the time for
+// reading the directory alone.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 
@@ -27,7 +27,7 @@ const std::string &full_directory()
     return path;
 }
 
-// What a directory tells of a name with no further question.
+// Reads the directory and the types of its entries, without stat.
 void read_all(const std::string &path)
 {
     int files = 0;

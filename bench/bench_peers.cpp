@@ -1,5 +1,5 @@
-// Two well-known resamplers on the signal that -os gets, where their libraries are installed. Their
-// methods differ from this player's and from each other, so this compares prices, not quality.
+// Two well-known resamplers with the input of -os, if their libraries are installed. Their methods
+// differ from the player's and from each other. So this compares cost, not quality.
 #include <benchmark/benchmark.h>
 #ifdef HAVE_SOXR
 #include <soxr.h>
@@ -31,7 +31,7 @@ std::vector<float> noise_seconds(int rate, int seconds)
     return noise;
 }
 
-// convert(in, frames in, out, frames of room): one second at once, as often as it is timed.
+// Times convert(in, frames of in, out, frames of room in out), which converts one second per call.
 template <typename conversion> void time_peer(benchmark::State &state, int rate, conversion convert)
 {
     const std::vector<float> in = noise_seconds(rate, 1);

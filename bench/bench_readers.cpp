@@ -1,6 +1,6 @@
-// The readers: the DSD feeder over each kind of file in each form of the stream, with room always
-// there, and the WAV reader alone. x_realtime counts seconds of sound (DSD256, or 352.8 kHz PCM)
-// per second of work.
+// The readers: the DSD feeder with each container in each form of the stream, with a ring that
+// always has room, and the WAV reader alone. x_realtime is seconds of sound (DSD256, or 352.8 kHz
+// PCM) per second of work.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -43,7 +43,7 @@ constexpr form_case forms[] = {
     {"i2s", SND_PCM_FORMAT_S32_LE, flag_on},
 };
 
-soundfile records[2]; // the file, and the sentinel that it never gets to
+soundfile records[2]; // the file and the end sentinel
 
 void open_file(const bytes &content)
 {

@@ -1,4 +1,4 @@
-// What the machine can do at most, measured beside what it is compared with, in the same run.
+// The limits of the machine, measured in the same run as the figures that are compared with them.
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +17,7 @@ inline double seconds_now()
         .count();
 }
 
-// Seconds of the fastest of many runs: all but that one were disturbed by something.
+// Seconds of the fastest of several runs. The others were disturbed.
 template <typename work> double best_seconds(int runs, work run)
 {
     double best = 1e9;
@@ -29,7 +29,7 @@ template <typename work> double best_seconds(int runs, work run)
     return best;
 }
 
-// The processor's time that a piece of work takes this thread: other programs do not count.
+// The processor time that run takes in this thread. Time of other programs does not count.
 template <typename work> double thread_seconds(work run)
 {
     const auto now = [] {
@@ -42,7 +42,7 @@ template <typename work> double thread_seconds(work run)
     return now() - start;
 }
 
-// How much of some work takes about that long, in multiples of a step.
+// The amount of work that takes at least `seconds`: step, doubled as often as needed.
 template <typename work> int64_t amount_for(double seconds, int64_t step, work run)
 {
     int64_t amount = step;
@@ -50,7 +50,8 @@ template <typename work> int64_t amount_for(double seconds, int64_t step, work r
     return amount;
 }
 
-// The fastest of many runs but for a few per cent, where luck and the clock's steps are.
+// The 2.5 per cent quantile of the times of many runs. The fastest ones depend on chance and on the
+// resolution of the clock.
 inline double best_few(std::vector<double> seconds)
 {
     const auto few = seconds.begin() + static_cast<ptrdiff_t>(seconds.size() / 40);
@@ -58,12 +59,14 @@ inline double best_few(std::vector<double> seconds)
     return *few;
 }
 
-// Bytes a second that memcpy moves in pieces of the given size, from one place into a ring's worth.
+// Bytes per second of memcpy in pieces of the given size, from one buffer into one as large as the
+// ring.
 inline double copy_rate(size_t piece)
 {
     std::vector<uint8_t> source(piece + 4096, 1);
     std::vector<uint8_t> to(1572864, 2);
-    // Half a page apart: loads that look like the stores before them, but for the page, are slow.
+    // The source is half a page from the destination, modulo the page size: a load is slow if its
+    // address equals that of an earlier store modulo the page size.
     const uint8_t *from = source.data() + ((to.data() - source.data() + 2048) & 4095);
     const size_t pieces = to.size() / piece;
     const double best = best_seconds(50, [&] {
@@ -73,7 +76,7 @@ inline double copy_rate(size_t piece)
     return static_cast<double>(pieces * piece) / best;
 }
 
-// Bytes a second that read() gives of a file in the page cache.
+// Bytes per second of read() for a file in the page cache.
 inline double read_rate(const char *path)
 {
     std::vector<uint8_t> to(65536);

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Makes one table of the benchmarks' JSON on standard input: ours, the machine's limit, the share."""
+"""Prints the benchmarks' JSON from standard input as a table: our figure, the limit, the share."""
 import json
 import sys
 
-# What the limit of a row is, by the first word of its name.
+# What the limit of a row measures, by the first word of its name.
 LIMITS = {
     'pcm': 'memcpy of what the device gets',
     'dsf': 'read() of the file', 'dsdiff': 'read() of the file', 'wsd': 'read() of the file',
@@ -15,7 +15,7 @@ LIMITS = {
 
 
 def figures(row):
-    """Ours, the limit and the unit of a benchmark's counters."""
+    """Our figure, the limit and their unit, from a benchmark's counters."""
     if 'ours' in row:
         return row['ours'] / 1e6, row['limit'] / 1e6, 'million names/s'
     if row['name'].startswith('pcm'):
@@ -33,8 +33,8 @@ def main():
             continue
         ours, limit, unit = figures(row)
         name = row['name'].removesuffix('/iterations:1')
-        told = (f'{limit:.2f} | {100 * ours / limit:.0f} %' if limit else '- | -')
-        print(f'| {name} | {ours:.2f} | {told} | {unit} | {LIMITS[kind]} |')
+        limit_and_share = (f'{limit:.2f} | {100 * ours / limit:.0f} %' if limit else '- | -')
+        print(f'| {name} | {ours:.2f} | {limit_and_share} | {unit} | {LIMITS[kind]} |')
 
 
 main()

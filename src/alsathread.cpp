@@ -13,6 +13,8 @@
 #include "sonivane.h"
 #include "util.h"
 
+std::atomic<int32_t> sound_breaks;
+
 namespace
 {
 
@@ -33,6 +35,7 @@ uint32_t alsa_buffer_frames; // granted by the device; belongs to the thread tha
 ringbuffer *silence_ring;    // used as an array of silence; made by main, then read by output
 int32_t primed;              // 1: the silence is sent; output thread
 int32_t silence_written;     // frames of silence that the device took; output thread
+uint32_t silence_phase;      // 1: each pair of silence begins with its second frame; output thread
 
 // Frames of silence that are still to be sent; below 0 until the device is open. Written by the
 // output thread, read by main.
@@ -436,12 +439,26 @@ const stop_cause *cause_of_code(int code, const stop_cause *otherwise)
     return otherwise;
 }
 
+// Whether the sound is to go on after that cause. cause may be null.
+bool ends_in_break(const stop_cause *cause)
+{
+    return keep_going != 0 && cause != nullptr &&
+           (cause->reason == stop_reason::underrun || cause->reason == stop_reason::suspended);
+}
+
+// Starts the device. Result: the code of the call; 0 for a break, which the state then shows.
+int start_code()
+{
+    const int code = snd_pcm_start(pcm);
+    return ends_in_break(cause_of_code(code, nullptr)) ? 0 : code;
+}
+
 // The buffer is nearly full, but a device can still wait for its start threshold. It is started
 // here.
 void start_if_prepared()
 {
     if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) return;
-    require(snd_pcm_start(pcm), 323, "snd_pcm_start() error. %s\n");
+    require(start_code(), 323, "snd_pcm_start() error. %s\n");
 }
 
 // The result of one step of the pump.
@@ -451,14 +468,32 @@ enum class pump_step {
     took_none, // the device took no frame
     starved,   // the ring is empty
     drains,    // the device plays what it has and takes no more frames
+    broke_off, // the device stopped, and the sound is to go on
 };
+
+const stop_cause *break_cause; // of the last break
+int64_t held_frames;           // that the device had to play when it was last looked at
+uint64_t start_byte;           // of the ring: where the sound last began
+
+// The device plays no more, for that cause.
+pump_step device_stopped(const stop_cause *cause)
+{
+    if (!ends_in_break(cause)) {
+        stop_playing(cause);
+        return pump_step::took_none;
+    }
+    break_cause = cause;
+    return pump_step::broke_off;
+}
 
 // --- A device that stands still -----------------------------------------------------------------
 
 using sound_clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 
-sound_clock::time_point moved_at; // the last time that the device took or played a frame
+// The last time that the device took or played a frame. The constructor sets a number and does not
+// throw.
+sound_clock::time_point moved_at; // NOLINT(cert-err58-cpp)
 
 microseconds duration_of(int64_t frames)
 {
@@ -488,16 +523,21 @@ pump_step write_silence(snd_pcm_sframes_t avail)
 {
     const bool odd = silence_written % 2 != 0;
     const snd_pcm_sframes_t pairs = (avail - 1) & ~snd_pcm_sframes_t{1};
-    const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, snd_pcm_sframes_t{silence_frames});
-    const uint8_t *frames = ring_data(silence_ring) + (odd ? silence_ring->gap : 0);
+    const snd_pcm_sframes_t at_hand = silence_frames - 2 * silence_phase;
+    const snd_pcm_sframes_t wanted = odd ? 1 : std::min(pairs, at_hand);
+    const bool second = odd != (silence_phase != 0);
+    const uint8_t *frames = ring_data(silence_ring) + (second ? silence_ring->gap : 0);
 
     const snd_pcm_sframes_t written =
         snd_pcm_writei(pcm, frames, static_cast<snd_pcm_uframes_t>(wanted));
     if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
+        held_frames += written;
     } else if (written != -EAGAIN && written != -EPIPE) { // the next state shows these two
         const int code = static_cast<int>(written);
-        stop_playing(cause_of_code(code, &refused));
+        const stop_cause *cause = cause_of_code(code, &refused);
+        if (ends_in_break(cause)) return device_stopped(cause);
+        stop_playing(cause);
         report(unit, 337, "snd_pcm_writei() returned code %d\n", code);
     }
     if (silence_written % 2 == 0 && silence_written >= output_rate) primed = 1;
@@ -552,6 +592,12 @@ void wake_main(const soundfile *file_before, int64_t second_before)
         wake(waiter::main);
 }
 
+// The first frame that is not sent yet. There is one only while ring_frames is above 0.
+const uint8_t *next_frames()
+{
+    return ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
+}
+
 // Writes frames from the ring's own memory to the device. avail is the room in the device in
 // frames, above nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
@@ -559,12 +605,14 @@ pump_step write_ring(snd_pcm_sframes_t avail)
     const uint32_t wanted =
         std::min(static_cast<uint32_t>(avail - 1), ring_used_run(ring) / ring->gap);
     if (wanted == 0) return pump_step::starved;
-    const uint8_t *frames = ring_data(ring) + ring_offset(ring, load_acquire(ring->bytes_sent));
-    const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, frames, wanted));
+    const auto written = static_cast<int32_t>(snd_pcm_writei(pcm, next_frames(), wanted));
+    const stop_cause *cause = cause_of_code(written, nullptr);
+    if (ends_in_break(cause)) return device_stopped(cause);
     if (written < 0) fatal_report(unit, 368, "snd_pcm_writei() returned code %d\n", written);
 
     const soundfile *file_before = load_acquire(playing_file);
     const int64_t second_before = shown_second(file_before);
+    held_frames += written;
     ring_advance(ring->bytes_sent, static_cast<uint32_t>(written) * ring->gap);
     follow_marks();
     add_to_position(written);
@@ -578,17 +626,17 @@ pump_step write_pump()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_DRAINING && primed != 0) return pump_step::drains;
-    if (const stop_cause *cause = cause_of_state(state); cause != nullptr) {
-        stop_playing(cause);
-        return pump_step::took_none;
-    }
+    if (const stop_cause *cause = cause_of_state(state); cause != nullptr)
+        return device_stopped(cause);
     const auto avail = static_cast<int32_t>(snd_pcm_avail(pcm));
     if (avail < 0) {
-        if (const stop_cause *known = cause_of_code(avail, nullptr); known != nullptr)
-            stop_playing(known);
+        const stop_cause *known = cause_of_code(avail, nullptr);
+        if (ends_in_break(known)) return device_stopped(known);
+        if (known != nullptr) stop_playing(known);
         if (avail != -EPIPE) stopping_report(unit, 312, "snd_pcm_avail() returned %d\n", avail);
         return pump_step::took_none;
     }
+    held_frames = std::max(static_cast<int32_t>(alsa_buffer_frames) - avail, 0);
     if (avail <= static_cast<int32_t>(nearly_full_frames)) {
         start_if_prepared();
         look_for_standstill(avail);
@@ -613,12 +661,12 @@ void wait_after(pump_step step, uint32_t pause)
 }
 
 // Fills the device with silence, as far as it takes it. A stop ends the loop, because a device may
-// refuse silence for ever.
+// refuse silence for ever. A break is left to the next step, which meets it again.
 void fill_device(uint32_t pause)
 {
     while (primed == 0 && !is_stopped()) {
         const pump_step step = write_pump();
-        if (step == pump_step::full) return;
+        if (step == pump_step::full || step == pump_step::broke_off) return;
         wait_after(step, pause);
     }
 }
@@ -629,8 +677,8 @@ void start_device()
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
         if (load_acquire(stopped_by) == &stopped_by_key) return; // so nothing is to be played
-        require(snd_pcm_start(pcm), 399, "snd_pcm_start() error. %s\n");
-    } else if (state != SND_PCM_STATE_RUNNING) {
+        require(start_code(), 399, "snd_pcm_start() error. %s\n");
+    } else if (state != SND_PCM_STATE_RUNNING && !ends_in_break(cause_of_state(state))) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
     }
 }
@@ -653,6 +701,14 @@ int64_t queued_frames()
 {
     const snd_pcm_sframes_t avail = snd_pcm_avail(pcm);
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
+}
+
+// The number of frames from the ring among the last held frames that the device got. The silence
+// was sent before them.
+int64_t sound_among(int64_t held)
+{
+    const uint64_t since = load_acquire(ring->bytes_sent) - start_byte;
+    return std::min(held, static_cast<int64_t>(since / ring->gap));
 }
 
 // Whether the list ends with this stream.
@@ -682,7 +738,7 @@ void emit_position()
     next = now - next < apart ? next + apart : now + apart;
     const soundfile *file = load_acquire(playing_file);
     const auto frames = static_cast<int64_t>((sent - start_of(file->index)) / ring->gap);
-    event_position(file, std::max(frames - queued_frames(), int64_t{0}));
+    event_position(file, std::max(frames - sound_among(queued_frames()), int64_t{0}));
 }
 
 // Sends the events that come while sound plays.
@@ -742,6 +798,106 @@ void let_play_out(uint32_t pause)
     wait_for(after_the_queue, is_stopped);
 }
 
+// --- Breaks -------------------------------------------------------------------------------------
+
+// Starts the silence that comes before the frames of the ring.
+void begin_silence()
+{
+    primed = silence_ring == nullptr ? 1 : 0; // no memory for silence: the sound starts at once
+    silence_written = 0;
+    held_frames = 0;
+    start_byte = load_acquire(ring->bytes_sent);
+    store_release(silence_left, primed != 0 ? 0 : output_rate);
+    moved_at = sound_clock::now();
+}
+
+// The phase of the silence before the next frame of the ring: 1 if that frame has the second marker
+// of DoP, else 0. The frame may be the second one of a group, and a receiver of DoP must not get
+// the same marker twice. The two frames of a pair of silence differ only in their markers.
+uint32_t phase_of_next_frame()
+{
+    if (silence_ring == nullptr || ring_frames(ring) == 0) return 0;
+    const uint8_t *next = next_frames();
+    const uint8_t *first = ring_data(silence_ring);
+    const uint8_t *second = first + silence_ring->gap;
+    uint32_t phase = 0;
+    for (uint32_t i = 0; i < silence_ring->gap; ++i) {
+        if (first[i] == second[i]) continue;
+        if (next[i] != second[i]) return 0;
+        phase = 1;
+    }
+    return phase;
+}
+
+void emit_break()
+{
+    const bool suspended = break_cause->reason == stop_reason::suspended;
+    event_rebuffering(load_acquire(playing_file), break_cause->reason,
+                      suspended ? sound_among(held_frames) : 0);
+    print_in_time("the sound stopped: waiting for the files\n");
+}
+
+void count_break()
+{
+    store_release(sound_breaks, load_acquire(sound_breaks) + 1);
+    wake(waiter::main);
+}
+
+// Whether the ring holds enough for the sound to go on, or everything that is left.
+bool ring_is_filled()
+{
+    return no_more_is_read() || (ring_frames(ring) > 0 && ring_is_primed());
+}
+
+void wait_for_ring()
+{
+    constexpr int64_t between_positions = 1000000; // microseconds
+    const auto is_due = [] { return is_stopped() || ring_is_filled(); };
+    while (!is_due()) {
+        emit_progress();
+        starving.exchange(1);
+        wait_for(between_positions, is_due);
+    }
+}
+
+// Prepares the device after a break. Result: false if the sound was stopped, for example because
+// the device did not come back.
+bool prepare_again(uint32_t pause)
+{
+    static constexpr stop_cause stays_away = {stop_reason::disconnected, nullptr, 0};
+    constexpr auto patience = std::chrono::seconds(10); // counted while the machine is awake
+    const auto latest = sound_clock::now() + patience;
+    while (!is_stopped()) {
+        const int code = snd_pcm_prepare(pcm);
+        if (code >= 0) return true;
+        if (code == -ENODEV || sound_clock::now() >= latest) stop_playing(&stays_away);
+        wait_for(pause, is_stopped);
+    }
+    return false;
+}
+
+// Goes on after a break: waits for the ring and the device, and starts with silence, as at the
+// beginning of the stream. The next frame is the one after the last frame that the device took.
+void mend_break(uint32_t pause)
+{
+    emit_break();
+    count_break();
+    const bool came_to_sound = load_acquire(ring->bytes_sent) != start_byte;
+    if (!came_to_sound)
+        wait_for(pause, is_stopped); // or a device that breaks again and again would flood the log
+    wait_for_ring();
+    // At the end of the list there is nothing left to play.
+    if (!is_stopped() && !all_is_sent() && prepare_again(pause)) {
+        silence_phase = phase_of_next_frame();
+        begin_silence();
+        count_break();
+        fill_device(pause);
+        if (snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED) start_device();
+    }
+}
+
+// --- From the first frame to the last -----------------------------------------------------------
+
 // Runs until all frames are sent and played, the device drains by itself, or the sound is stopped.
 void play()
 {
@@ -753,7 +909,10 @@ void play()
     while (!all_is_sent() && !is_stopped() && step != pump_step::drains) {
         step = write_pump();
         emit_progress();
-        if (step != pump_step::drains) wait_after(step, pause);
+        if (step == pump_step::broke_off)
+            mend_break(pause);
+        else if (step != pump_step::drains)
+            wait_after(step, pause);
     }
     emit_progress();
     if (!is_stopped()) let_play_out(pause);
@@ -828,10 +987,12 @@ void forget_stream()
     dsd_stream = 0;
     i2s_mode = flag_off;
     store_release(silence_left, -1);
+    store_release(sound_breaks, 0);
 }
 
 void sound_was_fed()
 {
+    if (sound_waits(load_acquire(sound_breaks)) && !ring_is_filled()) return;
     if (starving.exchange(0) != 0) wake(waiter::output);
 }
 
@@ -839,12 +1000,14 @@ sound_phase phase_of_sound()
 {
     const int32_t silence = load_acquire(silence_left);
     if (silence < 0) return sound_phase::opening;
+    if (sound_waits(load_acquire(sound_breaks))) return sound_phase::waiting;
     return silence > 0 ? sound_phase::silence : sound_phase::sound;
 }
 
 int64_t sound_left()
 {
-    if (phase_of_sound() == sound_phase::opening) {
+    const sound_phase phase = phase_of_sound();
+    if (phase == sound_phase::opening || phase == sound_phase::waiting) {
         const int64_t frames = int64_t{output_rate} + ring_frames(ring);
         return duration_of(frames).count() + wanted_buffer_microseconds;
     }
@@ -859,14 +1022,11 @@ void *output_thread(void *)
     // stop_output is not cleared here, because a stop could have come since main checked it.
     stream_settings stream{};
     const bool opened = sound_open(&stream);
-    primed = 0;
-    silence_written = 0;
     make_silence();
-    if (silence_ring == nullptr) primed = 1; // no memory for silence: the sound starts at once
-    store_release(silence_left, primed != 0 ? 0 : output_rate);
-    wake(waiter::main);
-    moved_at = sound_clock::now();
+    silence_phase = 0;
     next_to_emit = stream_file->index;
+    begin_silence();
+    wake(waiter::main);
 
     // A device whose whole buffer counts as nearly full would get no frame.
     if (opened && alsa_buffer_frames <= nearly_full_frames) {

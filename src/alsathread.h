@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include <atomic>
 #include <cstdint>
 
 // Opens the device once to learn output_format, output_rate, i2s_mode and the byte widths of
@@ -31,12 +32,21 @@ void forget_stream();
 void sound_was_fed();
 
 // What the output thread is doing. Main is woken when it changes. Any thread.
-enum class sound_phase { opening, silence, sound };
+enum class sound_phase { opening, silence, sound, waiting };
 sound_phase phase_of_sound();
 
 // The longest time in microseconds that the rest of the silence, the ring and the device can last.
-// Before the device is open, its buffer is assumed to have the requested size. Main thread.
+// Before the device is open, and in a break, all of the silence counts, and the buffer of the
+// device is assumed to have the requested size. Main thread.
 int64_t sound_left();
+
+// Counts each break, in which the sound waits for the ring and the device, and each new start after
+// one. Written by the output thread, which then wakes main; read by main.
+extern std::atomic<int32_t> sound_breaks;
+inline bool sound_waits(int32_t breaks)
+{
+    return breaks % 2 != 0;
+}
 
 // The output thread: opens the device to play, sends a second of silence and then the ring. It ends
 // when the ring is empty and nothing more will come, or when stop_output is set.

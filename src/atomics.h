@@ -1,9 +1,10 @@
-// The ordered access to words that two threads share.
+// Ordered access to words that two threads share.
 #pragma once
 
 #include <atomic>
 
-// What the writer did before store_release is seen by a reader after load_acquire.
+// A reader that gets a value by load_acquire also sees all that its writer wrote before the
+// store_release of that value.
 template <typename T> inline T load_acquire(const std::atomic<T> &word)
 {
     return word.load(std::memory_order_acquire);

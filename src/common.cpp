@@ -16,18 +16,18 @@
 #include "sonivane.h"
 #include "util.h"
 
-// Each product and each sum must be rounded to single precision.
+// Each product and each sum must be rounded to single precision, never computed in a wider type.
 static_assert(FLT_EVAL_METHOD == 0);
 
 namespace
 {
 
-// Both sets carry this gain, 0.9 in single precision.
+// The taps of both families are multiplied by this gain, 0.9 in single precision.
 constexpr float filter_gain = std::bit_cast<float>(0x3F666666U);
 
 constexpr int32_t family44_rate = 44100;
 constexpr int32_t family48_rate = 48000;
-// Output frames of an input frame at 44100 Hz.
+// Output frames for each input frame at 44100 Hz.
 constexpr ptrdiff_t block_entries = 8;
 
 constexpr std::array<coeff_row, 4> normal_rows{{
@@ -44,20 +44,23 @@ constexpr std::array<coeff_row, 3> short_rows{{
 
 // --- State: one filter, main thread only --------------------------------------------------------
 //
-// An entry of output is a sum over the last inputs, as many as its family's table is long. Entries
-// are worked out a tile at a time: when one has been read, the next starts at 0 and gets all inputs
-// kept, oldest first, while it stays in registers. Inputs that come while it is read are added
-// before the entries that they reach are read.
+// An entry is one output value of a side (left or right). It is a sum of products over the last
+// `reach` inputs:
 //
-// What an entry takes of an input depends on the distance between them, and stands in the table at
-// that distance. Where an input does not reach stand zeros: such a product changes nothing, since a
-// sum that starts at +0 never becomes -0.
+//   entry = taps[d_oldest] * input_oldest + ... + taps[d_newest] * input_newest
+//
+// d is the distance of the entry from the input, in entries. Entries are computed in tiles. A new
+// tile starts at 0 and adds all stored inputs, oldest first, while it stays in registers. The
+// inputs that arrive while the tile is read are added to its entries before those are read.
+//
+// The table holds zeros for the distances at which an input does not contribute. Such a product
+// changes no sum, because a sum that starts at +0 never becomes -0.
 
-// Vectors of each side of a tile: what the registers hold.
+// Vectors of each side of a tile. The registers hold that many.
 constexpr int32_t tile_vectors = 6;
 
-// A frame of input, each value once for each lane of the narrowest vectors, which would need a
-// shuffle to spread a single one.
+// An input frame. Each value is stored four times, once for each lane of the narrowest vectors:
+// loading a single value would need a shuffle to copy it to all lanes.
 using four_lanes = float __attribute__((vector_size(4 * sizeof(float))));
 struct kept_input {
     four_lanes left;
@@ -65,15 +68,15 @@ struct kept_input {
 };
 
 struct family {
-    ptrdiff_t reach;      // inputs in the sum of an entry
-    ptrdiff_t input_step; // floats of the table from an input to the one before it
+    ptrdiff_t reach;      // number of inputs in the sum of an entry
+    ptrdiff_t input_step; // floats of the table between an input and the next older one
     float *table;
-    float *taps; // where the table has a distance of 0
+    float *taps; // the table's place for distance 0
     kept_input *inputs;
-    kept_input *next_input; // behind the newest of them
+    kept_input *next_input; // after the newest input
     kept_input *inputs_end;
-    float *tile;        // entries of the left side, then of the right
-    ptrdiff_t position; // entries of each side that have been read
+    float *tile;        // entries of the left side, then of the right side
+    ptrdiff_t position; // number of entries of each side that were read
 };
 
 const coeff_row *family44_row;
@@ -84,16 +87,17 @@ family family48;
 int32_t filter_source_rate; // Hz, of the last coeff_filter_init
 int32_t filter_target_rate;
 
-// Source-rate steps not yet paid for by target-rate steps.
+// The phase of the 48 kHz family: the time by which the output steps reach beyond the input frames,
+// in units of 1/(source rate * target rate) seconds.
 int32_t rate_accumulator;
 
-// Left and right in turn; room for the frames that one input can give at the source rate.
+// Left and right alternating. It holds the frames that one input can give at the source rate.
 float *filter_output;
 int64_t filter_output_floats;
 
 // --- Run ----------------------------------------------------------------------------------------
 
-// Kept apart from the loops, which hardly ever need it.
+// Not inlined: the filter loops rarely need it.
 [[gnu::noinline]] void cut_channels(float *output, ptrdiff_t frames)
 {
     for (ptrdiff_t i = 0; i < frames; ++i) {
@@ -102,7 +106,7 @@ int64_t filter_output_floats;
     }
 }
 
-// Steps of the output in which an input that comes now is the current one.
+// Output steps during which a new input is the current one. Advances the phase.
 ptrdiff_t steps_of_input()
 {
     const auto source = static_cast<uint32_t>(filter_source_rate);
@@ -115,18 +119,18 @@ ptrdiff_t steps_of_input()
 #define VECTOR_KERNEL "filter_kernel.inc"
 #include "vector_widths.inc"
 
-// One way to run the filter. All give the same bits. There is none for vectors of 512 bits: Zen 4
-// does a fifth less with them than with 256, which play at 60 times real time and more.
+// The filter's functions for one vector width. All widths give the same bits. There is no width of
+// 512 bits: on Zen 4 it is a fifth slower than 256 bits, which reach 60 times real time and more.
 struct filter_width {
     int32_t vector_floats;
-    bool (*present)(); // the processor has such vectors
+    bool (*present)(); // whether the processor has such vectors
     const float *(*run_family44)(const float *input, int32_t *count);
     const float *(*run_family48)(const float *input, int32_t *count);
 };
 
 #define RUN(width) vectors_##width::run_family44, vectors_##width::run_family48
-// The last width that is present is the one taken.
-// Versions of clang-format differ about a table with an #if.
+// The last width that is present is used.
+// Versions of clang-format format a table with an #if differently.
 // clang-format off
 constexpr auto filter_widths = std::to_array<filter_width>({
     {4, [] { return true; }, RUN(128)},
@@ -137,14 +141,13 @@ constexpr auto filter_widths = std::to_array<filter_width>({
 // clang-format on
 #undef RUN
 
-const filter_width *width; // null: not chosen yet
+const filter_width *width; // null: not selected yet
 
 // --- Set-up -------------------------------------------------------------------------------------
 
-// A cache line.
-constexpr std::align_val_t table_alignment{64};
+constexpr std::align_val_t table_alignment{64}; // a cache line
 
-// Points *values to count values of 0. False for want of memory.
+// Points *values to count zeros. False if out of memory.
 template <typename value> bool allocate(value **values, int64_t count)
 {
     const auto bytes = static_cast<size_t>(count) * sizeof(value);
@@ -159,7 +162,8 @@ template <typename value> void release(value **values)
     *values = nullptr;
 }
 
-// The end of every failure. The terminal is still as it was found: a plain exit serves.
+// Ends the process after a failure. The terminal's mode has not been changed yet, so that a plain
+// exit is enough.
 [[noreturn]] void leave(int32_t number, const char *text)
 {
     coeff_filter_free();
@@ -179,8 +183,8 @@ template <typename value> void release(value **values)
 
 const char *const no_work_area = "work area could not allocated.";
 
-// The first row to target_rate for the family, whose row may also stand under rate 0. Null when
-// there is none.
+// The first row for target_rate with a source rate of family_rate, or of 0, which stands for any
+// family. Null if there is none.
 const coeff_row *find_row(const coeff_row *rows, int32_t target_rate, int32_t family_rate)
 {
     for (const coeff_row *row = rows; row->target_rate >= 0; ++row) {
@@ -190,16 +194,17 @@ const coeff_row *find_row(const coeff_row *rows, int32_t target_rate, int32_t fa
     return nullptr;
 }
 
-// Entries of each side.
+// Entries of each side of a tile.
 ptrdiff_t tile_size()
 {
     return ptrdiff_t{tile_vectors} * width->vector_floats;
 }
 
-// Nothing before the first input is the same as silence.
+// The inputs before the first one are zeros, that is, silence.
 bool make_inputs(family *f, ptrdiff_t reach)
 {
-    // As many are moved to the front as were added, when there is no room for those of a tile.
+    // When there is no room for the inputs of a tile, the last `reach` inputs move to the front.
+    // That is at most once in `reach` inputs, so that each input is copied about once.
     const ptrdiff_t most = 2 * reach + tile_size();
     if (!allocate(&f->inputs, most)) return false;
     f->reach = reach;
@@ -208,14 +213,15 @@ bool make_inputs(family *f, ptrdiff_t reach)
     return true;
 }
 
-// A tile that has been read.
+// Makes a tile whose entries all count as read, so that the first run computes a new one.
 bool make_tile(family *f)
 {
     f->position = tile_size();
     return allocate(&f->tile, stream_channels * tile_size());
 }
 
-// A table of tap_floats for each entry of distance; an input gives so many entries.
+// Makes a table of tap_floats floats for each distance. input_entries is the distance in entries
+// between two inputs.
 bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 {
     const ptrdiff_t distances = f->reach * input_entries + 2 * tile_size();
@@ -225,8 +231,16 @@ bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
     return true;
 }
 
-// The merged table: each entry is the sum of the taps that end at it, as many as an input frame has
-// output frames. An input meets it block by block, from its end to its start.
+// Fills the table of the 44100 Hz family. span is the number of output frames for each input frame.
+// Each entry of the table is a sum of span taps:
+//
+//   S[m] = taps[m - span + 1] + ... + taps[m]    (taps outside the set are 0)
+//
+// Entry r of a block takes of the input D frames before that block's input (D from 1 to reach):
+//
+//   gain * S[(reach - D) * span + r]
+//
+// The oldest input (D = reach) uses the first block of S, the newest one (D = 1) the last block.
 void fill_merged_table(int32_t span)
 {
     const auto [tap_count, taps] = *family44_row->coeffs;
@@ -248,20 +262,32 @@ void make_family44()
     fill_merged_table(span);
 }
 
-// What the entry distance steps on takes of a step's input. A step lays its taps from the last
-// multiple of four steps before it, turned by as many as it comes later, so that they lie where
-// those of a multiple of four would, or two off. What is turned away in front follows at the end.
-float rotated_tap(int32_t distance, int32_t turn)
+// The factor by which the input of step s is multiplied in entry e.
+//
+//   N = tap_count, L = N + 4, distance = e - s (from 1 to L), j = s mod 4
+//   k = distance mod L            for j = 0
+//       (distance + j - 4) mod L  for j > 0
+//   factor = gain * taps[(k + j) mod N] for k < N, else 0
+//
+// Modulo L, k is the distance of e from the first multiple of four that is not below s. Except near
+// both ends of the set the tap is
+//
+//   j    0               1                   2               3
+//   tap  taps[distance]  taps[distance - 2]  taps[distance]  taps[distance + 2]
+//
+// The first j taps come last, for k = N - j to N - 1.
+float rotated_tap(int32_t distance, int32_t j)
 {
     const auto [tap_count, taps] = *family48_row->coeffs;
     const int32_t length = tap_count + 4;
     if (distance < 1 || distance > length) return 0;
-    const int32_t entry = (distance + (turn == 0 ? 0 : turn - 4) + length) % length;
-    return entry < tap_count ? filter_gain * taps[(entry + turn) % tap_count] : 0;
+    const int32_t k = (distance + (j == 0 ? 0 : j - 4) + length) % length;
+    return k < tap_count ? filter_gain * taps[(k + j) % tap_count] : 0;
 }
 
-// Each distance has a row for a whole vector, whose lanes are as many entries further on. Vectors
-// start at multiples of four entries, so that the distance tells how far behind one the step is.
+// Fills the table of the 48 kHz family. Each distance has a row of one vector: lane i has the
+// factor for distance + i. The first entry v of a vector is a multiple of four and the row's
+// distance is v - s, so that j = s mod 4 = -distance mod 4.
 void fill_rotated_table()
 {
     const int32_t lanes = width->vector_floats;
@@ -270,7 +296,7 @@ void fill_rotated_table()
             family48.taps[distance * lanes + lane] = rotated_tap(distance + lane, -distance & 3);
 }
 
-// Gives filter_output room for the source rate. False for want of memory.
+// Makes filter_output large enough for the source rate. False if out of memory.
 bool size_output()
 {
     const int64_t source = std::max(filter_source_rate, 1);

@@ -1,35 +1,37 @@
-// The oversampling filter: long FIR coefficient sets that take PCM to 352800 Hz. Main thread only;
-// one instance, whose state is file-level.
+// The oversampling filter: long FIR coefficient sets that raise PCM to 352800 Hz. Main thread only.
+// There is one instance. Its state is file-level.
 //
-// Two families of rates: a source of exactly 44100 Hz goes through a table folded over the 8 output
-// frames of an input frame, any other rate through one table step per output frame. Single
-// precision; each product is rounded, then added, oldest input first.
+// There are two families of rates. A source of exactly 44100 Hz gives 8 output frames for each
+// input frame, from a table whose entries are sums of 8 taps. Any other rate uses a table of single
+// taps and moves one entry through it for each output frame. All arithmetic is in single precision:
+// each product is rounded, then added, oldest input first.
 #pragma once
 
 #include <cstdint>
 
 struct coeff_row;
 
-// Makes both families ready for the given rates in Hz. channels must be 2; use_short selects the
-// short sets. A second call with the same target rate keeps the tables and the stream and changes
-// the rates alone. Result: -1; every failure is a report of this unit and leaves by exit.
+// Prepares both families for the given rates in Hz. channels must be 2. use_short selects the short
+// sets. A second call with the same target rate keeps the tables and the inputs and changes the
+// rates only. Result: -1. Every failure prints a report of this unit and ends the process by exit.
 int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t channels,
                           int32_t use_short);
 
-// Feeds one frame, input[0] left and input[1] right, full scale at 1.0, finite. Result: *count
-// floats, left and right in turn, valid until the next call; *count may be 0. Null for a source
-// rate below 1, a null count, or without a filter. At 44100 Hz left_cut and right_cut give zeros.
+// Feeds one frame: input[0] left, input[1] right, full scale 1.0, finite. Result: *count floats,
+// left and right alternating, valid until the next call; *count may be 0. Null if the source rate
+// is below 1, if count is null, or if there is no filter. At 44100 Hz a channel that left_cut or
+// right_cut silences is 0.
 const float *coeff_filter_run(const float *input, int32_t *count);
 
-// Frees all that coeff_filter_init allocated and forgets the stream. Null-safe.
+// Frees all that coeff_filter_init allocated and drops the inputs. May be called without a filter.
 void coeff_filter_free();
 
 // The rest is for tests and benchmarks.
 
-// coeff_filter_init with a rate table of the caller's.
+// Like coeff_filter_init, with the caller's rate table.
 int32_t coeff_filter_init_rows(const coeff_row *rows, int32_t source_rate, int32_t target_rate,
                                int32_t channels);
 
-// Frees the filter, and takes vectors of 4 or 8 floats for the next ones, or the widest for 0.
-// False when the processor or the program lacks them.
+// Frees the filter and selects the vector width of the next ones: 4 or 8 floats, or 0 for the
+// widest available. False if the processor or the build has no such vectors.
 bool coeff_filter_take_width(int32_t vector_floats);

@@ -40,8 +40,8 @@ constexpr int64_t largest_offset = std::numeric_limits<int32_t>::max();
 constexpr size_t path_buffer_bytes = 2047; // a composed path, its terminator included
 constexpr size_t compared_bytes = 2048;
 
-// Makes room in *block, which holds *size elements, for more than used ones, by doubling. False,
-// with the block as it was, for want of memory or when *size would not hold the number.
+// Grows *block by doubling, until *size, its room in elements, is above `used`. False, with the
+// block unchanged, if out of memory or if the new size does not fit into *size.
 template <typename T> bool grow(T **block, int32_t *size, int32_t first_size, int64_t used)
 {
     int64_t wanted = *size == 0 ? first_size : *size;
@@ -55,8 +55,8 @@ template <typename T> bool grow(T **block, int32_t *size, int32_t first_size, in
     return true;
 }
 
-// Reports why the system did not give what the path names, with its text on a line before; reason
-// is the word of the event.
+// Prints the system's text for errno on a line of its own, then the report. reason: the reason in
+// the event.
 void report_system_error(int32_t number, const char *format, const char *path, const char *reason)
 {
     std::fprintf(stderr, "%s\n", std::strerror(errno));
@@ -64,7 +64,7 @@ void report_system_error(int32_t number, const char *format, const char *path, c
     event_left_out(path, reason);
 }
 
-// Adds directory/name, cut to the buffer, or tells that it does not play.
+// Adds directory/name, truncated to the buffer, or sends the event that it does not play.
 void add_composed(const char *directory, const char *name, bool plays)
 {
     std::array<char, path_buffer_bytes> path;
@@ -83,14 +83,14 @@ bool is_dots(const char *name)
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// Null at the end, with errno 0, or when the directory cannot be read any further.
+// Null at the end, with errno 0, or after an error, with errno set.
 const dirent *next_entry(DIR *directory)
 {
     errno = 0;
     return readdir(directory);
 }
 
-// Directories on a network may be slow: a stop counts between two entries.
+// A directory on a network may be slow, so that a stop is checked before each entry.
 bool goes_on()
 {
     exit_if_interrupted();
@@ -107,7 +107,7 @@ void walk_directory(const char *path)
     errno = 0;
     const dirent *entry = nullptr;
     while (goes_on() && (entry = next_entry(directory)) != nullptr) {
-        // A file system that does not tell types tells none.
+        // Where the file system reports no types (DT_UNKNOWN), no entry is a file.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
     if (errno != 0 && !is_stopped())
@@ -115,8 +115,8 @@ void walk_directory(const char *path)
     closedir(directory);
 }
 
-// Sorts the names from the given one on. Equal names stay in their order: two paths may differ only
-// behind compared_bytes.
+// Sorts the names from index first to the end. The sort is stable: paths that differ only after
+// compared_bytes count as equal and keep their order.
 void sort_names(int32_t first)
 {
     std::stable_sort(pool_offsets + first, pool_offsets + pool_count, [](int32_t a, int32_t b) {
@@ -127,12 +127,12 @@ void sort_names(int32_t first)
 // --- A list of names ----------------------------------------------------------------------------
 
 constexpr size_t first_list_bytes = 65536;
-constexpr size_t list_bytes_limit = size_t{1} << 30; // what never ends is refused some time
+constexpr size_t list_bytes_limit = size_t{1} << 30; // so that an endless input is refused
 
-// What read_list read, until its names are expanded. A zero byte follows the last one.
-char *list_text; // owned; null: there is no list
+// The content of the list, until its names are expanded. A zero byte follows the last one.
+char *list_text; // owned; null if there is no list
 size_t list_size;
-std::string_view list_folder; // with its slash at the end; part of the path that was given
+std::string_view list_folder; // ends with a slash, or empty; points into the path of the list
 
 bool read_whole_list(int descriptor)
 {
@@ -153,7 +153,8 @@ bool read_whole_list(int descriptor)
     return got == 0;
 }
 
-// Such a list must not lose bytes to the search for keys.
+// Whether the list is read from standard input. If so, keys are not read yet: reading them would
+// take bytes of the list.
 bool is_standard_input(int descriptor)
 {
     struct stat list;
@@ -162,16 +163,16 @@ bool is_standard_input(int descriptor)
            list.st_dev == input.st_dev && list.st_ino == input.st_ino;
 }
 
-// A list that comes through a descriptor has no folder of its own.
+// The folder of the list. A list that is read through a descriptor has none.
 std::string_view folder_of(std::string_view path)
 {
-    for (const char *handed_over : {"/dev/fd/", "/dev/stdin", "/proc/"})
-        if (path.starts_with(handed_over)) return {};
+    for (const char *descriptors : {"/dev/fd/", "/dev/stdin", "/proc/"})
+        if (path.starts_with(descriptors)) return {};
     return path.substr(0, path.rfind('/') + 1);
 }
 
-// Unlike a name of the command line, one of a list keeps its place, with a directory's files in
-// byte order.
+// Adds a name of a list. It keeps its place in the list, unlike a name of the command line. Only
+// the files of a directory are sorted.
 void walk_in_place(const char *name)
 {
     if (!goes_on()) return;

@@ -17,10 +17,10 @@ constexpr size_t name_bytes = 4;
 // One chunk's header.
 struct chunk {
     chunk_name name;
-    uint64_t size; // bytes of the body, the pad byte behind an odd one not counted
+    uint64_t size; // bytes of the body, without the pad byte after an odd body
 };
 
-// What the parser knows of the file while it walks.
+// The state of the parser.
 struct walk {
     soundfile *file;
     uint32_t rate; // of "FS  ", in Hz
@@ -33,21 +33,22 @@ bool read_chunk(std::FILE *fp, chunk *c)
     return read_name(fp, &c->name) && read_be64(fp, &c->size) != 0;
 }
 
-// Bytes that a chunk takes of the one around it. Sizes that do not add up carry a walk past 0: it
-// goes on, as with a very large number, to the end of the file.
+// Bytes of a whole chunk in its parent chunk: header, body and pad byte. If the sizes of the chunks
+// exceed that of their parent, the remaining size wraps to a very large number and the walk goes on
+// to the end of the file.
 uint64_t whole_bytes(const chunk &c)
 {
     return chunk_header_bytes + c.size + (c.size & 1);
 }
 
-// Passes over the body of a chunk, and its pad byte. A size that would carry the stream past
-// 2^63 - 1 is refused, so that every step goes forward.
+// Skips the body of a chunk and its pad byte. A size that would move the stream above 2^63 - 1 is
+// refused, so that every step goes forward.
 bool skip_body(std::FILE *fp, uint64_t size)
 {
     return skip_bytes(fp, size) && skip_bytes(fp, size & 1);
 }
 
-// --- Property sub-chunks; each reads one body and tells whether it is well-formed ---------------
+// --- Property sub-chunks: each function reads one body; false: it is not well-formed ------------
 
 bool parse_rate(walk *w, uint64_t size)
 {
@@ -55,7 +56,7 @@ bool parse_rate(walk *w, uint64_t size)
     return read_be32(w->file->fp, &w->rate) != 0 && size == 4;
 }
 
-// What a channel's name says of it.
+// The role that a channel's name gives it.
 enum class channel_role { left, right, other, unknown };
 
 channel_role role_of(const chunk_name &name)
@@ -73,8 +74,8 @@ channel_role role_of(const chunk_name &name)
     return channel_role::unknown;
 }
 
-// A side that the list leaves without a channel gets the first place that the other side does not
-// hold.
+// If the list names no channel for a side, the side gets the first place that the other side does
+// not have.
 void fill_unset_sides(std::array<uint8_t, 8> &map)
 {
     for (const size_t side : {size_t{0}, size_t{1}})
@@ -102,7 +103,7 @@ bool parse_channels(walk *w, uint64_t size)
             map[1] = place;
             break;
         case channel_role::other:
-            if (i != 1 || map[1] == map_unset) map[i] = place; // a right channel found before stays
+            if (i != 1 || map[1] == map_unset) map[i] = place; // keeps a right channel found before
             break;
         case channel_role::unknown:
             return false;
@@ -113,7 +114,8 @@ bool parse_channels(walk *w, uint64_t size)
     return size == 2 + name_bytes * count;
 }
 
-// The text of "CMPR" is read by its own length, with a pad byte that makes length and text even.
+// The text of "CMPR" is read by its own length byte, not by the chunk's size. A pad byte makes
+// length byte and text even together.
 bool parse_compression(walk *w, uint64_t)
 {
     std::FILE *fp = w->file->fp;
@@ -155,7 +157,7 @@ bool parse_property(walk *w, const chunk &c)
     return skip_body(w->file->fp, c.size);
 }
 
-// Walks the body of "PROP".
+// Parses the body of "PROP".
 bool parse_properties(walk *w, uint64_t size)
 {
     chunk_name type;
@@ -177,7 +179,8 @@ bool parse_version(walk *w, uint64_t size)
     return read_be32(w->file->fp, &version) != 0 && size == 4;
 }
 
-// The sound data: its size, rate and channels make the record.
+// At the sound data: sets length and rate in the record, from the size of the data and the
+// properties. False without a rate or channels.
 bool describe_sound(walk *w, uint64_t size)
 {
     if (!w->has_rate || !w->has_channels) return false;
@@ -223,8 +226,9 @@ bool dsdiff_skip(soundfile *file, int64_t count)
 int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     constexpr size_t batch = 512;     // frames of one read
-    constexpr size_t frame_limit = 8; // channels of a WSD file
-    // One thread reads files: a stream's lock would cost as much as all the rest of a small call.
+    constexpr size_t frame_limit = 8; // bytes: a WSD file has up to 8 channels
+    // Unlocked calls: only one thread reads files, and the lock of the stream would cost as much as
+    // all the rest of a small call.
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0) return -1;
 
     std::array<uint8_t, batch * frame_limit> frame_buffer;

@@ -15,7 +15,7 @@ namespace
 constexpr uint32_t usual_block_bytes = 4096;
 constexpr uint64_t largest_offset = INT64_MAX;
 
-// Bit i of the index at bit 7 - i.
+// The entry for a byte has the byte's bit i at bit 7 - i.
 constexpr std::array<uint8_t, 256> bit_reverse = [] {
     std::array<uint8_t, 256> table{};
     for (unsigned v = 0; v < table.size(); ++v) {
@@ -25,10 +25,10 @@ constexpr std::array<uint8_t, 256> bit_reverse = [] {
     return table;
 }();
 
-// One left block at 0, one right block at block_bytes; of the file that is being read.
+// A block pair of the file that is being read: the left block at 0, the right block at block_bytes.
 uint8_t *dsf_buffer;
 uint32_t dsf_buffer_size; // bytes allocated
-int32_t dsf_position;     // in both blocks, of the next byte to hand out
+int32_t dsf_position;     // of the next byte to read, in both blocks
 
 // --- Header -------------------------------------------------------------------------------------
 
@@ -50,8 +50,8 @@ void clear_dsf_fields(soundfile *file)
     file->dsf_bytes_left = 0;
 }
 
-// Reads the "DSD " and "fmt " chunks. *data_offset: where the "data" chunk begins, from both
-// chunks' sizes.
+// Reads the "DSD " and "fmt " chunks. *data_offset: the start of the "data" chunk, which is the sum
+// of both chunks' sizes.
 bool read_header(soundfile *file, uint64_t *data_offset)
 {
     std::FILE *fp = file->fp;
@@ -60,7 +60,7 @@ bool read_header(soundfile *file, uint64_t *data_offset)
     if (check_tag(fp, "DSD ", 4) == 0 || read_le64(fp, &dsd_size) == 0 || !seek_to(fp, dsd_size) ||
         check_tag(fp, "fmt ", 4) == 0 || read_le64(fp, &format_size) == 0)
         return false;
-    // A sum above largest_offset must not wrap around: the seek to it tells.
+    // The sum must not wrap around. A sum above largest_offset fails at the seek to it.
     *data_offset = dsd_size + std::min(format_size, largest_offset + 1);
     return read_le32(fp, &file->dsf_version) != 0 && read_le32(fp, &file->dsf_format_id) != 0 &&
            read_le32(fp, &file->dsf_channel_type) != 0 &&
@@ -70,8 +70,8 @@ bool read_header(soundfile *file, uint64_t *data_offset)
            read_le64(fp, &file->dsf_sample_count) != 0 && read_le32(fp, &file->dsf_block_size) != 0;
 }
 
-// Stands on the "data" chunk's first block afterwards. Its size is not needed: the sample count
-// tells where the sound ends.
+// Leaves the stream at the first block of the "data" chunk. The chunk's size is not used: the
+// sample count gives the end of the sound.
 bool read_data_header(std::FILE *fp, uint64_t offset)
 {
     uint64_t size = 0;
@@ -90,7 +90,8 @@ uint64_t pair_bytes(const soundfile *file)
     return uint64_t{file->dsf_block_size} * stream_channels;
 }
 
-// A pair that the file does not hold is never read, and gets no memory.
+// Whether the rest of the file is long enough for a block pair. A pair that is not there is never
+// read and gets no memory.
 bool file_holds_pair(const soundfile *file)
 {
     struct stat status;
@@ -99,7 +100,8 @@ bool file_holds_pair(const soundfile *file)
            pair_bytes(file) <= static_cast<uint64_t>(status.st_size - here);
 }
 
-// Makes dsf_buffer large enough for the file's block pair. It never shrinks.
+// Makes dsf_buffer large enough for a block pair of the file, if the file holds one. It never
+// shrinks. False if the blocks are too large or if out of memory.
 bool provide_buffer(const soundfile *file)
 {
     const uint64_t wanted = pair_bytes(file);
@@ -115,19 +117,21 @@ bool provide_buffer(const soundfile *file)
     return true;
 }
 
-// Reads the next block of both channels. False when the file ends before; its end was met then.
+// Reads the next block of both channels. False if the file ends first; then the stream's
+// end-of-file flag is set.
 bool read_block_pair(const soundfile *file)
 {
     const auto pair = static_cast<size_t>(pair_bytes(file));
     if (pair <= dsf_buffer_size) return std::fread(dsf_buffer, 1, pair, file->fp) == pair;
-    // No memory was taken: less than one pair is there. A read at the end is what marks it as met.
+    // The buffer is too small because the file has less than one pair. Only a read at the end sets
+    // the end-of-file flag.
     fseeko(file->fp, 0, SEEK_END);
     std::fgetc(file->fp);
     return false;
 }
 
-// Reads the next block of both channels and passes over those of the others. False when the file
-// ends before.
+// Reads the next block of both channels and skips those of the other channels. False if the file
+// ends first.
 bool load_block_pair(const soundfile *file)
 {
     if (file->block_bytes == 0 || !read_block_pair(file)) return false;
@@ -170,7 +174,7 @@ bool dsf_skip(soundfile *file, int64_t count)
         return false;
     const auto into_block = static_cast<int32_t>(count % file->block_bytes);
     file->dsf_bytes_left -= count;
-    dsf_position = file->block_bytes; // the block pair is still to be read
+    dsf_position = file->block_bytes; // so that the next block pair is read first
     if (into_block == 0) return true;
     if (!load_block_pair(file)) return false;
     dsf_position = into_block;
@@ -182,7 +186,7 @@ int32_t dsf_read(soundfile *file, uint8_t *bytes, int32_t count)
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0 ||
         file->dsf_bytes_left <= 0)
         return -1;
-    // Nothing handed out yet: what the buffer holds is of another file.
+    // Before the first read of a file the buffer may hold a block pair of another file.
     if (file->dsf_bytes_left == bytes_per_channel(file)) dsf_position = file->block_bytes;
 
     const int32_t wanted = count / dsd_group_bytes * dsd_group_bytes;

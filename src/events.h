@@ -1,9 +1,10 @@
-// The events that a front-end reads, given a descriptor with --events: one JSON object a line, each
-// with "event" first and then the fields of docs/front-end.md in their order.
+// The events for a front-end, written to the descriptor that --events names. Each line is one JSON
+// object: "event" first, then the fields of docs/front-end.md in their order.
 //
-// A line goes out in one call that never waits, or not at all; the next one that goes out tells how
-// many were dropped. A reader that has left ends the sound, as its key would. Nothing here
-// allocates, and without a descriptor nothing here does anything. Either thread may tell any event.
+// A line is written by one call that does not block, or it is dropped. The next line that is
+// written has the number of dropped lines. A reader that closes its end stops the sound, as the
+// stop key does. Nothing here allocates memory. Without a descriptor all functions do nothing. Any
+// thread may send any event.
 #pragma once
 
 #include <cstdint>
@@ -11,58 +12,65 @@
 #include "lookout.h"
 #include "sonivane.h"
 
-// Takes the descriptor of that decimal number. False when it is none that is open for writing. Main
-// thread, before the output thread exists.
+// Sets the descriptor, given as a decimal number. False if it is not open for writing, or if it is
+// not inherited from the parent. Main thread, before the output thread exists.
 bool events_open(const char *number);
 
-// The word for a reason, in the last event and in report 1100. Any thread.
+// The name of a reason, for the last event and for report 1100. Any thread.
 const char *name_of(stop_reason reason);
 
-// Whether anybody listens.
+// Whether there is a descriptor and its reader has not left. Any thread.
 bool events_wanted();
 
-// The descriptor that the events go to, to see whether its reader has left; -1: none. Look-out.
+// The descriptor that events are written to, or -1. The look-out polls it to see its reader leave.
+// Look-out.
 int events_descriptor();
 
-// The reader of the events has left, which ends the sound as a key does. Any thread.
+// Records that the reader of the events has left, and stops the sound as the stop key does. Any
+// thread.
 void events_reader_left();
 
-// The file at index, of that many names, is being looked at; at most ten a second.
+// Reports that the file at index, out of that many names, is being probed. At most ten a second.
 void event_probing(int32_t index, int32_t of);
 
-// A name does not play, for that reason.
+// Reports that a name does not play, with the reason.
 void event_left_out(const char *path, const char *reason);
 
-// A file plays at its turn. The record has been opened.
+// Reports a file that is opened to be played. file is open.
 void event_file(const soundfile *file);
 
-// The device is about to be opened, for the attempt-th time from 1.
+// Reports that the device is about to be opened. The first attempt is 1.
 void event_opening(int32_t attempt);
 
-// That attempt failed; error is the system's text.
+// Reports that the attempt failed. error is the system's text.
 void event_not_opened(int32_t attempt, const char *error);
 
-// What the stream is, once it is settled. form: as the banner calls it; format_name: of
-// output_format, or empty; both sizes in frames of the device.
+// Reports the stream's parameters when they are final. form: its name in the banner. format_name:
+// the name of output_format, or empty. Both sizes are in frames of the device.
 void event_stream(const char *form, const char *format_name, uint32_t device_frames,
                   uint32_t ring_frames);
 
-// The ring is being filled for the first time; at most ten a second.
+// Reports the first fill of the ring. At most ten a second.
 void event_filling(int32_t percent);
 
-// The file's first frame has gone to the device.
+// Reports that the file's first frame was written to the device.
 void event_playing(const soundfile *file);
 
-// That many frames of the file have sounded since it began, as far as the player can know.
+// Reports the position: frames is the number of frames of the file, from where it began, that have
+// sounded, as far as the player can know.
 void event_position(const soundfile *file, int64_t frames);
 
-// Nothing more is read from the list; that many frames are still to sound.
+// Reports that the device ran empty or was suspended, and that the sound goes on as soon as it can.
+// lost_frames: frames that the device held and that will not sound.
+void event_rebuffering(const soundfile *file, stop_reason reason, int64_t lost_frames);
+
+// Reports that nothing more is read from the list, and that this many frames have yet to sound.
 void event_draining(int64_t frames);
 
-// The sound of the file ended before its end.
+// Reports that the sound of the file ended before the end that its header states.
 void event_read_error(const soundfile *file);
 
-// The process ends with that exit status, of which the shell sees the low 8 bits, for the reason in
-// stopped_by. Once; nothing is told behind it. It is tried for 100 ms. A signal handler may call it
-// too.
+// Reports the end of the process: its exit status, of which the shell sees the low 8 bits, and the
+// reason in stopped_by. Only the first call writes an event. No event is written after it. While
+// there is no room it retries for 100 ms. Safe in a signal handler. Any thread.
 void event_end(int32_t status);

@@ -19,7 +19,7 @@ constexpr const char *unit = "parse_param";
 
 constexpr const char *version_text = "Plays PCM and DSD files bit-perfect to one ALSA device";
 
-constexpr int usage_status = 1; // exit status after the usage text
+constexpr int usage_status = 1; // exit status
 
 constexpr size_t longest_compare = 1025; // bytes that strings_equal looks at
 
@@ -29,7 +29,7 @@ const char *program_name; // argv[0], for the usage text
 
 struct mode_row {
     const char *name;
-    const char *label; // end of the status line
+    const char *label; // printed at the end of the status line
 };
 constexpr mode_row mode_table[] = {{"1", "DoP"}, {"2", "Bi-Naural"}, {nullptr, nullptr}};
 
@@ -40,8 +40,8 @@ struct size_factor {
 constexpr std::array<size_factor, 4> size_factors = {
     {{'K', 1024}, {'k', 1024}, {'M', 1048576}, {'m', 1048576}}};
 
-// Beyond any ring, and small enough for every factor: a number with too many digits is refused
-// like any other that is too large, instead of wrapping into some other size.
+// Larger than any ring, and small enough to be multiplied by every factor. Numbers are clamped to
+// it, so that one with too many digits is refused as too large and cannot wrap to a smaller size.
 constexpr long long largest_number = 1LL << 32;
 
 int64_t factor_of(char letter)
@@ -70,8 +70,8 @@ void set_device(const char *name)
     std::snprintf(device_name.data(), device_name.size(), "%s", name);
 }
 
-// A negative number gives a size above all limits.
-void set_buffer_size(const char *size)
+// In bytes. A negative number becomes an unsigned size above all limits, which is refused later.
+uint64_t read_size(const char *size)
 {
     char *end = nullptr;
     const long long number = std::strtoll(size, &end, 10);
@@ -80,7 +80,17 @@ void set_buffer_size(const char *size)
         fatal_report(unit, 183, "illegal buffer size %s passed.\n", printable(size));
     }
     const int64_t count = std::clamp(number, -largest_number, largest_number);
-    buffer_bytes = static_cast<uint64_t>(count * factor_of(*end));
+    return static_cast<uint64_t>(count * factor_of(*end));
+}
+
+void set_buffer_size(const char *size)
+{
+    buffer_bytes = read_size(size);
+}
+
+void set_prime(const char *size)
+{
+    prime_bytes = read_size(size);
 }
 
 void set_events(const char *number)
@@ -89,14 +99,14 @@ void set_events(const char *number)
         fatal_report(unit, 61, "--events needs an open descriptor, not %s.\n", printable(number));
 }
 
-const char *list_path; // null: the names stand on the command line
+const char *list_path; // null: the names are on the command line
 
 void set_list(const char *path)
 {
     list_path = path;
 }
 
-// Read when all options are known: the last list counts, and no name may stand beside it.
+// Called after all options are parsed: the last list counts, and no name may be given with it.
 void take_list(bool names_given)
 {
     if (list_path == nullptr) return;
@@ -105,14 +115,15 @@ void take_list(bool names_given)
         fatal_report(unit, 67, "cannot read the list %s.\n", printable(list_path));
 }
 
-constexpr int64_t most_seconds = 100000000000000000; // ten times as many fit in a word
+constexpr int64_t most_seconds = 100000000000000000; // ten times this and one digit fit in 64 bits
 
-// Reads digits, and at most one point before, among or after them. False for anything else. A
-// binary fraction would put 0.29 seconds of 100 frames each at frame 28.
+// Parses digits with at most one decimal point before, among or after them. False for anything
+// else. The time is decimal because a binary fraction is not exact: at 100 frames per second 0.29 s
+// would be frame 28.
 bool read_time(const char *text, exact_time *time)
 {
     *time = {};
-    int64_t weight = 0; // attoseconds of the digit before; 0: no point yet
+    int64_t weight = 0; // of the last digit, in attoseconds; 0 before the decimal point
     int digits = 0;
     bool point = false;
     for (; *text != '\0'; ++text) {
@@ -142,21 +153,21 @@ template <int32_t &flag> void set_flag(const char *)
     flag = flag_on;
 }
 
-void take_no_notice(const char *) {}
+void ignore_value(const char *) {}
 
 // --- The options --------------------------------------------------------------------------------
 
-enum class value_place { none, next_entry, behind_equals };
+enum class value_place { none, next_entry, after_equals };
 
 struct option_row {
     const char *word;
     value_place value;
     void (*apply)(const char *value);
-    const char *help; // the line of the usage text; null: not told there
+    const char *help; // the line of the usage text; null: not printed there
 };
 
-// In the order of the usage text. Words are compared whole, case and all; only a word that ends
-// with its equals sign is compared as a prefix.
+// In the order of the usage text. Words are compared as a whole and case-sensitively. Only a word
+// that ends with an equals sign is compared as a prefix.
 constexpr option_row options[] = {
     {"-D", value_place::next_entry, set_device,
      "params:\t\t-D device_name\tdefine device name(Cf. -D hw:1,0)"},
@@ -176,26 +187,28 @@ constexpr option_row options[] = {
      "params:\t\t--right-cut\tkeep right channel silent"},
     {"-?", value_place::none, show_usage, nullptr},
     {"--help", value_place::none, show_usage, nullptr},
-    {"--mode=", value_place::behind_equals, select_mode, nullptr},
-    {"--events=", value_place::behind_equals, set_events, nullptr},
+    {"--mode=", value_place::after_equals, select_mode, nullptr},
+    {"--events=", value_place::after_equals, set_events, nullptr},
     {"--strict", value_place::none, set_flag<strict>, nullptr},
     {"--reopen", value_place::none, set_flag<reopen>, nullptr},
-    {"--list=", value_place::behind_equals, set_list, nullptr},
-    {"--start=", value_place::behind_equals, set_start, nullptr},
-    {"--skip", value_place::next_entry, take_no_notice, nullptr},
+    {"--list=", value_place::after_equals, set_list, nullptr},
+    {"--start=", value_place::after_equals, set_start, nullptr},
+    {"--prime=", value_place::after_equals, set_prime, nullptr},
+    {"--keep-going", value_place::none, set_flag<keep_going>, nullptr},
+    {"--skip", value_place::next_entry, ignore_value, nullptr},
 };
-constexpr option_row frequency_option = {"--frequency", value_place::next_entry, take_no_notice,
+constexpr option_row frequency_option = {"--frequency", value_place::next_entry, ignore_value,
                                          nullptr};
 
 bool matches(const option_row &option, const char *entry, bool has_next)
 {
-    if (option.value == value_place::behind_equals)
+    if (option.value == value_place::after_equals)
         return std::strncmp(entry, option.word, std::strlen(option.word)) == 0;
     if (option.value == value_place::next_entry && !has_next) return false;
     return strings_equal(entry, option.word) != 0;
 }
 
-// Null when the entry is no option.
+// Null if the entry is not an option.
 const option_row *find_option(const char *entry, bool has_next, bool with_frequency)
 {
     for (const option_row &option : options)
@@ -235,7 +248,7 @@ void print_usage(const char *program)
 void parse_options(int32_t argc, char **argv, int32_t with_frequency)
 {
     if (argc == 1) {
-        args_used = 2; // more than there are: nothing to do
+        args_used = 2; // more than argc, so that main finds nothing to play
         return;
     }
     program_name = argv[0];
@@ -244,13 +257,13 @@ void parse_options(int32_t argc, char **argv, int32_t with_frequency)
     for (int32_t i = 1; i < argc; ++i) {
         const bool has_next = i + 1 < argc;
         const option_row *option = find_option(argv[i], has_next, with_frequency != 0);
-        if (option == nullptr) continue; // a name, or a word that the expansion will report
+        if (option == nullptr) continue; // a name, or a word that the list expansion reports
         ++args_used;
         if (option->value == value_place::next_entry) {
             ++args_used;
             ++i;
         }
-        const bool attached = option->value == value_place::behind_equals;
+        const bool attached = option->value == value_place::after_equals;
         option->apply(attached ? argv[i] + std::strlen(option->word) : argv[i]);
     }
     take_list(args_used < argc);

@@ -54,6 +54,8 @@ int32_t reopen;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
+uint64_t prime_bytes = UINT64_MAX; // as much as no ring holds
+int32_t keep_going;
 const char *mode_label;
 controller_block *controller;
 
@@ -70,19 +72,17 @@ void describe_dsd(soundfile *file)
     constexpr int16_t extension_bytes = 22; // valid bits, channel mask and sub-format
     const int32_t rate = file->wave.nSamplesPerSec;
     file->sample_bytes = 1;
-    file->wave = {
-        .wFormatTag = 0,
-        .nChannels = stream_channels,
-        .nSamplesPerSec = rate,
-        .nAvgBytesPerSec = rate / 8 * stream_channels,
-        .nBlockAlign = stream_channels,
-        .wBitsPerSample = dsd_bits_per_sample,
-        .cbSize = extension_bytes,
-        .wValidBitsPerSample = 0,
-        .dwChannelMask = 1,
-        .SubFormat = {},
-        .rest = {},
-    };
+    file->wave = {.wFormatTag = 0,
+                  .nChannels = stream_channels,
+                  .nSamplesPerSec = rate,
+                  .nAvgBytesPerSec = rate / 8 * stream_channels,
+                  .nBlockAlign = stream_channels,
+                  .wBitsPerSample = dsd_bits_per_sample,
+                  .cbSize = extension_bytes,
+                  .wValidBitsPerSample = 0,
+                  .dwChannelMask = 1,
+                  .SubFormat = {},
+                  .rest = {}};
 }
 
 constexpr int16_t wave_tag_float = 3;
@@ -166,10 +166,14 @@ const container_row &row_of(container_kind container)
 }
 
 // The file that is fed is read in few large calls, which suits network mounts. Of the others only
-// the header is read. One buffer is enough, because only one file is fed at a time.
-void read_in_large_pieces(soundfile *file)
+// the header is read. One buffer is enough, because only one file is open at a time. Without a
+// buffer of its own, a stream would first ask the file system for the best size, which costs a call
+// to a network mount.
+void give_buffer(const soundfile *file)
 {
-    static std::array<char, 65536> buffer;
+    static std::array<char, 65536> of_played;
+    static std::array<char, 4096> of_probed;
+    const auto buffer = file == feeding_file ? std::span<char>(of_played) : of_probed;
     std::setvbuf(file->fp, buffer.data(), _IOFBF, buffer.size());
 }
 
@@ -179,7 +183,7 @@ constexpr char not_opened[] = "file %s open error.\n";
 bool open_stream(soundfile *file)
 {
     file->fp = fopen(file->path, "rb");
-    if (file->fp != nullptr && file == feeding_file) read_in_large_pieces(file);
+    if (file->fp != nullptr) give_buffer(file);
     return file->fp != nullptr;
 }
 
@@ -1012,15 +1016,13 @@ void begin_list()
     if (!begin_at(stream_file, time)) open_next_file();
 }
 
-constexpr int32_t filled_percent = 79; // the first filling ends above this level
-
 // Fills the ring before the output thread exists. It prints one line for each per cent, because a
 // line for each call would flood a log.
 void fill_ring()
 {
     terminal_raw();
     int32_t shown = -1;
-    while (load_acquire(ring->more_coming) != 0 && ring_percent(ring) <= filled_percent) {
+    while (load_acquire(ring->more_coming) != 0 && !ring_is_primed()) {
         const bool fed = !is_stopped() && fill_buffer() != 0;
         exit_if_interrupted(); // checked after the feeder, which does nothing after a SIGINT
         if (!fed) return;
@@ -1047,9 +1049,11 @@ bool has_news()
            shown_second(file) != last_shown_second;
 }
 
+// Sound that waits for the ring to be filled wants it sooner than sound that plays.
 bool has_work()
 {
-    return has_news() || ring_free(ring) >= refill_bytes;
+    return has_news() || ring_free(ring) >= refill_bytes ||
+           (sound_waits(load_acquire(sound_breaks)) && !ring_is_primed());
 }
 
 // Keeps the ring full until everything is fed or the output is stopped.
@@ -1077,10 +1081,11 @@ int64_t microseconds_now()
 // The inputs from which latest_end is computed.
 struct end_basis {
     sound_phase phase;
-    bool unwanted; // a SIGINT came
+    int32_t breaks; // sound_breaks
+    bool unwanted;  // a SIGINT came
     bool operator==(const end_basis &) const = default;
 };
-constexpr end_basis at_the_opening = {sound_phase::opening, false};
+constexpr end_basis at_the_opening = {sound_phase::opening, 0, false};
 
 // The latest end of the current stream in microseconds of the monotonic clock, and its inputs.
 int64_t latest_end;
@@ -1088,16 +1093,18 @@ end_basis latest_end_basis;
 
 end_basis basis_now()
 {
-    return {phase_of_sound(), load_acquire(interrupted) != 0};
+    return {phase_of_sound(), load_acquire(sound_breaks), load_acquire(interrupted) != 0};
 }
 
 // Microseconds that the sound may still last when nothing more is read: the time that ring and
 // device hold, plus a tenth and a fixed time. What the device reports is not used. While the device
-// is being opened the time is unknown: then the result is longest_wait, unless a SIGINT came.
+// is being opened, and in a break, the time is unknown: then the result is longest_wait, unless a
+// SIGINT came.
 int64_t time_left(const end_basis &basis)
 {
     constexpr int64_t for_the_end = 400000;    // for closing the device after the last frame
     constexpr int64_t for_the_start = 3000000; // a sound server may start two seconds late
+    if (basis.phase == sound_phase::waiting && !basis.unwanted) return longest_wait;
     if (basis != latest_end_basis) {
         const bool starts = basis.phase != sound_phase::sound && !basis.unwanted;
         const int64_t left = sound_left();
@@ -1194,6 +1201,12 @@ bool everything_is_out()
 
 } // namespace
 
+bool ring_is_primed()
+{
+    constexpr int32_t filled_percent = 79;
+    return ring_percent(ring) > filled_percent || ring_used(ring) >= prime_bytes;
+}
+
 void status_update(soundfile *file)
 {
     show_banner_once(file);
@@ -1213,7 +1226,7 @@ void status_update(soundfile *file)
 
 int main(int argc, char **argv)
 {
-    hold_standard_descriptors();
+    open_missing_descriptors();
     attach_controller();
     raise_priority();
     start_lookout();

@@ -101,8 +101,8 @@ struct soundfile {
     int32_t rf64;              // flag: the WAV file is of the RF64 form
     int64_t probed_bytes;      // bytes of the whole file when it was probed
     int64_t sound_offset;      // byte offset of the sound at that time
-    int64_t start_unit; // where --start makes it begin: frames (PCM), bits of a channel (DSD)
-    soundfile *next;    // the next element of file_list; null in the end sentinel
+    int64_t start_unit;        // first one to play by --start: frame (PCM), bit of a channel (DSD)
+    soundfile *next;           // the next element of file_list; null in the end sentinel
 };
 
 // The second of the file that the status line shows, from 0. Any thread.
@@ -184,9 +184,14 @@ extern int32_t reopen;         // flag: a file of another form gets its own stre
 extern exact_time start_time;  // where the first file begins
 extern int32_t args_used;      // entries of argv used by options, with argv[0]
 extern uint64_t buffer_bytes;  // requested size of the ring; 0: not given
+extern uint64_t prime_bytes;   // bytes in the ring at which the sound starts, at the latest
+extern int32_t keep_going;     // flag: a device is started again after an underrun or a suspend
 extern const char *mode_label; // end of the status line; may be null
 
 extern controller_block *controller; // null when there is none
+
+// Whether the ring holds enough to start the sound. Any thread.
+bool ring_is_primed();
 
 // When a form is requested from the device.
 enum class form_offer {

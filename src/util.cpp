@@ -34,16 +34,18 @@ static_assert(sizeof blank_line == 1 + blanks + 1);
 
 // --- Reports ------------------------------------------------------------------------------------
 
-// A report as it is printed, and as the cause of the end: its sentence, without head and line end.
-struct laid_out_report {
+// A report in both forms: the text that is printed, and the cause of the end with its sentence,
+// without the "ERROR" prefix and without line ends.
+struct formatted_report {
     std::array<char, longest_sentence + 64> text;
     std::array<char, longest_sentence + 1> sentence;
     stop_cause cause;
 };
 
-// The report is not moved afterwards.
-[[gnu::format(printf, 4, 0)]] void lay_out(laid_out_report &made, const char *source,
-                                           int32_t number, const char *format, va_list arguments)
+// made must not be moved afterwards: its cause points into it.
+[[gnu::format(printf, 4, 0)]] void format_report(formatted_report &made, const char *source,
+                                                 int32_t number, const char *format,
+                                                 va_list arguments)
 {
     std::vsnprintf(made.sentence.data(), made.sentence.size(), format, arguments);
     std::snprintf(made.text.data(), made.text.size(), "\nERROR %s %" PRId32 " %s", source, number,
@@ -53,7 +55,8 @@ struct laid_out_report {
     made.cause = {stop_reason::report, source, number, made.sentence.data()};
 }
 
-// The terminal and the last event come before the text: nobody may be there to take that.
+// The text is printed after the terminal is restored and the last event is sent, because standard
+// error may block or have no reader.
 [[noreturn]] void leave(int32_t status, const char *text)
 {
     begin_to_leave();
@@ -61,12 +64,13 @@ struct laid_out_report {
     event_end(status);
     print_in_time(text);
     std::fflush(stdout);
-    std::exit(status); // which waits, in some C libraries, for a file that main stands in a read of
+    std::exit(status); // in some C libraries it waits for a read that main is blocked in
 }
 
 // --- Names --------------------------------------------------------------------------------------
 
-// The C0 control characters and DEL. In UTF-8 none of them is part of another character.
+// Whether the byte is a C0 control character or DEL. In UTF-8 these bytes never belong to another
+// character.
 bool is_control(char byte)
 {
     return static_cast<unsigned char>(byte) < ' ' || byte == '\x7F';
@@ -76,7 +80,7 @@ bool is_control(char byte)
 
 constexpr int64_t seconds_per_minute = 60;
 constexpr int64_t seconds_per_hour = 3600;
-constexpr size_t longest_banner_path = 40; // in characters; a longer one gets a line of its own
+constexpr size_t longest_banner_path = 40; // in bytes; a longer path is printed on its own line
 
 struct clock_time {
     int64_t hours;
@@ -107,10 +111,10 @@ void report(const char *source, int32_t number, const char *format, ...)
 
 void stopping_report(const char *source, int32_t number, const char *format, ...)
 {
-    static laid_out_report made; // nobody needs more than the first one
+    static formatted_report made; // static: the cause must last as long as the process
     va_list arguments;
     va_start(arguments, format);
-    lay_out(made, source, number, format, arguments);
+    format_report(made, source, number, format, arguments);
     va_end(arguments);
     stop_playing(&made.cause);
     std::fputs(made.text.data(), stderr);
@@ -118,10 +122,10 @@ void stopping_report(const char *source, int32_t number, const char *format, ...
 
 void fatal_report(const char *source, int32_t number, const char *format, ...)
 {
-    laid_out_report made; // nobody returns from here
+    formatted_report made; // lasts until the end of the process: this function does not return
     va_list arguments;
     va_start(arguments, format);
-    lay_out(made, source, number, format, arguments);
+    format_report(made, source, number, format, arguments);
     va_end(arguments);
     store_release(exit_status, number);
     stop_playing(&made.cause);
@@ -141,7 +145,7 @@ void fatal_exit(int32_t status)
 bool print_in_time(const char *text)
 {
     constexpr int patience_ms = 100;
-    constexpr size_t piece = 4096; // a pipe that has room at all takes as much without waiting
+    constexpr size_t piece = 4096; // a pipe that polls as writable takes this much without blocking
     pollfd polled = {STDERR_FILENO, POLLOUT, 0};
     for (std::string_view rest = text; !rest.empty();) {
         if (poll(&polled, 1, patience_ms) != 1) return false;
@@ -152,11 +156,11 @@ bool print_in_time(const char *text)
     return true;
 }
 
-void hold_standard_descriptors()
+void open_missing_descriptors()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(descriptor, F_GETFD) >= 0) continue;
-        [[maybe_unused]] const int held = open("/dev/null", O_RDWR); // the lowest free one
+        [[maybe_unused]] const int opened = open("/dev/null", O_RDWR); // the lowest free number
     }
 }
 
@@ -205,7 +209,7 @@ void raise_priority()
 {
     if (geteuid() != 0) return;
     errno = 0;
-    // A negative result may be the new nice value itself.
+    // A negative result may be the new nice value: only errno shows a failure.
     if (nice(raised_priority) >= 0 || errno == 0) return;
     std::perror("nice()");
     fatal_report(unit, 145, "nice() failed.\n");

@@ -1,69 +1,74 @@
-// What every unit leans on: reports, the lines on the console, the process's priority, and how long
+// Functions for all units: reports, the lines on the console, the process's priority, and how long
 // the output thread may sleep.
 #pragma once
 
 #include <cstdint>
 
-// Prints "\nERROR unit number " and the formatted message on standard error, and goes on. Any
+// Prints "\nERROR unit number " and the formatted message on standard error, and returns. Any
 // thread.
 [[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format,
                                           ...);
 
-// As report, but first stops the sound: the report is the cause, if nothing was before. Output
-// thread, once.
+// Like report, but first stops the sound, with the report as the cause if it is the first one.
+// Output thread, once.
 [[gnu::format(printf, 3, 4)]] void stopping_report(const char *unit, int32_t number,
                                                    const char *format, ...);
 
-// What fatal reports of the calling thread do once the sound was stopped and before anything that
-// could hold them; null: nothing.
+// Called by a fatal report of the thread that set it, after the sound is stopped and before any
+// call that could block. Null: nothing is called.
 extern thread_local void (*before_leaving)();
 
 // Stops the sound, sets interrupted, and ends the process as fatal_exit(number) does. The report is
-// printed last, and only where standard error takes it (print_in_time). Any thread.
+// printed last, and only if standard error accepts it in time (print_in_time). Any thread.
 [[noreturn, gnu::format(printf, 3, 4)]] void fatal_report(const char *unit, int32_t number,
                                                           const char *format, ...);
 
-// Stops the sound, gives the terminal back, puts the last event out and ends the process; the shell
-// sees the low 8 bits of status. Any thread: the first caller leaves, a second one waits for the
-// process to end.
+// Stops the sound, restores the terminal, sends the last event and ends the process. The shell sees
+// the low 8 bits of status. Any thread. The first caller ends the process; a second one waits for
+// that.
 [[noreturn]] void fatal_exit(int32_t status);
 
-// Prints text on standard error, but leaves out what finds no room there within 100 ms: a reader
-// that does not read must not hold the end of the process. False when something was left out. Safe
-// in a signal handler. Any thread.
+// Prints text on standard error, and drops the rest when there is no room for 100 ms. A reader that
+// does not read must not delay the end of the process. False if something was dropped. Safe in a
+// signal handler. Any thread.
 bool print_in_time(const char *text);
 
-// Opens /dev/null on each of descriptors 0, 1 and 2 that the parent left closed, so that no sound
-// file or device comes to stand there. Main thread, first of all.
-void hold_standard_descriptors();
+// Opens /dev/null on each of the descriptors 0, 1 and 2 that is closed, so that no sound file or
+// device gets that number. Main thread, before anything else is opened.
+void open_missing_descriptors();
 
-// A text from outside as it may be shown: each control byte, which could steer the terminal or
-// forge a line, is a '?'; UTF-8 stays. Valid until the next call. Main thread.
+// Makes a text from outside safe to print: each control byte, which could control the terminal or
+// forge a line, is replaced by '?'. UTF-8 is kept. Valid until the next call. Main thread.
 const char *printable(const char *text);
 
-// Prints the banner of a file on standard output: its number from 1, the count of files, its total
-// time in seconds, its path, printable. Main thread.
+// Prints the banner of a file on standard output: its number from 1, the number of files, its total
+// time in seconds and its path, made printable. Main thread.
 void show_file_banner(int32_t number, int32_t count, int64_t seconds, const char *path);
 
 // Prints the status line on standard output: position in seconds, ring fill in per cent, and a
 // label that may be null. Main thread.
 void show_status(int64_t seconds, int32_t percent, const char *label);
 
-// A carriage return and the 72 blanks that wipe a status line; no line end.
+// A carriage return and 72 blanks, which erase a status line. No line end.
 extern const char blank_line[];
 
-// Run by root: asks for nice -10; a refusal is report 145. Otherwise nothing. Main thread.
+// If the user is root, lowers the nice value by 10. A failure is fatal report 145. Main thread.
 void raise_priority();
 
-// Asks for the lowest real-time priority for the calling thread, which then runs as soon as it
-// wakes, whatever other programs do. Most users are refused that; nothing is said. Output thread.
+// Requests the lowest real-time priority for the calling thread, so that it runs as soon as it
+// wakes, before all ordinary threads. Most users may not do that; a failure is ignored. Output
+// thread.
 void raise_output_priority();
 
-// A device with at most nearly_full_frames of room is left alone: writes stay large while it is
-// nearly full.
+// Nothing is written to a device that has room for at most nearly_full_frames, so that writes stay
+// large while it is nearly full.
 inline constexpr uint32_t nearly_full_frames = 1025;
 
-// How long a device may be left alone after a write, in microseconds. buffer_frames: the size of
-// its buffer; rate: frames per second. A write may leave nearly_full_frames and one free, and of
-// the time that the rest lasts a quarter is waited, at most 125 ms. Any thread.
+// How long the output thread may wait after a write, in microseconds, for a device with a buffer of
+// buffer_frames at rate frames per second. After a write at least
+//
+//   buffer_frames - (nearly_full_frames + 1)
+//
+// frames are in the buffer. The result is a quarter of the time that they last, from 100
+// microseconds to 125 ms. Any thread.
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate);

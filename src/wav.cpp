@@ -12,12 +12,13 @@ namespace
 constexpr size_t format_bytes_limit = sizeof(wave_format);
 constexpr uint32_t rf64_size_word = 0xFFFFFFFF;
 constexpr uint32_t ds64_fixed_bytes = 24;        // form size, data size, sample count
-constexpr int32_t widest_sample = INT16_MAX / 8; // bytes; wBitsPerSample holds no more bits
+constexpr int32_t widest_sample = INT16_MAX / 8; // bytes; limited by wBitsPerSample
 
 // --- Chunks -------------------------------------------------------------------------------------
 
-// Passes over chunks up to the one of the given name; the stream then stands on its size. A body of
-// odd size has a pad byte behind it; the sum wraps, so that 0xFFFFFFFF counts as empty.
+// Skips chunks up to the wanted one and leaves the stream at its size. A body of odd size is
+// followed by a pad byte. The padded size wraps at 32 bits, so that a size of 0xFFFFFFFF counts as
+// 0.
 bool walk_to(std::FILE *fp, const char *wanted)
 {
     chunk_name name;
@@ -31,13 +32,13 @@ bool walk_to(std::FILE *fp, const char *wanted)
     return false;
 }
 
-// The "ds64" chunk of an RF64 file, which must come first.
+// The sizes of the "ds64" chunk, the first chunk of an RF64 file.
 struct ds64_sizes {
     uint64_t data_bytes;
     uint64_t frames;
 };
 
-// Reads an RF64 header from behind "RF64" to the end of "ds64".
+// Reads an RF64 header, from the byte after "RF64" to the end of "ds64".
 bool read_rf64_header(std::FILE *fp, ds64_sizes *sizes)
 {
     uint32_t size_word = 0;
@@ -48,7 +49,7 @@ bool read_rf64_header(std::FILE *fp, ds64_sizes *sizes)
            body >= ds64_fixed_bytes && skip_bytes(fp, body - ds64_fixed_bytes);
 }
 
-// Reads the body of "fmt ": as much as the chunk has, the rest 0.
+// Reads the body of "fmt ". Fields that the chunk does not have are 0.
 bool read_format(std::FILE *fp, wave_format *wave)
 {
     *wave = {};
@@ -75,26 +76,27 @@ bool read_format(std::FILE *fp, wave_format *wave)
 
 // --- The two-channel description ----------------------------------------------------------------
 
-// Bytes of one stored sample; 0 for a file of no channels.
+// Bytes of one stored sample; 0 if the file has no channels.
 int32_t sample_width(const wave_format &wave)
 {
     return wave.nChannels == 0 ? 0 : wave.nBlockAlign / wave.nChannels;
 }
 
-// The part of size bytes of sound that belongs to the two channels that are played.
+// Scales size, the bytes of all stored channels, to the bytes of the two played channels.
 uint64_t played_bytes(const wave_format &wave, uint64_t size)
 {
     return wave.nChannels == 0 ? 0 : size * stream_channels / static_cast<uint64_t>(wave.nChannels);
 }
 
-// Makes the record describe the two channels that are played. False when it cannot.
+// Changes the record to describe the two channels that are played. False if the header's values
+// are out of range.
 bool rewrite_to_stereo(soundfile *file, uint64_t size)
 {
     wave_format &wave = file->wave;
     const int32_t width = sample_width(wave);
     if (wave.nChannels < 0 || width < 0 || width > widest_sample) return false;
     const uint64_t played = played_bytes(wave, size);
-    if (played > INT64_MAX) return false; // no file is that long
+    if (played > INT64_MAX) return false; // does not fit into bytes_left
 
     file->bytes_left = static_cast<int64_t>(played);
     file->data_bytes = file->bytes_left;
@@ -113,7 +115,7 @@ int32_t read_frames(const soundfile *file, int32_t width, uint8_t *bytes, int32_
     std::array<uint8_t, INT16_MAX + 1> frame_buffer;
     const auto sample = static_cast<size_t>(width);
     const size_t stored = static_cast<size_t>(file->channels) * sample;
-    const size_t second = file->channels > 1 ? sample : 0; // one channel goes to both sides
+    const size_t second = file->channels > 1 ? sample : 0; // mono: the first channel again
     int32_t delivered = 0;
     while (delivered + stream_channels * width <= limit &&
            std::fread(frame_buffer.data(), stored, 1, file->fp) == 1) {
@@ -166,7 +168,7 @@ int32_t wav_read(soundfile *file, uint8_t *bytes, int32_t count)
     if (frame < 1 || limit < frame) return -1;
 
     int32_t delivered = 0;
-    if (file->channels == stream_channels) { // the stored bytes are the delivered ones
+    if (file->channels == stream_channels) { // the frames are read as they are stored
         const auto frames = static_cast<size_t>(limit / frame);
         const size_t got = std::fread(bytes, static_cast<size_t>(frame), frames, file->fp);
         delivered = static_cast<int32_t>(got) * frame;

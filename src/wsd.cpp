@@ -10,9 +10,9 @@ namespace
 
 constexpr int32_t most_channels = 8;
 
-// The fields of the header that are used. Sizes and offsets count bytes.
+// The fields of the header that are used. Sizes and offsets are in bytes.
 struct wsd_header {
-    uint32_t file_size_low;            // at 12: of the whole file, header included
+    uint32_t file_size_low;            // at 12: size of the whole file with its header
     uint32_t file_size_high;           // at 16
     uint32_t data_offset;              // at 24
     uint32_t frequency;                // at 36, in Hz
@@ -25,8 +25,8 @@ bool read_plain(std::FILE *fp, std::array<uint8_t, 4> *bytes)
     return std::fread(bytes->data(), 1, bytes->size(), fp) == bytes->size();
 }
 
-// Reads the fixed layout up to the channel count, in file order. What is skipped need not be there:
-// the next read tells.
+// Reads the fixed layout up to the channel count, in file order. A skip beyond the end of the file
+// succeeds; the next read then fails.
 bool read_layout(std::FILE *fp, wsd_header *h)
 {
     uint32_t unused = 0;
@@ -41,8 +41,8 @@ bool read_layout(std::FILE *fp, wsd_header *h)
     return h->channels <= most_channels;
 }
 
-// Places of left and right in a stored frame, whose order follows the bits of the assignment's
-// first byte from the highest downwards.
+// Places of left and right in a stored frame. The channels of a frame are in the order of the bits
+// of the assignment's first byte, highest bit first.
 struct places {
     uint8_t left;
     uint8_t right;
@@ -62,8 +62,8 @@ std::optional<places> places_of(const std::array<uint8_t, 4> &assignment)
     return places{0, static_cast<uint8_t>(1 + bit(4))};
 }
 
-// Sets the record's map. One channel plays on both sides; a map that does not fit into two or more
-// is refused.
+// Sets the record's channel map. A mono file plays on both sides. False if the assignment is not
+// supported, or if a place is beyond the channels of a file with two or more.
 bool set_channel_map(soundfile *file, const std::array<uint8_t, 4> &assignment)
 {
     const auto found = places_of(assignment);
@@ -73,7 +73,7 @@ bool set_channel_map(soundfile *file, const std::array<uint8_t, 4> &assignment)
     return file->channels < 2 || (found->left < file->channels && found->right < file->channels);
 }
 
-// Bits of one channel; signed, as a data offset behind the file's end gives it.
+// Bits of one channel. Negative if the data offset is after the end of the file.
 int64_t bits_per_channel(const wsd_header &h)
 {
     if (h.channels < 1) return 0;

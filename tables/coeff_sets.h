@@ -1,8 +1,8 @@
 // The coefficient sets of the oversampling filter, as tools/make_coefficients computes them, and
-// the form of the tables that choose among them.
+// the type of the tables that select among them.
 //
-// Every set is a linear-phase low-pass: taps 0 to tap_count - 2 are symmetric about tap
-// tap_count / 2 - 1 and add up to 1; the last stored tap is 0.
+// Every set is a linear-phase low-pass. Taps 0 to tap_count - 2 are symmetric about tap
+// tap_count / 2 - 1 and their sum is 1. The last stored tap is 0.
 #pragma once
 
 #include <array>

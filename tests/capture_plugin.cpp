@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -40,15 +41,17 @@ namespace
 {
 
 // A fault that occurs after the device has taken a number of frames: a state that the device
-// enters, or, if not 0, the code that a call returns from then on.
+// enters, or, if not 0, the code that a call returns from then on. It lasts until the device is
+// prepared.
 struct fault_row {
     const char *name;
     snd_pcm_state_t state;
     int transfer_code = 0;
     int pointer_code = 0;
     int avail_code = 0; // of snd_pcm_avail(), which is replaced
+    int prepare_code = 0;
 };
-constexpr std::array<fault_row, 10> faults = {{
+constexpr std::array<fault_row, 12> faults = {{
     {"none", SND_PCM_STATE_RUNNING},
     {"xrun", SND_PCM_STATE_XRUN},
     {"suspended", SND_PCM_STATE_SUSPENDED},
@@ -59,6 +62,8 @@ constexpr std::array<fault_row, 10> faults = {{
     {"again", SND_PCM_STATE_RUNNING, -EAGAIN},
     {"pointer", SND_PCM_STATE_RUNNING, 0, -EPIPE},
     {"avail", SND_PCM_STATE_RUNNING, 0, 0, -EIO},
+    {"away", SND_PCM_STATE_SUSPENDED, 0, 0, 0, -EIO},
+    {"gone", SND_PCM_STATE_SUSPENDED, 0, 0, 0, -ENODEV},
 }};
 
 struct capture_device {
@@ -74,13 +79,16 @@ struct capture_device {
     // Milliseconds without a transfer after which an empty queue is an xrun; -1: it never is.
     double dry_ms;
     snd_pcm_uframes_t written;
-    double played; // frames
-    double clock;  // seconds: the time at which played was computed
+    snd_pcm_uframes_t prepared_at; // frames written by then
+    double played;                 // frames that were played or dropped
+    double clock;                  // seconds: the time at which played was computed
     double last_transfer;
     const fault_row *fault;
     snd_pcm_uframes_t fault_at; // frames
+    std::istringstream later_faults;
 };
 capture_device device;
+std::atomic<int> dry_times; // of the player's life
 
 // The variable CAPTURE_NAME of the environment. For every open after the first, CAPTURE_NAME_2
 // takes precedence.
@@ -142,7 +150,8 @@ bool play_on()
     const double time = now();
     const double due = device.played + (time - device.clock) * device.io.rate * device.speed;
     device.clock = time;
-    device.played = std::min({device.speed == 0 ? written : due, written, allowed});
+    device.played = std::min({device.speed == 0 ? written : due, written,
+                              std::max(allowed, static_cast<double>(device.prepared_at))});
     if (device.played < written) return true;
     return device.dry_ms < 0 || time - device.last_transfer <= device.dry_ms * 1e-3;
 }
@@ -153,9 +162,11 @@ snd_pcm_sframes_t on_pointer(snd_pcm_ioplug_t *io)
     if (code != 0) return code;
     if (io->state == SND_PCM_STATE_RUNNING && !play_on()) {
         log_line("dry %lu\n", device.written);
+        ++dry_times;
         return -EPIPE;
     }
-    return static_cast<snd_pcm_sframes_t>(device.played);
+    return static_cast<snd_pcm_sframes_t>(device.played) -
+           static_cast<snd_pcm_sframes_t>(device.prepared_at);
 }
 
 // --- Transfers ----------------------------------------------------------------------------------
@@ -212,6 +223,31 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
     return 0;
 }
 
+// "KIND N" strikes after N frames, and what follows once that is over.
+void next_fault()
+{
+    std::string name;
+    if (!(device.later_faults >> name >> device.fault_at)) name = "none";
+    device.fault = nullptr;
+    for (const fault_row &row : faults)
+        if (row.name == name) device.fault = &row;
+    if (device.fault == nullptr) std::abort();
+}
+
+// What is queued is dropped.
+int on_prepare(snd_pcm_ioplug_t *)
+{
+    const int code = fault_code(&fault_row::prepare_code);
+    if (code != 0) return code;
+    if (device.written > 0 && device.written >= device.fault_at) next_fault();
+    log_line("prepare after %lu dropped %.0f\n", device.written,
+             static_cast<double>(device.written) - std::floor(device.played));
+    device.prepared_at = device.written;
+    device.played = static_cast<double>(device.written);
+    device.cut_short = false;
+    return 0;
+}
+
 int on_hw_params(snd_pcm_ioplug_t *io, snd_pcm_hw_params_t *)
 {
     log_line("params %s rate %u channels %u buffer %lu\n", snd_pcm_format_name(io->format),
@@ -264,7 +300,7 @@ constexpr snd_pcm_ioplug_callback_t callbacks = {
     .close = on_close,
     .hw_params = on_hw_params,
     .sw_params = on_sw_params,
-    .prepare = [](snd_pcm_ioplug_t *) { return log_line("prepare\n"); },
+    .prepare = on_prepare,
     .poll_revents = on_poll,
 };
 
@@ -321,17 +357,6 @@ void read_caps(const char *text)
         device.caps.push_back(1 + static_cast<unsigned>(random()) % most);
 }
 
-// "KIND N": the fault KIND occurs after N frames.
-void read_fault(const char *text)
-{
-    std::istringstream in(text);
-    std::string name;
-    in >> name >> device.fault_at;
-    for (const fault_row &row : faults)
-        if (row.name == name) device.fault = &row;
-    if (device.fault == nullptr) std::abort();
-}
-
 } // namespace
 
 extern "C" {
@@ -348,7 +373,8 @@ SND_PCM_PLUGIN_DEFINE_FUNC(capture)
     if (device.busy) return -EBUSY;
 
     read_caps(setting("CAPS", ""));
-    read_fault(setting("FAULT", "none 0"));
+    device.later_faults.str(setting("FAULT", "none 0"));
+    next_fault();
     device.speed = std::strtod(setting("SPEED", "once"), nullptr); // of "once" it is 0
     device.gate = setting("GATE", nullptr);
     device.dry_ms = std::stod(setting("DRY_MS", "-1"));
@@ -448,14 +474,17 @@ FILE *fopen(const char *path, const char *mode)
     return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
 }
 
-// CAPTURE_STALL: the number of bytes that are read from all files before a read never returns.
+// CAPTURE_STALL: the numbers of bytes, read from all files together, before a read blocks. At the
+// last number it blocks for ever, at each one before until the device has run dry as many times.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
-    static const size_t most = std::stoul(setting("STALL", "-1"));
-    static size_t read_so_far;
+    static const auto stalls = list_of<size_t>(setting("STALL", "1000000000000"));
+    static size_t read_so_far, stalled;
     read_so_far += size * count;
-    if (read_so_far > most) stall();
+    if (read_so_far > stalls[stalled] && stalled + 1 == stalls.size()) stall();
+    if (read_so_far > stalls[stalled])
+        for (++stalled; dry_times < static_cast<int>(stalled);) poll(nullptr, 0, 1);
     return real(to, size, count, stream);
 }
 

@@ -2,7 +2,9 @@
 // run. The tests compare the end, the report, what the device got, and that the player ends at all.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <random>
 
 #include "play_model.h"
@@ -150,6 +152,171 @@ TEST(play_faults, the_device_is_closed_while_standard_output_is_full)
                         .input = wire::pipe});
         EXPECT_EQ(result.end, row.end);
         EXPECT_FALSE(all_sounded(result));
+    }
+}
+
+// --- Going on -----------------------------------------------------------------------------------
+
+const std::string stopped_line = "the sound stopped: waiting for the files\n";
+
+int64_t times(const std::string &text, const std::string &part)
+{
+    int64_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+    return count;
+}
+
+// Expects that each break was told once, and that the device was prepared after each but the last
+// ones.
+void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 0)
+{
+    const auto prepared = std::ranges::count_if(result.log, [](const std::string &line) {
+        return line.starts_with("prepare after ") && !line.starts_with("prepare after 0 ");
+    });
+    EXPECT_GE(prepared + unmended, least);
+    EXPECT_EQ(times(result.err, stopped_line), prepared + unmended);
+    EXPECT_EQ(times(result.event_lines, "\"rebuffering\""), prepared + unmended);
+}
+
+// DSD of that many frames of DoP.
+std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, bytes &sound,
+                        const stream_form &form)
+{
+    const auto dsd = random_dsd(frames * 2, seed, 512000);
+    put_bytes(sound, device_bytes(dsd, form));
+    return scratch_file(name, dsd_containers[0](dsd));
+}
+
+// A device that strikes at any frame, in the silence, at its end and in the sound, is started again
+// and goes on with the frame that comes next. A receiver of DoP gets its markers in turn, also
+// where the next one is the second of its group.
+TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
+{
+    const char *const all_faults = "xrun 1 suspended 16001 xrun 48001 suspended 96011 suspended "
+                                   "140004 xrun 140005 xrun 175999 suspended 220000";
+    for (const stream_form &form : stream_forms) {
+        SCOPED_TRACE(form.name);
+        const bool dsd = form.kind != packing::pcm;
+        bytes sound;
+        std::vector<std::string> arguments = {"--keep-going"};
+        for (uint32_t i = 0; i < 3; ++i) {
+            const std::string name = std::to_string(i) + (dsd ? ".dff" : ".wav");
+            if (!dsd) put_bytes(sound, device_bytes(random_pcm(32000, 25001, i), form));
+            arguments.push_back(dsd ? scratch_dsd(name, i, 50001, sound, form)
+                                    : scratch_wave(name, 32000, 25001, i));
+        }
+        auto settings = settings_for(form, arguments);
+        settings.capture["FAULT"] = all_faults;
+        settings.capture["CAPS"] = "random 10000 1";
+        const auto result = run_player(settings);
+        expect_stream(result, form, dsd ? 512000 : 32000, sound);
+        EXPECT_EQ(result.end, "played,0");
+        expect_breaks(result, 6);
+    }
+}
+
+// Files that stall play to their end, at the very last byte, too. Where nothing comes behind the
+// stall, the device stays as it is.
+TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
+{
+    bytes sound;
+    const auto first = scratch_dsd("0.dsf", 0, 100001, sound, dop_s32);
+    const auto second = scratch_dsd("1.dsf", 1, 150000, sound, dop_s32);
+    const auto empty = scratch_wave("2.wav", 44100, 0);
+    // Of DSF files all is read, and 108 bytes of headers when they were looked at.
+    const auto whole = std::filesystem::file_size(first) + std::filesystem::file_size(second);
+    const struct {
+        std::string stalls, prime;
+        int64_t breaks, unmended;
+        const char *last;
+    } rows[] = {
+        {"150000 350000", "--prime=100K", 2, 0, "0,underrun,0"},
+        {"900000", "--prime=64M", 1, 0, "1,underrun,0"},
+        {std::to_string(whole + 100), "--prime=0", 1, 0, "1,underrun,0"},
+        {std::to_string(whole + 120), "--prime=100K", 1, 1, "1,underrun,0"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.stalls);
+        auto settings = settings_for(dop_s32, {"--keep-going", row.prime, first, second, empty});
+        settings.capture["DRY_MS"] = "100";
+        settings.capture["STALL"] = row.stalls + " 1000000000";
+        const auto result = run_player(settings);
+        expect_stream(result, dop_s32, 512000, sound);
+        EXPECT_EQ(result.end, "played,0");
+        EXPECT_EQ(told_words(result, "rebuffering"), row.last);
+        expect_breaks(result, row.breaks, row.unmended);
+    }
+}
+
+// A machine that went to sleep: a ring that main would not fill up yet is filled, what the device
+// held is told, and the position is that of what is heard.
+TEST(play_faults, what_a_sleep_takes_is_told)
+{
+    constexpr int64_t struck = 90000, stands_at = 120000; // frames
+    const auto sound = random_pcm(44100, 400000);
+    const auto result =
+        run_player({.arguments = {"--keep-going", scratch_wave("a.wav", 44100, 400000)},
+                    .capture = {{"FAULT", "suspended " + std::to_string(struck)}},
+                    .events = {{.out_has = "playing", .allow = struck - 10000},
+                               {.err_has = stopped_line, .allow = stands_at},
+                               {.after_ms = 2500, .type = key_3}},
+                    .input = wire::pipe});
+    expect_stream(result, s32_le, 44100, device_bytes(sound, s32_le), false);
+    expect_breaks(result, 1);
+    int64_t silence = 0, dropped = 0;
+    for (size_t at = 0; at < stands_at * 8; at += 8)
+        silence += result.capture[at + 3] == 0 && result.capture[at + 2] == 0 &&
+                   result.capture[at + 7] == 0;
+    for (const std::string &line : result.log)
+        std::sscanf(line.c_str(), "prepare after 90000 dropped %ld", &dropped);
+    double lost = 0, heard = 0;
+    std::sscanf(told_words(result, "rebuffering").c_str(), "0,suspended,%lf", &lost);
+    std::sscanf(told_words(result, "position").c_str(), "0,%lf", &heard);
+    EXPECT_GT(dropped, 0);
+    EXPECT_NEAR(lost * 44100, static_cast<double>(dropped), 0.1);
+    EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);
+}
+
+// Breaks put off the time by which main expects the end after a SIGINT.
+TEST(play_faults, breaks_put_off_the_end)
+{
+    const auto result = run_player(
+        {.arguments = {"--keep-going", scratch_wave("a.wav", 8000, 8000)},
+         .capture = {{"SPEED", "1"}, {"FAULT", "suspended 15000 suspended 24000 xrun 33000"}},
+         .events = {{.out_has = "playing file", .signal = SIGINT}}});
+    EXPECT_EQ(result.end, "interrupt,0");
+    expect_stream(result, s32_le, 8000, device_bytes(random_pcm(8000, 8000), s32_le));
+    expect_breaks(result, 3);
+}
+
+// What ends the sound does so in a break, too; one SIGINT has what came of the files played.
+TEST(play_faults, a_break_does_not_hold_the_end)
+{
+    const struct {
+        std::pair<const std::string, std::string> setting;
+        play_event event;
+        const char *end;
+        int64_t unmended;
+    } rows[] = {
+        {{"STALL", "300000"}, {.err_has = stopped_line, .type = key_3}, "key,0", 1},
+        {{"STALL", "300000"}, {.err_has = stopped_line, .signal = SIGINT}, "interrupt,0", 1},
+        {{"STALL", "300000 350000"}, {.log_has = "stall", .signal = SIGINT}, "interrupt,0", 0},
+        {{"FAULT", "away 60001"}, {.err_has = stopped_line, .type = key_3}, "key,0", 1},
+        {{"FAULT", "away 60001"}, {.log_has = "fault"}, "disconnected,0", 1},
+        {{"FAULT", "gone 60001"}, {.log_has = "fault"}, "disconnected,0", 1},
+    };
+    const auto sound = device_bytes(random_pcm(44100, 400000), s32_le);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.setting.second + ": " + row.end);
+        const auto result = run_player(
+            {.arguments = {"--keep-going", "--prime=100K", scratch_wave("a.wav", 44100, 400000)},
+             .capture = {row.setting, {"DRY_MS", "100"}, {"CLOCK", "20"}},
+             .events = {row.event},
+             .input = wire::pipe});
+        EXPECT_EQ(result.end, row.end);
+        expect_stream(result, s32_le, 44100, sound, false);
+        expect_breaks(result, 1, row.unmended);
+        EXPECT_EQ(all_sounded(result), row.setting.first == "STALL");
     }
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <span>
 #include <utility>
 
 // --- Sound --------------------------------------------------------------------------------------
@@ -202,25 +203,49 @@ namespace
 constexpr uint64_t silence_frames = 8192; // size of the player's block of silence
 constexpr uint64_t nearly_full = 1025;    // frames of room at which the player does not write
 
-// The number of frames of silence, computed from the writes that the device took. It must be even
-// and at least rate, without one write more than needed.
-uint64_t logged_silence(const play_result &result, uint64_t rate)
+// Frames that the device got from one start of the sound to the next.
+struct stretch {
+    uint64_t silence;
+    uint64_t sound;
+};
+
+// Computed from the writes that the device took. The silence of a stretch comes first. It must be
+// even and at least rate, without one write more than needed, unless a break came before its end.
+std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
 {
-    uint64_t sent = 0;
+    std::vector<stretch> stretches = {{}};
     for (const std::string &line : result.log) {
         uint64_t asked = 0;
         uint64_t taken = 0;
         uint64_t room = 0;
+        if (line.starts_with("prepare after ") && !line.starts_with("prepare after 0 "))
+            stretches.push_back({});
+        auto &[sent, sound] = stretches.back();
         if (std::sscanf(line.c_str(), "write %" SCNu64 " took %" SCNu64 " room %" SCNu64, &asked,
                         &taken, &room) != 3)
             continue;
         EXPECT_TRUE(room > nearly_full && asked < room) << "more than the room allows: " << line;
-        if (sent % 2 == 0 && sent >= rate) continue;
+        if (sent % 2 == 0 && sent >= rate) {
+            sound += taken;
+            continue;
+        }
         EXPECT_TRUE(sent % 2 == 0 ? asked % 2 == 0 && asked <= silence_frames : asked == 1)
             << "silence not in pairs: " << line;
         sent += taken;
     }
-    return sent;
+    return stretches;
+}
+
+// Silence ahead of that sound: the last marker of DoP is another one than the first of the sound.
+void put_silence(bytes &out, uint64_t frames, const stream_form &form,
+                 std::span<const uint8_t> sound)
+{
+    const size_t frame = 2 * form.bytes,
+                 marker = form.bytes - 1 - static_cast<size_t>(form.padding) / 8;
+    bytes pair = silence_of(form);
+    if (form.kind == packing::dop && !sound.empty() && sound[marker] == pair[frame + marker])
+        std::ranges::rotate(pair, pair.begin() + static_cast<std::ptrdiff_t>(frame));
+    for (uint64_t i = 0; i < frames * frame; ++i) out.push_back(pair[i % pair.size()]);
 }
 
 } // namespace
@@ -230,15 +255,23 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
 {
     const int64_t divisor = form.kind == packing::pcm ? 1 : form.kind == packing::dop ? 16 : 32;
     const auto rate = static_cast<uint64_t>(file_rate / divisor);
-    const uint64_t silent = logged_silence(result, rate);
+    const size_t frame = 2 * form.bytes;
     bytes expected;
-    for (uint64_t frame = 0; frame < silent; frame += 2) put_bytes(expected, silence_of(form));
-    const std::ptrdiff_t silence = std::ssize(expected);
-    put_bytes(expected, sound);
+    std::span<const uint8_t> rest = sound;
+    std::ptrdiff_t silence = 0; // of the first stretch
+    const auto stretches = logged_stretches(result, rate);
+    for (const auto &[silent, sounding] : stretches) {
+        put_silence(expected, silent, form, rest);
+        if (silence == 0) silence = std::ssize(expected);
+        const bool last = &silent == &stretches.back().silence;
+        const auto part = rest.first(last ? rest.size() : std::min(rest.size(), sounding * frame));
+        expected.insert(expected.end(), part.begin(), part.end());
+        rest = rest.subspan(part.size());
+    }
     if (whole) {
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_TRUE(all_sounded(result)); // not only taken
-        const auto frames = expected.size() / (2 * form.bytes);
+        const auto frames = expected.size() / frame;
         EXPECT_TRUE(log_has(result, "runs on after " + std::to_string(frames)));
     } else {
         expected.resize(std::min(expected.size(), result.capture.size()));
@@ -255,7 +288,7 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     for (const std::string &line : result.log)
         if (std::cmp_less_equal(sent, at) &&
             std::sscanf(line.c_str(), "write %*u took %lu", &taken) == 1)
-            sent += taken * 2 * form.bytes, write = line;
+            sent += taken * frame, write = line;
     ADD_FAILURE() << result.err << form.name << ": " << result.capture.size() << " bytes, expected "
                   << expected.size() << ", first difference at byte "
                   << at - silence - static_cast<long>(part->first) << " of " << part->second

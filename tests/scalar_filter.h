@@ -1,5 +1,6 @@
-// The oversampling filter once more, as rings of future output that each input is added to: what
-// the shipped one, which gathers inputs, must equal in every bit. Compile without contraction.
+// A scalar reference for the oversampling filter. It adds each input to rings of future output; the
+// player's filter computes each output from the stored inputs. Both must give the same bits.
+// Compile it without contraction to fused multiply-adds.
 #pragma once
 
 #include <algorithm>
@@ -12,14 +13,14 @@
 #include "sonivane.h"
 
 struct scalar_family {
-    std::array<std::vector<float>, 4> tables; // each twice in a row, to be begun anywhere
+    std::array<std::vector<float>, 4> tables; // each table twice in a row, to start at any entry
     std::array<std::vector<float>, 2> sides;  // the rings, left and right
-    size_t position = 0;                      // in the rings, of what is read next
+    size_t position = 0;                      // the next entry to read in the rings
 };
 
 struct scalar_filter {
-    scalar_family family44; // one table: sums of 8 taps, block by block from the end to the start
-    scalar_family family48; // four: the taps turned left by 0 to 3 entries, then four zeros
+    scalar_family family44; // one table: sums of 8 taps, its blocks of 8 in reverse order
+    scalar_family family48; // four tables: the taps rotated left by 0 to 3, then four zeros
     int64_t rate_sum = 0;
 };
 
@@ -45,8 +46,8 @@ inline scalar_filter make_scalar_filter(const coeff_set &taps44, const coeff_set
     return f;
 }
 
-// Reads out and clears the entries that are due, left and right in turn, then adds the input times
-// the table to the whole rings.
+// Outputs the next entries, left and right alternating, and sets them to 0. Then adds the input
+// times the table to the whole rings.
 inline void scalar_step(scalar_family &f, size_t entries, const std::array<float, 2> &input,
                         std::vector<float> &output)
 {
@@ -60,7 +61,7 @@ inline void scalar_step(scalar_family &f, size_t entries, const std::array<float
         for (size_t i = 0; i < length; ++i) f.sides[side][i] += input[side] * taps[i];
 }
 
-// Feeds one frame; appends the floats that it gives to output.
+// Feeds one frame and appends the resulting floats to output.
 inline void scalar_filter_run(scalar_filter &f, int32_t source_rate,
                               const std::array<float, 2> &input, std::vector<float> &output)
 {

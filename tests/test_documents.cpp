@@ -1,6 +1,6 @@
-// Holds what is told about the player together with what it does: options, modes, report numbers,
-// exit statuses and the version, as they stand in the sources, the manual page, the completions and
-// the changelogs.
+// Compares the documents with the sources: options, modes, report numbers, exit statuses, events
+// and the version, in the manual page, the completions, docs/front-end.md, the README and the
+// changelogs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,21 +20,21 @@ using words = std::set<std::string>;
 
 const fs::path tree = SOURCE_TREE;
 
-// Empty when there is none, which fits nothing here.
+// The content of a file. Empty if there is none, which no test here accepts.
 std::string text_of(const fs::path &name)
 {
     std::ifstream file(tree / name);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// From the first place of one text up to the next of another.
+// The part of text from the first `from` to the next `to`.
 std::string part_of(const std::string &text, const std::string &from, const std::string &to)
 {
     const size_t start = text.find(from);
     return text.substr(start, text.find(to, start + from.size()) - start);
 }
 
-// What is found of a pattern, in a form of its groups.
+// All matches of a pattern, each formatted from its groups.
 words find_all(const std::string &text, const char *pattern, const std::string &form = "$1$2")
 {
     words found;
@@ -44,7 +44,7 @@ words find_all(const std::string &text, const char *pattern, const std::string &
     return found;
 }
 
-TEST(documents, tell_the_options_and_modes_of_the_parser)
+TEST(documents, describe_the_options_and_modes_of_the_parser)
 {
     const std::string parser = text_of("src/parse_param.cpp"), page = text_of("docs/sonivane.1"),
                       bash = text_of("docs/completions/sonivane.bash"),
@@ -61,10 +61,10 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     const std::string spelled = std::regex_replace(fish, std::regex(" -l | -a '--"), " -o -");
     EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s'=]+))"), options);
 
-    // Options with a value: those that take the next word for it, and all.
+    // Options with a value: those whose value is the next word, and all of them.
     const char *const option = R"((--?\w[-\w]*))";
     const words next = find_all(parser, R"re(^ +\{"(\S+)", value_place::next_entry)re");
-    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[nb][^o])re");
+    const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[na][^o])re");
     EXPECT_EQ(find_all(part_of(bash, "case ${words", "((++i))"), option), next);
     EXPECT_EQ(find_all(part_of(fish, "contains -- $word", "\n"), option), next);
     EXPECT_EQ(find_all(part_of(bash, "case $prev", "esac"), R"((-\S+)(?=\)$| \|))"), valued);
@@ -77,8 +77,8 @@ TEST(documents, tell_the_options_and_modes_of_the_parser)
     EXPECT_EQ(find_all(bash, "([1-9])[ ']"), find_all(parser, R"re(\{"(\w)", ")re"));
 }
 
-// Behind a name the player takes no option, and bash offers none.
-TEST(documents, offer_options_in_front_of_names_only)
+// The bash completion offers options only before the first name.
+TEST(documents, offer_options_before_names_only)
 {
     const std::string script = (tree / "docs/completions/sonivane.bash").string();
     const std::string complete =
@@ -90,55 +90,56 @@ TEST(documents, offer_options_in_front_of_names_only)
     EXPECT_NE(std::system((complete + "a.wav --s'").c_str()), 0); // NOLINT(cert-env33-c)
 }
 
-// A report's number stands in front of its text, or in a constant named after it. The mild ones are
-// printed by a call that returns, but for the filter, which leaves in a way of its own.
-TEST(documents, tell_every_report_and_its_exit_status)
+// In the sources the number of a report is before its text, or in a constant report_*. Reports that
+// are printed by a function that returns go on. The exception is 153 of the filter, which ends the
+// process after it.
+TEST(documents, list_every_report_and_its_exit_status)
 {
-    words printed, mild = {"ringbuffer 16"};
+    words printed, nonfatal = {"ringbuffer 16"};
     for (const auto &entry : fs::directory_iterator(tree / "src")) {
         const fs::path &file = entry.path();
         const std::string stem = file.stem().string(), unit = stem == "lookout" ? "sonivane" : stem;
         const std::string text = text_of(file), form = unit + " $1$2";
         if (file.extension() != ".cpp") continue;
         printed.merge(find_all(text, R"re(\b([0-9]{2,4}),\s*["n]|report_\w+ = ([0-9]+))re", form));
-        mild.merge(find_all(
+        nonfatal.merge(find_all(
             text, R"re(\b(?:stopping_)?report(?:\(\s*[a-z"]+,|_system_error\()\s*([0-9]+))re",
             form));
     }
     EXPECT_GT(printed.size(), 55U);
-    mild.erase("common 153");
+    nonfatal.erase("common 153");
     words entries, rows;
     for (const std::string &name : printed) {
         const std::string number = name.substr(name.find(' ') + 1);
         const auto status = std::to_string(std::stoi(number) & 0xFF);
-        const bool goes_on = mild.contains(name);
+        const bool goes_on = nonfatal.contains(name);
         entries.insert(name + (goes_on ? " goes on" : " status " + status));
         rows.insert(name + (goes_on ? " –" : " " + (status == number ? "same" : status)));
     }
     const std::string page = text_of("docs/sonivane.1");
     EXPECT_EQ(find_all(page, R"(^\.It Sy (\w+ [0-9]+) No \(([^)]+)\)$)", "$1 $2"), entries);
-    const words told =
+    const words listed =
         find_all(text_of("README.md"), R"(^\| `(\w+) .*?([0-9]+)` \| (\S+) \|)", "$1 $2 $3");
-    EXPECT_GT(told.size(), 10U);
-    EXPECT_TRUE(std::ranges::includes(rows, told)) << testing::PrintToString(told);
+    EXPECT_GT(listed.size(), 10U);
+    EXPECT_TRUE(std::ranges::includes(rows, listed)) << testing::PrintToString(listed);
 }
 
-TEST(documents, tell_the_events_with_their_fields_and_words)
+TEST(documents, describe_the_events_with_their_fields_and_values)
 {
     const std::string page = text_of("docs/front-end.md"), source = text_of("src/events.cpp"),
                       player = text_of("src/sonivane.cpp") + text_of("src/dir2files.cpp"),
                       table = part_of(page, "| Event", "\n\n"),
                       fields = std::regex_replace(table, std::regex("\\|[^|]*\\|\n"), "\n");
-    // Names, and fields behind a blank, in their order.
+    // The names of the events, each followed by its fields with a leading blank, in their order.
     const auto listed = [](const std::string &text, const char *pattern) {
         return std::regex_replace(text, std::regex(pattern), "$1\n $2$3",
                                   std::regex_constants::format_no_copy);
     };
-    std::string told = listed(part_of(source, "void event_", "\n\n\n"),
+    std::string sent = listed(part_of(source, "void event_", "\n\n\n"),
                               R"re(_line>\(\s*"([^"]+)"|_field\{"(\w+)"|\b(seconds)_into\()re");
-    const size_t end = told.find("end\n"); // of the two, the one with a report has all fields
-    told.erase(end, told.rfind("end\n") - end);
-    EXPECT_EQ(listed(fields, R"(\n\| `([^`]+)` |`(\w+)`)"), told);
+    const size_t end = sent.find("end\n"); // of two calls, the second one has all fields
+    sent.erase(end, sent.rfind("end\n") - end);
+    EXPECT_EQ(listed(fields, R"(\n\| `([^`]+)` |`(\w+)`)"), sent);
 
     words values = {"rf64", "pcm", "native", "dop", "i2s", "report"};
     values.merge(
@@ -148,7 +149,7 @@ TEST(documents, tell_the_events_with_their_fields_and_words)
               find_all(part_of(source, "name_of(stop_reason", "\n}"), "return \"([^\"]+)"));
 }
 
-TEST(documents, tell_one_version)
+TEST(documents, have_the_same_version)
 {
     const words version = find_all(text_of("CMakeLists.txt"), R"(sonivane VERSION (\S+))");
     ASSERT_EQ(version.size(), 1U);

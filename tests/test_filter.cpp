@@ -1,4 +1,4 @@
-// The oversampling filter: its run against the scalar one, its set-up and its coefficient sets.
+// The oversampling filter: comparison with the scalar reference, set-up, coefficient sets.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -15,10 +15,10 @@
 #include "common.h"
 #include "scalar_filter.h"
 
-// Aligned allocations that succeed before the one that fails; below 0: none fails.
+// The number of aligned allocations that succeed before one fails. Below 0: none fails.
 static int32_t allocations_left = -1;
 
-// The filter's allocations, replaced so that each of them can be made to fail.
+// Replaces the operator that the filter allocates with, so that a test can make each call fail.
 void *operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t &) noexcept
 {
     const bool fails = allocations_left == 0;
@@ -34,7 +34,7 @@ void operator delete(void *memory, std::align_val_t) noexcept
 namespace
 {
 
-// Noise, impulses, denormals and full scale in turn. Repeatable.
+// Noise, impulses, and denormals with full scale, alternating every 999 frames. Repeatable.
 std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
 {
     const float left = static_cast<float>(noise()) * 0x1p-30F - 1;
@@ -45,17 +45,17 @@ std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
     return kinds[at / 999 % std::ssize(kinds)];
 }
 
-// The sets of both families. The last ones are shorter than what is worked out at a time.
+// The sets of both families. The last pair is shorter than a tile.
 const std::array<coeff_set, 2> pairs[]{
     {set_44k_normal, set_48k_normal},
     {set_44k_short, set_48k_short},
     {coeff_set{24, set_44k_short.taps + 388}, coeff_set{16, set_48k_short.taps + 88}}};
 
-// One stream over source rates, whose channels are cut left, right and both in turn. Most rates
-// demand more room for the output than the one before; from those below 1 nothing comes.
+// One filter is fed at all source rates, with none, one or both channels cut. Most rates need more
+// room for the output than the rate before. Rates below 1 give no output.
 TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
-    constexpr int32_t cd = 44100; // four in a row: each cut of the family that looks at it
+    constexpr int32_t cd = 44100; // four in a row: all combinations of cut channels
     const int32_t rates[]{352799,  352801,      352801,  352800, 384000, 192000, 96000,
                           88200,   48000,       44101,   cd,     cd,     cd,     cd,
                           44099,   22050,       10000,   8000,   1,      0,      -1,
@@ -74,17 +74,18 @@ TEST(filter, equals_the_scalar_filter_bit_for_bit)
                 left_cut = -(i & 1);
                 right_cut = -(i >> 1 & 1);
                 coeff_filter_init_rows(rows, rate, 352800, 2);
-                std::vector<float> told, got;
+                std::vector<float> expected, actual;
                 for (int32_t at = std::clamp(rate / 16, 1, 3000); at > 0; --at) {
                     const auto input = next_frame(noise, at);
-                    scalar_filter_run(model, rate, input, told);
+                    scalar_filter_run(model, rate, input, expected);
                     int32_t count = -1;
                     const float *floats = coeff_filter_run(input.data(), &count);
-                    got.insert(got.end(), floats, floats + count);
+                    actual.insert(actual.end(), floats, floats + count);
                 }
                 const auto bits = [](float value) { return std::bit_cast<uint32_t>(value); };
-                const auto at = std::ranges::mismatch(got, told, {}, bits, bits).in1 - got.begin();
-                ASSERT_TRUE(got.size() == told.size() && at == std::ssize(got))
+                const auto at =
+                    std::ranges::mismatch(actual, expected, {}, bits, bits).in1 - actual.begin();
+                ASSERT_TRUE(actual.size() == expected.size() && at == std::ssize(actual))
                     << width << " floats, " << set44.tap_count << " and " << set48.tap_count
                     << " taps, stretch " << i << " at " << rate << " Hz, frame " << at / 2
                     << (at % 2 == 0 ? " left, cut " : " right, cut ") << left_cut << right_cut;
@@ -94,14 +95,14 @@ TEST(filter, equals_the_scalar_filter_bit_for_bit)
     coeff_filter_take_width(0);
 }
 
-// The judge of the scalar filter: taps that count upward, and an impulse of 1.0 left and 2.0 right.
-TEST(filter, the_scalar_one_answers_an_impulse_as_reckoned_by_hand)
+// Checks the scalar reference with taps 1, 2, 3 and so on and an impulse of 1.0 left and 2.0 right.
+TEST(filter, scalar_reference_gives_the_impulse_response_computed_by_hand)
 {
     std::array<float, 24> taps;
     std::iota(taps.begin(), taps.end(), 1.0F);
     const struct {
-        int32_t rate, at, first;     // the frame of the impulse; the output frame of the figures
-        std::vector<double> figures; // in units of the gain, 0.9
+        int32_t rate, at, first;      // at: input frame of the impulse; first: output frame
+        std::vector<double> response; // from frame first on, in units of the gain, 0.9
     } cases[]{
         {44100, 71, 576, {147, 129, 110, 90,  69,  47, 24, 0,  108, 116, 124,
                           132, 140, 148, 156, 164, 44, 52, 60, 68,  76,  84,
@@ -111,19 +112,20 @@ TEST(filter, the_scalar_one_answers_an_impulse_as_reckoned_by_hand)
         {352800, 342, 344, {3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2}},
         {352800, 343, 344, {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 1, 2, 3}},
     };
-    for (const auto &[rate, at, first, figures] : cases) {
+    for (const auto &[rate, at, first, response] : cases) {
         scalar_filter filter = make_scalar_filter({24, taps.data()}, {16, taps.data()});
         std::vector<float> output;
         for (int32_t i = 0; i < at + 60; ++i)
             scalar_filter_run(filter, rate, {i == at ? 1.0F : 0.0F, i == at ? 2.0F : 0.0F}, output);
-        std::vector<double> due(output.size() / 2);
-        std::copy(figures.begin(), figures.end(), due.begin() + first);
+        std::vector<double> expected(output.size() / 2);
+        std::copy(response.begin(), response.end(), expected.begin() + first);
         for (size_t i = 0; i < output.size(); ++i)
-            ASSERT_NEAR(output[i], (i % 2 == 0 ? 0.9 : 1.8) * due[i / 2], 4e-5) << rate << " " << i;
+            ASSERT_NEAR(output[i], (i % 2 == 0 ? 0.9 : 1.8) * expected[i / 2], 4e-5)
+                << rate << " " << i;
     }
 }
 
-TEST(filter, leaves_with_its_report_when_set_up_fails)
+TEST(filter, set_up_failure_ends_the_process_with_a_report)
 {
     const auto set_up = [](int32_t allocations, int32_t source, int32_t target, int32_t channels) {
         allocations_left = allocations;
@@ -135,7 +137,7 @@ TEST(filter, leaves_with_its_report_when_set_up_fails)
                         "44k coeff table not found.", "48k coeff table not found.",
                         "allocation failed.", "work area could not allocated."};
     const struct {
-        int32_t number, text, target_rate, channels, allocations; // that succeed
+        int32_t number, text, target_rate, channels, allocations; // allocations that succeed
     } cases[]{{153, 0, 352800, 1, 9}, {171, 1, -1, 2, 9},     {230, 2, 176400, 2, 9},
               {193, 3, 352800, 2, 0}, {193, 3, 352800, 2, 1}, {193, 3, 352800, 2, 2},
               {241, 4, 352800, 2, 3}, {241, 4, 352800, 2, 4}, {248, 4, 352800, 2, 5},
@@ -144,13 +146,13 @@ TEST(filter, leaves_with_its_report_when_set_up_fails)
         EXPECT_EXIT(set_up(allocations, 48000, target_rate, channels),
                     testing::ExitedWithCode(number),
                     "\nERROR common " + std::to_string(number) + " " + texts[text] + "$");
-    EXPECT_EQ(set_up(7, 48000, 352800, 2), -1); // no more are made
-    // A source of so low a rate needs more room for the output.
+    EXPECT_EQ(set_up(7, 48000, 352800, 2), -1); // there are seven allocations
+    // A source rate of 1 Hz needs more room for the output, so the buffer is allocated again.
     EXPECT_EXIT(set_up(0, 1, 352800, 2), testing::ExitedWithCode(241), "common 241 ");
     coeff_filter_free();
 }
 
-TEST(coefficient_sets, are_what_the_tool_computes)
+TEST(coefficient_sets, equal_the_output_of_the_tool)
 {
     std::FILE *tool = popen(COEFFICIENT_TOOL_PATH " --print", "r"); // NOLINT(cert-env33-c)
     std::array<char, 64> line{};
@@ -165,9 +167,9 @@ TEST(coefficient_sets, are_what_the_tool_computes)
     EXPECT_EQ(pclose(tool), 0);
 }
 
-// Images of a tone lie at its distance from multiples of a frequency. A plain transform over whole
-// turns of each tells the levels; below -140 dB is rounding.
-TEST(measure_response, tells_what_a_plain_transform_finds)
+// Images are at n * images +- tone Hz for integer n. A plain Fourier transform over a whole number
+// of periods of each gives the expected levels. Levels below -140 dB are rounding errors.
+TEST(measure_response, prints_the_levels_of_a_plain_transform)
 {
     const char *const sets[]{"long ", "short ", "none "};
     const std::array<int32_t, 4> cases[]{{44100, 0, 15000, 44100},  {44100, 0, 20000, 44100},
@@ -183,7 +185,7 @@ TEST(measure_response, tells_what_a_plain_transform_finds)
             for (int32_t i = 0; i < count; i += 2) frames.push_back(output[i]);
         }
         coeff_filter_free();
-        std::pair<double, int32_t> found[]{{-140, 0}, {-140, 0}, {-140, 0}}; // as they are printed
+        std::pair<double, int32_t> found[]{{-140, 0}, {-140, 0}, {-140, 0}}; // in printed order
         for (int32_t f = 20; f < 176400; f += 20) {
             if ((f - tone) % images != 0 && (f + tone) % images != 0) continue;
             std::complex<double> sum;
@@ -196,10 +198,11 @@ TEST(measure_response, tells_what_a_plain_transform_finds)
         const std::string words = std::to_string(rate) + " " + sets[use] + std::to_string(tone);
         std::FILE *tool = popen((MEASURE_TOOL_PATH " tones " + words).c_str(), "r"); // NOLINT
         for (const auto &[level, frequency] : found) {
-            std::pair<double, int32_t> told;
-            ASSERT_EQ(std::fscanf(tool, "%d %lf", &told.second, &told.first), 2) << words;
-            EXPECT_NEAR(std::max(told.first, -140.0), level, 0.1) << words;
-            EXPECT_TRUE(level == -140 || told.second == frequency) << words << " " << told.second;
+            std::pair<double, int32_t> printed;
+            ASSERT_EQ(std::fscanf(tool, "%d %lf", &printed.second, &printed.first), 2) << words;
+            EXPECT_NEAR(std::max(printed.first, -140.0), level, 0.1) << words;
+            EXPECT_TRUE(level == -140 || printed.second == frequency)
+                << words << " " << printed.second;
         }
         pclose(tool);
     }

@@ -1,6 +1,6 @@
-// The readers behind the opener: what they take of a file, what they deliver, and files that have
-// hurt readers of these formats: cut ones, lying ones, huge ones. And the feeders behind them, with
-// what no list that is played reaches.
+// The opener and the readers: which headers they accept and which sound they deliver, also for
+// files that are truncated, have wrong sizes, or claim to be huge. Also the feeders, in the cases
+// that no test with the whole player reaches.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,17 +18,17 @@
 namespace
 {
 
-// A file, and what the player must make of it.
+// A file and the expected result.
 struct file_row {
     std::string what;
     bytes content;
-    std::optional<bytes> delivered;          // or refused
-    std::optional<std::string> printed = ""; // by the readers, on standard error; none: any
-    std::optional<int64_t> length = {};      // data_bytes; none: of what is delivered
-    int32_t at_end = -1;                     // result of a call behind the last one
+    std::optional<bytes> delivered;          // the sound; none: the file is refused
+    std::optional<std::string> printed = ""; // on standard error; none: any text
+    std::optional<int64_t> length = {};      // data_bytes; none: the length of delivered
+    int32_t at_end = -1;                     // result of one more read after the end
 };
 
-// Two channels whose bytes in turn are the sound of every file: DSD, or PCM of 8 or 16 bits.
+// The sound of every file: the bytes of two channels alternating, as DSD or as PCM of 8 or 16 bits.
 const bytes left = noise(2, 36);
 const bytes right = noise(3, 36);
 const bytes heard = dsd_frames(left, right);
@@ -43,7 +43,7 @@ int32_t open_content(soundfile *file, const bytes &content)
     return open_soundfile(file);
 }
 
-// Reads an open file to its end in requests of count bytes.
+// Reads an open file to its end, count bytes per call, and compares the result.
 void check_sound(const file_row &row, soundfile *file, int32_t count)
 {
     const bool pcm = !is_dsd(file);
@@ -52,7 +52,7 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
     for (const int32_t few : {1, 0, -1, -9}) EXPECT_LT(read_samples(file, nullptr, few), 1);
     for (int32_t got; (got = read_samples(file, part.data(), count)) > 0;)
         all.insert(all.end(), part.begin(), part.begin() + std::min(got, count));
-    EXPECT_EQ(all, *row.delivered) << "the first other byte is "
+    EXPECT_EQ(all, *row.delivered) << "the first different byte is "
                                    << std::ranges::mismatch(all, *row.delivered).in1 - all.begin();
     EXPECT_EQ(read_samples(file, part.data(), count), row.at_end);
     const auto side = std::ssize(all) / (pcm ? 1 : 2);
@@ -62,15 +62,15 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
 
 constexpr int64_t huge = int64_t{1} << 32;
 
-// Begun at a frame, or a byte of a channel, a file gives the rest of what it gives as a whole; at
-// the end by its header, or after it, nothing is to be read. The rate makes each of them a time of
-// 13 decimals.
-void check_beginnings(const file_row &row)
+// A file that is started at a frame (PCM) or a byte of a channel (DSD) must deliver the rest of its
+// sound. begin_at must fail at and after the end that the header gives. The rate of 8192 makes each
+// start a time with up to 13 decimals.
+void check_starts(const file_row &row)
 {
     constexpr int64_t rate = 8192;
     for (const int64_t at :
          std::initializer_list<int64_t>{1, 4, 7, 17, 35, 36, 511, 512, 8999, 2 * huge}) {
-        SCOPED_TRACE(row.what + ", begun at " + std::to_string(at));
+        SCOPED_TRACE(row.what + ", started at " + std::to_string(at));
         soundfile file{};
         testing::internal::CaptureStderr();
         EXPECT_EQ(open_content(&file, row.content), 0);
@@ -80,13 +80,13 @@ void check_beginnings(const file_row &row)
         const bool within = at < file.data_bytes / (pcm ? frame : 1);
         const int64_t passed = pcm ? at : at / 4 * 4;
         file.wave.nSamplesPerSec = static_cast<int32_t>(pcm ? rate : 8 * rate);
-        EXPECT_FALSE(begin_at(&file, {huge << 19, 0})); // 0 frames, where the product wraps
-        const bool begun =
+        EXPECT_FALSE(begin_at(&file, {huge << 19, 0})); // 0 frames if the product wraps
+        const bool started =
             begin_at(&file, {at / rate, at % rate * (attoseconds_per_second / rate)});
-        EXPECT_TRUE(within || !begun);
-        EXPECT_EQ(file.position, begun ? passed * 352800 / rate : 0);
+        EXPECT_TRUE(within || !started);
+        EXPECT_EQ(file.position, started ? passed * 352800 / rate : 0);
         bytes part(24), rest;
-        for (int32_t got; begun && (got = read_samples(&file, part.data(), 24)) > 0;)
+        for (int32_t got; started && (got = read_samples(&file, part.data(), 24)) > 0;)
             rest.insert(rest.end(), part.begin(), part.begin() + got);
         const auto missing = std::min(passed * frame, std::ssize(*row.delivered));
         EXPECT_EQ(rest,
@@ -95,7 +95,7 @@ void check_beginnings(const file_row &row)
     }
 }
 
-// Bytes that the process has reserved, touched or not.
+// The size of the process's address space, including pages that were never touched.
 int64_t reserved_bytes()
 {
     int64_t pages = 0;
@@ -103,8 +103,8 @@ int64_t reserved_bytes()
     return pages * getpagesize();
 }
 
-// Whatever the size of the requests, and each time anew. No size that a file tells may cost memory
-// that its bytes do not bear out.
+// Opens and reads the file with requests of several sizes. A size in a header must not make a
+// reader allocate memory for data that the file does not have.
 void check(const file_row &row)
 {
     const int64_t reserved = reserved_bytes();
@@ -112,15 +112,15 @@ void check(const file_row &row)
         SCOPED_TRACE(row.what + ", requests of " + std::to_string(count));
         soundfile file{};
         testing::internal::CaptureStderr();
-        const int32_t verdict = open_content(&file, row.content);
+        const int32_t result = open_content(&file, row.content);
         const std::string printed = testing::internal::GetCapturedStderr();
         const std::string skip = std::string("file format of ") + file.path + " unknown. Skip\n";
         EXPECT_EQ(printed, row.printed ? *row.printed + (row.delivered ? "" : skip) : printed);
-        EXPECT_EQ(verdict, row.delivered ? 0 : -1);
-        if (verdict == 0 && row.delivered) check_sound(row, &file, count);
+        EXPECT_EQ(result, row.delivered ? 0 : -1);
+        if (result == 0 && row.delivered) check_sound(row, &file, count);
         std::fclose(file.fp);
     }
-    if (row.delivered) check_beginnings(row);
+    if (row.delivered) check_starts(row);
     EXPECT_LT(reserved_bytes() - reserved, 16 << 20) << row.what;
 }
 
@@ -150,39 +150,40 @@ bytes wav(wav_settings s, const bytes &data = heard)
     return make_wav(s);
 }
 
-TEST(readers, wav_headers_play_or_are_refused)
+TEST(readers, wav_headers_are_accepted_or_refused)
 {
     const bytes good = wav({});
     const bytes three = wav({.channels = 3, .bits = 8}, dsd_frames(left, right, 3));
     const bytes other = wav_chunk("fmt ", joined({le(1, 2), le(1, 2), bytes(8), le(0x80001, 4)}));
     check_all({
-        {"cut in a frame of 3", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "", 72},
+        {"truncated inside a frame of 3", first_of(three, 44 + 3 * 5 + 2), first_of(heard, 10), "",
+         72},
         {"data inside a frame", wav({.data_size = 13}), first_of(heard, 12), "", 13},
-        {"3 GiB told", wav({.data_size = huge / 4 * 3}), heard, "", huge / 4 * 3},
+        {"data size of 3 GiB", wav({.data_size = huge / 4 * 3}), heard, "", huge / 4 * 3},
         {"\"fmt \" of 44", wav({.tag = 0xFFFE, .format_bytes = 44}), heard},
         {"\"fmt \" of 45", wav({.tag = 0xFFFE, .format_bytes = 45}), refused},
         {"odd \"fmt \" without a pad byte", without(wav({.format_bytes = 17}), 37, 1), heard},
         {"two \"fmt \"", wav({.before_data = other}), heard},
-        {"data before it", wav({.before_format = wav_chunk("data", heard)}, {}), nothing},
+        {"data before \"fmt \"", wav({.before_format = wav_chunk("data", heard)}, {}), nothing},
         {"form size of 0", patched(good, 4, bytes(4)), heard},
-        {"another form", patched(good, 11, {'X'}), refused},
+        {"other form type", patched(good, 11, {'X'}), refused},
         {"-2 channels, frame of -4", wav({.channels = 0xFFFE, .block_align = 0xFFFC}), refused},
         {"frame of -4", wav({.block_align = 0xFFFC}), refused},
         {"samples of 4096 bytes", wav({.channels = 1, .block_align = 4096}), refused},
         {"0 bits in a frame of 4", wav({.bits = 0, .block_align = 4}), heard},
-        // A size taken as a negative number seeks backward for ever.
+        // As a signed number such a size would seek backward, and the walk would never end.
         {"chunk of 2^32 - 8", wav({.before_data = text("LIST\xF8\xFF\xFF\xFF")}), refused},
         {"chunk of 2^32 - 1", wav({.before_data = text("LIST\xFF\xFF\xFF\xFF")}), heard},
-        {"cut in a size", first_of(good, 18), refused, "fread() failed.\n"},
+        {"truncated inside a size", first_of(good, 18), refused, "fread() failed.\n"},
         {"RIF", text("RIF"), refused, short_tag + short_tag + short_tag},
-        {"words", text("As they may lie beside the sound.\n"), refused},
+        {"text file", text("As they may lie beside the sound.\n"), refused},
     });
 }
 
 TEST(readers, rf64_sizes_must_agree)
 {
     const bytes good = make_rf64({.data = heard});
-    const auto told = [](int64_t size) { return make_rf64({.channels = 1, .data_size = size}); };
+    const auto mono = [](int64_t size) { return make_rf64({.channels = 1, .data_size = size}); };
     check_all({
         {"size word", patched(good, 4, {0xFE}), refused},
         {"first chunk", patched(good, 12, {'x'}), refused},
@@ -191,9 +192,9 @@ TEST(readers, rf64_sizes_must_agree)
         {"\"ds64\" of 2^32 - 1", patched(good, 16, bytes(4, 0xFF)), refused},
         {"data size", patched(good, 28, {73}), refused},
         {"size word of the data", patched(good, 76, {1, 2, 3, 4}), heard},
-        {"largest share", told(0x3FFFFFFFFFFFFFFE), nothing, "", INT64_MAX - 3},
-        // Twice this is below 0 in 64 bits, and a large positive number in the low 32.
-        {"share of 2^64 - 2^32 - 2^31 - 32", told(0x7FFFFFFF3FFFFFF0), refused},
+        {"largest size of two channels", mono(0x3FFFFFFFFFFFFFFE), nothing, "", INT64_MAX - 3},
+        // Two channels have twice this size: negative in 64 bits, large and positive in the low 32.
+        {"two channels of 2^64 - 2^32 - 2^31 - 32", mono(0x7FFFFFFF3FFFFFF0), refused},
     });
 }
 
@@ -201,14 +202,14 @@ TEST(readers, rf64_sizes_must_agree)
 
 std::string block_report(uint32_t size)
 {
-    const auto told = std::to_string(static_cast<int32_t>(size));
-    return "\nERROR dsf 142 DSF block size if " + told + "\n";
+    const auto printed = std::to_string(static_cast<int32_t>(size));
+    return "\nERROR dsf 142 DSF block size if " + printed + "\n";
 }
 
-TEST(readers, dsf_headers_play_or_are_refused)
+TEST(readers, dsf_headers_are_accepted_or_refused)
 {
     const bytes good = make_dsf({.left = left, .right = right});
-    const bytes endless = make_dsf({.block_bytes = 36, .left = left, .right = right});
+    const bytes small_blocks = make_dsf({.block_bytes = 36, .left = left, .right = right});
     bytes long_chunks = patched(patched(good, 4, {40}), 32, {61});
     long_chunks.insert(long_chunks.begin() + 80, 9, 0);
     long_chunks.insert(long_chunks.begin() + 28, 12, 0);
@@ -216,7 +217,7 @@ TEST(readers, dsf_headers_play_or_are_refused)
     const auto blocks = [&](uint32_t size) { return patched(good, 72, le(size, 4)); };
     check_all({
         {"longer chunks", long_chunks, heard},
-        {"third tag", with(80, {'D'}), refused},
+        {"tag of the data", with(80, {'D'}), refused},
         {"sizes that wrap to the data", with(32, le(UINT64_MAX - 27, 8)), refused},
         {"version and format id", with(40, {2, 0xFF, 0, 0, 1}), refused},
         {"version and channel type", patched(with(40, {2, 0xFF}), 48, bytes(4, 0xFF)), heard},
@@ -224,12 +225,12 @@ TEST(readers, dsf_headers_play_or_are_refused)
         {"2^31 channels", with(52, le(0x80000000, 4)), heard},
         {"0 bits a sample", with(60, {0}), heard},
         {"8 bits a sample", with(60, {8}), refused},
-        {"count of 2^63", patched(endless, 64, le(uint64_t{1} << 63, 8)), heard, block_report(36),
-         INT64_MIN / 8},
+        {"count of 2^63", patched(small_blocks, 64, le(uint64_t{1} << 63, 8)), heard,
+         block_report(36), INT64_MIN / 8},
         {"2^31 - 1 channels, count of 2^60",
-         patched(patched(endless, 52, le(INT32_MAX, 4)), 64, le(int64_t{1} << 60, 8)), heard,
+         patched(patched(small_blocks, 52, le(INT32_MAX, 4)), 64, le(int64_t{1} << 60, 8)), heard,
          block_report(36), int64_t{1} << 57},
-        {"file and data of 0", patched(with(12, bytes(16)), 84, bytes(8)), heard},
+        {"file size and data size of 0", patched(with(12, bytes(16)), 84, bytes(8)), heard},
         {"blocks of 0", blocks(0), nothing, block_report(0), 36, 0},
         {"blocks of 2^31 - 1", blocks(INT32_MAX), nothing, block_report(INT32_MAX), 36},
         {"blocks of 2^31", blocks(0x80000000), refused, block_report(0x80000000)},
@@ -237,9 +238,9 @@ TEST(readers, dsf_headers_play_or_are_refused)
     dsf_release();
 }
 
-// Ends inside a byte, a group of 8, a block. The buffer keeps its largest size: what an earlier
-// file left in it is never heard.
-TEST(readers, dsf_sound_ends_inside_a_byte_a_group_or_a_block)
+// The block buffer keeps its largest size. The bytes of an earlier file in it must never be
+// delivered.
+TEST(readers, dsf_sound_may_end_inside_a_byte_a_group_or_a_block)
 {
     const std::array<uint32_t, 3> cases[] = {{2, 64, 1},       {2, 64, 797}, {2, 64, 512},
                                              {2, 8192, 72000}, {6, 16, 797}, {3, 1, 184},
@@ -269,52 +270,53 @@ const bytes rate = chunk("FS  ", be(2822400, 4));
 const bytes sound = chunk("DSD ", heard);
 const bytes stereo = channels("SLFTSRGT", 2);
 
-// A file with more among its properties, and with more before its sound.
+// A file with one more property, and with one more chunk before its sound.
 bytes dff(const bytes &property, const bytes &before = {})
 {
     return form({version, properties({rate, stereo, property}), before, sound});
 }
 
-TEST(readers, dsdiff_headers_play_or_are_refused)
+TEST(readers, dsdiff_headers_are_accepted_or_refused)
 {
     const bytes good = dff({});
     const bytes others = joined({chunk("ABSS", bytes(8)), chunk("LSCO", bytes(2)),
                                  chunk("ODD ", {1}), chunk("EVEN", {2, 2}), rate});
-    // A property of another size than its fields take, which the size of "PROP" bears out.
-    const auto told = [](const char *name, uint64_t size, size_t taken) {
-        const bytes file = dff(joined({head_of(name, size), bytes(taken)}));
-        return patched(file, 43, {static_cast<uint8_t>(file[43] + size - taken)});
+    // A property with a size other than that of its fields. The size of "PROP" is consistent with
+    // it.
+    const auto sized = [](const char *name, uint64_t size, size_t fields) {
+        const bytes file = dff(joined({head_of(name, size), bytes(fields)}));
+        return patched(file, 43, {static_cast<uint8_t>(file[43] + size - fields)});
     };
-    const size_t sound_size = good.size() - heard.size() - 8; // where it stands
+    const size_t sound_size = good.size() - heard.size() - 8; // offset of the size
     check_all({
         {"version of 8 bytes", dff({}, joined({head_of("FVER", 8), bytes(4)})), refused},
-        {"another form", patched(good, 15, {'X'}), refused},
-        {"another property type", patched(good, 44, text("snd ")), refused},
-        {"rate of 8 bytes", told("FS  ", 8, 4), refused},
+        {"other form type", patched(good, 15, {'X'}), refused},
+        {"other property type", patched(good, 44, text("snd ")), refused},
+        {"rate of 8 bytes", sized("FS  ", 8, 4), refused},
         {"no rate", form({properties({stereo}), sound}), refused},
         {"no channels", form({properties({rate}), sound}), refused},
         {"no properties", form({properties({}), properties({rate, stereo}), sound}), heard},
-        {"time, layout, unknown ones", dff(others), heard},
-        {"time of 6 bytes", told("ABSS", 6, 8), refused},
-        {"layout of 4 bytes", told("LSCO", 4, 2), refused},
+        {"time, layout, unknown properties", dff(others), heard},
+        {"time of 6 bytes", sized("ABSS", 6, 8), refused},
+        {"layout of 4 bytes", sized("LSCO", 4, 2), refused},
         {"DST as a property", dff(chunk("CMPR", text("DST \3DST"))), heard},
-        {"another compression", dff(chunk("CMPR", text("MP3 \3raw"))), refused},
+        {"other compression", dff(chunk("CMPR", text("MP3 \3raw"))), refused},
         {"DST sound", dff({}, chunk("DST ", {})), refused},
-        {"bytes behind the names", dff(channels("SLFTSRGT\n\n", 2)), refused},
-        {"another list, of 1", dff(channels("", 1)), refused},
+        {"bytes after the channel names", dff(channels("SLFTSRGT\n\n", 2)), refused},
+        {"second channel list, of 1", dff(channels("", 1)), refused},
         {"comment of 2^32 + 4", dff({}, joined({head_of("COMT", huge + 4), bytes(4)})), refused},
         {"odd comment", dff({}, chunk("COMT", bytes(7, 0xEE))), heard},
         {"form of 3 bytes", patched(good, 4, be(3, 8)), heard},
-        {"form that ends behind its first chunk", patched(good, 4, be(4 + 16, 8)), refused},
+        {"form that ends after its first chunk", patched(good, 4, be(4 + 16, 8)), refused},
         {"properties of 0 bytes", patched(good, 36, bytes(8)), refused},
         {"chunk of 2^64 - 12", dff({}, head_of("COMT", UINT64_MAX - 11)), refused},
         {"sound of 2^32", patched(good, sound_size, be(huge, 8)), heard, "", huge / 2},
-        {"sound of 2, and more", patched(good, sound_size, be(2, 8)), heard, "", 1},
+        {"sound size of 2, longer file", patched(good, sound_size, be(2, 8)), heard, "", 1},
     });
 }
 
-// A header, and behind it frames of left and right at their places and a part of a frame; where
-// both have one place the file is refused.
+// Checks a file that has the header, then frames with left and right at the given places, then a
+// part of a frame. If both places are the same, the file must be refused.
 void check_places(const std::string &what, const bytes &header, size_t count, size_t left_at,
                   size_t right_at)
 {
@@ -324,8 +326,9 @@ void check_places(const std::string &what, const bytes &header, size_t count, si
            left_at != right_at ? heard : refused});
 }
 
-// The last one of a name counts; a right channel found before place 1 stays.
-TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
+// If a name is listed twice, the last place counts. A right channel at place 0 is kept when place 1
+// is neither left nor right.
+TEST(readers, dsdiff_channels_are_at_the_places_that_the_list_names)
 {
     const struct {
         std::string names;
@@ -353,7 +356,7 @@ TEST(readers, dsdiff_channels_lie_where_the_list_names_them)
 
 // --- WSD ----------------------------------------------------------------------------------------
 
-TEST(readers, wsd_headers_play_or_are_refused)
+TEST(readers, wsd_headers_are_accepted_or_refused)
 {
     const bytes good = make_wsd({.data_offset = 64, .frames = heard});
     const auto wsd = [](int count, uint32_t assignment, const bytes &frames) {
@@ -361,9 +364,9 @@ TEST(readers, wsd_headers_play_or_are_refused)
     };
     const bytes both = dsd_frames(left, left);
     check_all({
-        {"unknown bytes", patched(patched(good, 4, noise(3, 8)), 28, noise(4, 8)), heard},
-        {"2^32 bytes", patched(good, 12, be(1, 8)), heard, "", (huge - 64) / 2},
-        {"offset behind the end", patched(good, 24, {0x7F}), nothing, "",
+        {"unused bytes", patched(patched(good, 4, noise(3, 8)), 28, noise(4, 8)), heard},
+        {"file size of 2^32", patched(good, 12, be(1, 8)), heard, "", (huge - 64) / 2},
+        {"offset after the end", patched(good, 24, {0x7F}), nothing, "",
          (std::ssize(good) - 0x7F000040) / 2},
         {"negative offset", patched(good, 24, {0x80}), refused},
         {"8 channels", wsd(8, 0, dsd_frames(left, right, 8)), heard},
@@ -375,8 +378,8 @@ TEST(readers, wsd_headers_play_or_are_refused)
     });
 }
 
-// Bits 7, 1 and 0, and the bytes behind the first one where that is not 0, play no part.
-TEST(readers, wsd_channels_lie_where_the_assignment_puts_them)
+// Bits 7, 1 and 0 are ignored. The other bytes are ignored unless the first one is 0.
+TEST(readers, wsd_channels_are_at_the_places_of_the_assignment)
 {
     const struct {
         uint32_t assignment;
@@ -396,7 +399,7 @@ TEST(readers, wsd_channels_lie_where_the_assignment_puts_them)
 
 // --- The opener ---------------------------------------------------------------------------------
 
-TEST(readers, samples_without_a_format_end_the_program)
+TEST(readers, unsupported_sample_width_ends_the_process)
 {
     const std::pair<wav_settings, int> cases[] = {
         {{.channels = 0}, 0},
@@ -410,7 +413,7 @@ TEST(readers, samples_without_a_format_end_the_program)
     }
 }
 
-TEST(readers, a_file_that_is_not_open_gives_nothing)
+TEST(readers, read_of_a_file_that_is_not_open_fails)
 {
     soundfile closed{};
     for (soundfile *file : {static_cast<soundfile *>(nullptr), &closed})
@@ -418,19 +421,19 @@ TEST(readers, a_file_that_is_not_open_gives_nothing)
             EXPECT_EQ(read(file, nullptr, 8), -1);
 }
 
-// --- Cut files ----------------------------------------------------------------------------------
+// --- Truncated files ----------------------------------------------------------------------------
 
-// Every beginning of a file is refused while its header is not whole. Behind that the sound that is
-// there is played.
-TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
+// A file that is truncated inside its header is refused. One that is truncated after it delivers
+// the sound that it has.
+TEST(readers, file_truncated_at_any_byte_delivers_the_rest_of_its_sound)
 {
     const bytes odd = wav_chunk("LIST", noise(3, 5));
     const wav_settings settings = {
         .tag = 0xFFFE, .before_format = odd, .before_data = odd, .data = heard};
     const struct {
         bytes content;
-        size_t header; // bytes that must be there
-        size_t unit;   // bytes that are played whole or not at all
+        size_t header; // bytes that are needed to accept the file
+        size_t unit;   // bytes that are delivered as a whole or not at all
     } cases[] = {
         {make_wav(settings), 96, 4},
         {make_rf64(settings), 132, 4},
@@ -445,9 +448,9 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
             const auto what = std::to_string(length) + " of " + std::to_string(content.size());
             file_row row = {what, first_of(content, length), refused, {}, pcm ? 72 : 36};
             if (length >= header) {
-                bytes told = first_of(heard, (length - header) / unit * unit);
-                if (!pcm) told.resize((told.size() + 7) / 8 * 8, 0x96);
-                row.delivered = told;
+                bytes expected = first_of(heard, (length - header) / unit * unit);
+                if (!pcm) expected.resize((expected.size() + 7) / 8 * 8, 0x96);
+                row.delivered = expected;
             }
             check(row);
         }
@@ -456,10 +459,10 @@ TEST(readers, a_file_cut_at_any_byte_plays_what_is_there)
 
 // --- The feeders --------------------------------------------------------------------------------
 
-int32_t feeder_told; // at the last call of fed
+int32_t feeder_result; // of the last call of fed
 
-// What one call stores of a file, its samples taken for those of another format, in a ring of so
-// many free bytes.
+// The bytes that one call of the feeder stores of a file, in a ring with the given number of free
+// bytes. sample_format replaces the format that the opener found.
 bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t sample_format = 0)
 {
     const int32_t width = snd_pcm_format_physical_width(device) / 8;
@@ -477,9 +480,9 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     const auto frame = static_cast<uint32_t>(2 * width);
     ringbuffer_free(&ring);
     ring = ringbuffer_new(free + frame, frame, 1);
-    feeder_told = fill_buffer();
+    feeder_result = fill_buffer();
     bytes stored(ring_data(ring), ring_data(ring) + ring->bytes_put);
-    fill_buffer(); // meets the end of PCM, and closes it
+    fill_buffer(); // reaches the end of a PCM file and closes it
     if (file.fp != nullptr) std::fclose(file.fp);
     return stored;
 }
@@ -487,7 +490,7 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
 constexpr auto s24_3 = SND_PCM_FORMAT_S24_3LE, s32 = SND_PCM_FORMAT_S32_LE,
                dsd_le = SND_PCM_FORMAT_DSD_U32_LE, dsd_be = SND_PCM_FORMAT_DSD_U32_BE;
 
-TEST(feeders, dsd_of_a_call_is_bounded)
+TEST(feeders, dsd_feeder_limits_the_frames_of_a_call)
 {
     const struct {
         snd_pcm_format_t device;
@@ -497,13 +500,13 @@ TEST(feeders, dsd_of_a_call_is_bounded)
     const bytes long_file = make_wsd({.frames = bytes(40000)});
     for (const auto &row : rows) {
         EXPECT_EQ(fed(long_file, row.device, row.free).size(), row.frames * 8);
-        EXPECT_EQ(feeder_told, row.frames == 0 ? 0 : -1); // 0: main pauses
+        EXPECT_EQ(feeder_result, row.frames == 0 ? 0 : -1); // 0: main pauses
     }
     EXPECT_EQ(fed(make_wsd({.frames = be(0x1122334455667788, 8)}), dsd_le, 2816),
               be(0x7755331188664422, 8));
 }
 
-TEST(feeders, samples_that_no_container_has)
+TEST(feeders, convert_formats_that_no_container_has)
 {
     const struct {
         int format, bits;

@@ -1,6 +1,6 @@
-// What no run of the whole player reaches or can name: the ring's arithmetic at its borders, values
-// of options at their limits, names that are cut, sorted and stored, lines of long times, and the
-// terminal between keys, signals and a shell.
+// Cases that tests with the whole player do not reach: limits of the ring's arithmetic and of
+// option values; truncation, order and storage of names; lines with long times; and the terminal
+// between keys, signals and a shell.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -36,7 +36,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-// The words of a line as an argument vector, which is valid until the next call.
+// Splits a line into an argument vector. Valid until the next call.
 std::vector<char *> argv_of(const std::string &line)
 {
     static std::vector<std::string> words;
@@ -50,25 +50,25 @@ std::vector<char *> argv_of(const std::string &line)
 
 // --- The ring -----------------------------------------------------------------------------------
 
-TEST(ring, tells_and_takes_what_fits)
+TEST(ring, reports_free_room_and_stores_what_fits)
 {
     const struct {
-        uint32_t size, frame, read, used; // read: where the stored bytes begin
+        uint32_t size, frame, read, used; // read: place of the first stored byte
         uint32_t percent, free, free_run, used_run;
     } rows[] = {
-        {800, 8, 0, 0, 0, 792, 792, 0},        // empty at 0: the writer may not wrap
-        {800, 8, 400, 0, 0, 792, 400, 0},      // empty elsewhere: up to the end
-        {800, 8, 8, 792, 99, 0, 0, 792},       // full, the writer wrapped
-        {800, 8, 200, 200, 25, 592, 400, 200}, // the room wraps
+        {800, 8, 0, 0, 0, 792, 792, 0},        // empty, at 0: one frame before the end stays free
+        {800, 8, 400, 0, 0, 792, 400, 0},      // empty, inside: the free room wraps
+        {800, 8, 8, 792, 99, 0, 0, 792},       // full: the write position has wrapped
+        {800, 8, 200, 200, 25, 592, 400, 200}, // the free room wraps
         {800, 8, 792, 16, 2, 776, 776, 8},     // the stored bytes wrap
-        {806, 8, 8, 784, 98, 8, 8, 784},       // the odd end of the data is out of use
-        {16, 8, 0, 12, 75, 0, 0, 12},          // less than a frame left: nothing is free
+        {806, 8, 8, 784, 98, 8, 8, 784},       // the part of a frame at the end is not used
+        {16, 8, 0, 12, 75, 0, 0, 12},          // less than a frame is left: nothing is free
         {2147483640, 8, 8, 2147483632, 99, 0, 0, 2147483632},
     };
     const bytes given = noise(1, 1000);
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.size << " " << row.read << " " << row.used);
-        if (sizeof(size_t) < 8 && row.size > INT32_MAX / 2) continue; // no block is so large there
+        if (sizeof(size_t) < 8 && row.size > INT32_MAX / 2) continue; // malloc would fail
         ringbuffer *r = ringbuffer_new(row.size, row.frame, 1);
         ASSERT_NE(r, nullptr);
         r->bytes_sent = uint64_t{r->usable_size} * 3000000000U + row.read;
@@ -84,7 +84,7 @@ TEST(ring, tells_and_takes_what_fits)
             EXPECT_EQ(ring_data(r)[(row.read + row.used + i) % r->usable_size], given[i]) << i;
         EXPECT_EQ(r->track_marks[1], mark_unset);
         ringbuffer_free(&r);
-        ringbuffer_free(&r); // null by now
+        ringbuffer_free(&r); // r is null now
     }
     EXPECT_EQ(ringbuffer_new(1572864, 0, 1), nullptr);
     EXPECT_EQ(ringbuffer_new(0x80000000U, 8, 1), nullptr);
@@ -92,7 +92,7 @@ TEST(ring, tells_and_takes_what_fits)
 
 // --- Options ------------------------------------------------------------------------------------
 
-// The entries taken, and the options that are not as at the start.
+// Parses a line. Result: the number of entries taken, and the options whose values have changed.
 std::string parse(const std::string &line, int32_t with_frequency = 0)
 {
     oversample = flag_off;
@@ -111,14 +111,14 @@ std::string parse(const std::string &line, int32_t with_frequency = 0)
     return text + mode_label;
 }
 
-TEST(options, are_counted_and_set)
+TEST(options, are_counted_and_stored)
 {
     const std::pair<const char *, const char *> rows[] = {
         {"", "2"},
         {"a.wav b.wav -os", "2 os"},
         {"-D a -D b --mode=2 -B 2M -B 3M f", "10 D=b B=3145728Bi-Naural"},
         {"--skip -os -D -os a", "5 D=-os"},
-        {"-os -D", "2 os"}, // no value, no option
+        {"-os -D", "2 os"}, // -D without a value is not an option
         {"- -- --- --mode 1 -mode=1 --os -silent -skip 1 -OS -d x -Dx", "1"},
         {"--Silent --silentx --silen --frequency 44100 a.wav", "1"},
         {"-B 1m", "3 B=1048576"},
@@ -128,13 +128,13 @@ TEST(options, are_counted_and_set)
         {"--start=.0000000000000000019", "2 A=1"},
         {"--start=00012.", "2 S=12"},
         {"--start=99999999999999999999999.5", "2 S=100000000000000000 A=500000000000000000"},
-        // Numbers above 4 Gi are cut and must not wrap into a size that would be taken.
+        // Numbers above 4 Gi are clamped and must not wrap to a valid size.
         {"-B 4296015872", "3 B=4294967296"},
         {"-B 17592186044416M", "3 B=4503599627370496"},
         {"-B -99999999999999999999M", "3 B=18442240474082181120"},
     };
     for (const auto &[line, expected] : rows) EXPECT_EQ(parse(line), expected) << line;
-    EXPECT_EQ(parse("--frequency 44100 -os", -1), "4 os") << "admitted by the caller";
+    EXPECT_EQ(parse("--frequency 44100 -os", -1), "4 os") << "with_frequency is set";
     EXPECT_EQ(parse("-D " + std::string(1024, 'd')), "3 D=" + std::string(1023, 'd'));
     const std::string longest(1024, 'x'), longer = longest + "x";
     EXPECT_EQ(strings_equal(longest.c_str(), longest.c_str()), -1);
@@ -143,7 +143,8 @@ TEST(options, are_counted_and_set)
 
 // --- Names --------------------------------------------------------------------------------------
 
-// The list for the arguments, each name behind a blank, and behind it what standard error got.
+// Expands the arguments. Result: the names, each with a leading blank, then the text printed on
+// standard error.
 std::string expand(const std::string &line)
 {
     std::vector<char *> argv = argv_of(line);
@@ -155,7 +156,7 @@ std::string expand(const std::string &line)
     return result + testing::internal::GetCapturedStderr();
 }
 
-TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
+TEST(names, of_files_and_directories_are_expanded_truncated_and_sorted)
 {
     std::string folder = testing::TempDir() + "sonivane-XXXXXX";
     fs::current_path(mkdtemp(folder.data()));
@@ -179,8 +180,8 @@ TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
     };
     for (const auto &[arguments, expected] : rows) EXPECT_EQ(expand(arguments), expected);
 
-    // What tells names apart is byte 2048, or the one behind it, where they keep their order. There
-    // are more of them than the pool has room for at first.
+    // The names differ at byte 2048, where they are sorted, or at byte 2049, where they keep their
+    // order. There are more names than the pool's first size.
     for (const size_t same : {2047U, 2048U}) {
         std::string given, halves[2];
         for (int i = 0; i < 150; ++i) {
@@ -191,7 +192,7 @@ TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
         }
         EXPECT_EQ(expand(given), same < 2048 ? halves[0] + halves[1] : given);
     }
-    // No free descriptor: the one fault of opendir that even root meets.
+    // Without a free descriptor opendir fails, also for root.
     const auto walk = [] {
         const rlimit none = {};
         setrlimit(RLIMIT_NOFILE, &none);
@@ -203,9 +204,9 @@ TEST(names, are_those_of_files_and_of_the_files_in_directories_cut_and_sorted)
     fs::remove_all(folder);
 }
 
-// What the list holds besides names is reported, and nothing of it is read as a name of another
-// kind.
-TEST(names, are_those_of_a_list_of_any_bytes)
+// A name that does not exist is reported. Nothing in a list is taken as an option, a URL or a name
+// of another kind.
+TEST(names, of_a_list_may_have_any_bytes)
 {
     std::string folder = testing::TempDir() + "sonivane-XXXXXX";
     fs::current_path(mkdtemp(folder.data()));
@@ -238,23 +239,24 @@ TEST(names, are_those_of_a_list_of_any_bytes)
         EXPECT_TRUE(read_list("l/list"));
         EXPECT_EQ(expand("not a"), expected) << content;
     }
-    EXPECT_EQ(expand("a b"), " a b") << "a list counts once";
+    EXPECT_EQ(expand("a b"), " a b") << "a list is used once";
     fs::remove_all(folder);
 }
 
-TEST(names, lie_in_a_block_that_doubles)
+TEST(names, are_stored_in_a_block_that_doubles)
 {
     const std::string name(5000, 'n');
     pool_free();
-    // The last byte of the block may be a name's terminator, and no more.
+    // The first name and its terminator leave one byte, which holds the terminator of an empty
+    // name. The next name needs a larger block.
     for (const auto &[length, size] : {std::pair(1022, 1024), {0, 1024}, {0, 2048}, {5000, 8192}}) {
         pool_add(length, name.c_str());
         EXPECT_EQ(pool_chars_size, size);
     }
     pool_reset();
     EXPECT_EQ(pool_count + pool_chars_used, 0);
-    EXPECT_EQ(pool_chars_size, 8192) << "kept for the next list";
-    // The number alone is brought to its limit: what would pass it must not be stored.
+    EXPECT_EQ(pool_chars_size, 8192) << "memory is kept for the next list";
+    // Only the count is set to its limit. A name that exceeds it must not be stored.
     pool_chars_used = INT32_MAX;
     pool_add(1, "n");
     EXPECT_EQ(pool_count, 0);
@@ -262,7 +264,7 @@ TEST(names, lie_in_a_block_that_doubles)
 
 // --- Lines, reports, pauses ---------------------------------------------------------------------
 
-TEST(console, tells_long_times_and_names)
+TEST(console, prints_long_times_and_names)
 {
     const std::string forty = std::string(36, 'a') + ".wav";
     const std::string head = blank_line + std::string("\nplaying file 2/10 total ");
@@ -283,8 +285,8 @@ TEST(console, tells_long_times_and_names)
     }
 }
 
-// Of two threads that leave, the first one gives the status.
-TEST(console, stops_both_threads_at_a_fatal_report)
+// If two threads end the process, the first one determines the exit status.
+TEST(console, fatal_report_stops_both_threads)
 {
     const auto leave = [] {
         std::atexit([] {
@@ -297,7 +299,7 @@ TEST(console, stops_both_threads_at_a_fatal_report)
     EXPECT_EXIT(leave(), testing::ExitedWithCode(9), "^\nERROR util 1033 it failed.\nflags -1 -1$");
 }
 
-TEST(console, waits_a_quarter_of_what_a_refill_leaves_at_most)
+TEST(console, pause_is_a_quarter_of_the_buffered_time_within_limits)
 {
     EXPECT_EQ(pause_of(2048, 44100), 5793U);
     EXPECT_EQ(pause_of(1, 44100), 100U);
@@ -321,7 +323,7 @@ bool is_raw()
 bool becomes_raw()
 {
     for (int i = 0; i < 500; ++i, usleep(10000))
-        if (is_raw()) return true; // a job may give it back at any time
+        if (is_raw()) return true; // not checked again: a job may restore it at any time
     return false;
 }
 
@@ -331,8 +333,8 @@ bool becomes_stopped()
     return is_stopped();
 }
 
-// Exits with the number of the first step that went wrong, or with 0.
-[[noreturn]] void take_and_give_back(int keyboard)
+// Exits with the number of the first step that failed, or with 0.
+[[noreturn]] void take_and_restore(int keyboard)
 {
     setsid();
     ioctl(STDIN_FILENO, TIOCSCTTY, 0);
@@ -341,10 +343,11 @@ bool becomes_stopped()
     tcsetattr(STDIN_FILENO, TCSANOW, &before);
     termios of_shell = before;
     of_shell.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    std::signal(SIGHUP, SIG_IGN); // as nohup has it
+    std::signal(SIGHUP, SIG_IGN); // as nohup does
     start_lookout();
     read_keys();
-    // No line yet: it cannot be read before the switch, and counts then.
+    // The input is not a complete line, so it cannot be read in canonical mode. It is read when
+    // terminal_raw leaves that mode.
     if (write(keyboard, "typed ahead\x03", 12) != 12 || is_stopped()) _exit(1);
     terminal_raw();
     if (!becomes_stopped()) _exit(2);
@@ -352,16 +355,16 @@ bool becomes_stopped()
     kill(getpid(), SIGHUP);
     kill(getpid(), SIGCONT);
     if (!becomes_raw()) _exit(3);
-    terminal_raw(); // taken already: these settings are not those to put back
+    terminal_raw(); // is raw already: must not save these settings
     terminal_restore();
     if (mode().c_lflag != before.c_lflag) _exit(4);
     tcsetattr(STDIN_FILENO, TCSANOW, &of_shell);
-    terminal_restore(); // nothing is left to put back
+    terminal_restore(); // has nothing to restore
     _exit(mode().c_lflag == of_shell.c_lflag ? 0 : 5);
 }
 
-// A job that takes the terminal and gives it back all the time, once it is in the foreground. What
-// ignores signals hands that on.
+// A job that takes and restores the terminal in a loop, after it is in the foreground. It resets
+// the signals that it inherited as ignored.
 [[noreturn]] void run_job()
 {
     for (const int ignored : {SIGTTOU, SIGTERM, SIGTSTP, SIGHUP}) std::signal(ignored, SIG_DFL);
@@ -374,38 +377,38 @@ bool becomes_stopped()
     }
 }
 
-// The shell that starts jobs, stops each, and ends it while it is stopped. Exits with the number of
-// the first job that did not leave the terminal, on standard input, as before; or with 0.
+// A shell that starts jobs, stops each one, and ends it while it is stopped. Exits with the number
+// of the first job after which the terminal on standard input was not as before, or with 0.
 [[noreturn]] void run_shell()
 {
     std::signal(SIGTTOU, SIG_IGN);
-    alarm(60); // a job that neither stops nor ends must not hang the test
+    alarm(60); // ends the test if a job neither stops nor ends
     setsid();
     ioctl(STDIN_FILENO, TIOCSCTTY, 0);
     for (int i = 1; i <= 100; ++i) {
         const pid_t job = fork();
-        if (job < 0) _exit(i); // kill would take it for everybody
+        if (job < 0) _exit(i); // kill(-1) would signal all processes
         if (job == 0) run_job();
         setpgid(job, job);
         tcsetpgrp(STDIN_FILENO, job);
-        bool wrong = !becomes_raw();
+        bool failed = !becomes_raw();
         int stop = 0, end = 0;
         kill(job, SIGTSTP);
-        wrong |= waitpid(job, &stop, WUNTRACED) != job || WSTOPSIG(stop) != SIGTSTP || is_raw();
+        failed |= waitpid(job, &stop, WUNTRACED) != job || WSTOPSIG(stop) != SIGTSTP || is_raw();
         kill(job, SIGTERM);
         kill(job, SIGCONT);
-        wrong |= waitpid(job, &end, 0) != job || WTERMSIG(end) != SIGTERM || is_raw();
-        if (wrong) _exit(i);
+        failed |= waitpid(job, &end, 0) != job || WTERMSIG(end) != SIGTERM || is_raw();
+        if (failed) _exit(i);
     }
     _exit(0);
 }
 
-TEST(terminal, is_given_back_and_never_left_raw_by_a_job_that_is_stopped_and_ended)
+TEST(terminal, is_restored_after_keys_and_signals_and_by_jobs_that_are_stopped_and_ended)
 {
     int keyboard = -1, screen = -1;
     ASSERT_EQ(openpty(&keyboard, &screen, nullptr, nullptr, nullptr), 0);
     dup2(screen, STDIN_FILENO);
-    EXPECT_EXIT(take_and_give_back(keyboard), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(take_and_restore(keyboard), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(run_shell(), testing::ExitedWithCode(0), "");
 }
 

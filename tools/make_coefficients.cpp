@@ -1,10 +1,10 @@
 // Computes the five coefficient sets of the oversampling filter and writes them as C++ data.
 //
 //   make_coefficients DIRECTORY     writes DIRECTORY/taps_COUNT.inc for each set
-//   make_coefficients --print       prints all sets on standard output, one tap a line
+//   make_coefficients --print       prints all sets on standard output, one tap per line
 //
-// Each set is a frequency-sampled linear-phase low-pass under a Kaiser window: 0 dB up to one
-// corner, a straight line in dB down to -200 dB at the other, and constant from there on.
+// Each set is a frequency-sampled linear-phase low-pass with a Kaiser window. Its response is 0 dB
+// up to pass_end, falls linearly in dB to -200 dB at stop_begin, and is constant above.
 #include <algorithm>
 #include <array>
 #include <cinttypes>
@@ -20,12 +20,12 @@
 namespace
 {
 
-// One set to design. Rates and corners in Hz.
+// The design of a set. Rates and frequencies are in Hz.
 struct design {
-    int32_t tap_count;  // stored taps, the closing zero included
-    int32_t rate;       // the rate that the taps run at
-    int32_t pass_end;   // 0 dB up to here
-    int32_t stop_begin; // stop_level from here on
+    int32_t tap_count;  // stored taps, including the zero at the end
+    int32_t rate;       // taps per second
+    int32_t pass_end;   // 0 dB up to this frequency
+    int32_t stop_begin; // stop_level from this frequency on
 };
 
 constexpr std::array<design, 5> designs{{
@@ -36,7 +36,7 @@ constexpr std::array<design, 5> designs{{
     {4096, 176400, 20000, 22050},
 }};
 
-// The response is given at this many bins around the whole circle of frequencies.
+// The response is sampled at this many frequencies from 0 to the rate.
 constexpr int64_t grid_bins = 655360;
 constexpr double stop_level = 1e-10; // -200 dB
 constexpr double kaiser_beta = 7;
@@ -46,7 +46,8 @@ int64_t bin_below(int64_t frequency, int64_t rate)
     return frequency * grid_bins / rate;
 }
 
-// exp(2 pi i k d / grid_bins), the product reduced in integers so that no digit is lost.
+// exp(2 pi i k d / grid_bins). k d is reduced modulo grid_bins in integers, so that no digit is
+// lost.
 std::complex<double> grid_turn(int64_t k, int64_t d)
 {
     const auto turn = static_cast<double>(k * d % grid_bins) / static_cast<double>(grid_bins);
@@ -62,9 +63,9 @@ double cosine_sum(int64_t last, int64_t d)
     return std::sin(angle) / std::sin(static_cast<double>(d) * half_turn);
 }
 
-// The inverse DFT of the response at distance d from the centre. The response is taken apart into
-// what has a closed sum: the constant stop_level, a step down at k1, a step at k0, and between the
-// two a geometric series.
+// The inverse DFT of the response at distance d from the centre. The response is split into terms
+// whose sums have a closed form: the constant stop_level, a step down at k1, a step at k0, and a
+// geometric series between both.
 double impulse_response(const design &wanted, int64_t d)
 {
     const int64_t k0 = bin_below(wanted.pass_end, wanted.rate);
@@ -108,7 +109,7 @@ std::vector<float> design_taps(const design &wanted)
     return taps;
 }
 
-// Nine digits bring a single-precision number back exactly.
+// Nine digits are enough to read a single-precision number back exactly.
 std::string as_literal(float tap)
 {
     if (tap == 0) return "0.0F";

@@ -1,11 +1,12 @@
-// Writes the demo list, holds what a device got against it, and writes silence to measure with.
+// Writes the demo files, compares what a device got with them, and writes silent files for
+// measurements.
 //
 //   make_demo write DIRECTORY           writes the files
-//   make_demo compare CAPTURE FILE...   the capture is the files, played in that order, bit for bit
-//   make_demo count-os CAPTURE FILE...  the capture of -os has the right number of frames
-//   make_demo silence FILE RATE BITS SECONDS   writes a silent file, DSF where BITS is 1, else WAV
+//   make_demo compare CAPTURE FILE...   compares the capture with the files, bit for bit, in order
+//   make_demo count-os CAPTURE FILE...  checks the number of frames of a capture with -os
+//   make_demo silence FILE RATE BITS SECONDS   writes a silent file: DSF if BITS is 1, else WAV
 //
-// A capture is raw and holds frames of two 32-bit words: S32_LE, or DSD_U32_BE for DSD.
+// A capture has no header. Its frames are two 32-bit words: S32_LE, or DSD_U32_BE for DSD.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -31,12 +32,13 @@ struct demo_file {
     uint32_t rate;    // frames, or DSD bits of a channel, per second
     uint32_t bits;    // of a sample
     uint32_t seconds; // length
-    double left_hz;   // tone, or start of the sweep
-    double right_hz;  // tone, or start of the sweep
-    double sweep;     // the frequency at the end, as a multiple; 1: a tone
+    double left_hz;   // frequency of the tone, or at the start of the sweep
+    double right_hz;  // the same for the right channel
+    double sweep;     // end frequency / start frequency; 1: a tone
 };
 
-// In the order in which the player sorts them. The DSD lengths fill whole groups of bytes.
+// Each list is in the order in which the player sorts it. The lengths of the DSD files are whole
+// groups of bytes, so that the player adds no fill bytes.
 constexpr demo_file demo_files[] = {
     {"1-tone-44100-16.wav", file_kind::wav, 44100, 16, 3, 440, 660, 1},
     {"2-tone-44100-24.wav", file_kind::wav, 44100, 24, 2, 1000, 1500, 1},
@@ -50,7 +52,7 @@ constexpr double level = 0.5;
 constexpr double fade_seconds = 0.01;
 
 constexpr size_t device_frame_bytes = 8;
-constexpr size_t silence_frames = 8192; // the player sends silence in steps of as many
+constexpr size_t silence_frames = 8192; // the player writes silence in pieces of this size
 constexpr uint32_t oversampled_rate = 352800;
 constexpr uint32_t dsd_bits_per_word = 32;
 
@@ -59,7 +61,7 @@ bool is_dsd(const demo_file &file)
     return file.bits == 1;
 }
 
-size_t frame_count(const demo_file &file) // of DSD: bits of a channel
+size_t frame_count(const demo_file &file) // DSD: bits of a channel
 {
     return size_t{file.rate} * file.seconds;
 }
@@ -72,7 +74,7 @@ size_t frame_count(const demo_file &file) // of DSD: bits of a channel
 
 // --- Sound --------------------------------------------------------------------------------------
 
-// The signal of one channel at a time in seconds. A sweep rises exponentially.
+// The signal of one channel at a time in seconds. The frequency of a sweep rises exponentially.
 double signal_at(const demo_file &file, double hertz, double time)
 {
     const double length = file.seconds;
@@ -97,7 +99,8 @@ bytes pcm_sound(const demo_file &file)
     return sound;
 }
 
-// One channel through a second-order delta-sigma modulator; oldest bit highest in each byte.
+// One channel, converted by a second-order delta-sigma modulator. The oldest bit of a byte is
+// highest.
 bytes dsd_channel(const demo_file &file, double hertz)
 {
     bytes stream(frame_count(file) / 8);
@@ -125,7 +128,7 @@ bytes right_of(const demo_file &file)
 
 // --- Writing ------------------------------------------------------------------------------------
 
-// The whole file as it lies on the disk.
+// The content of the whole file.
 bytes content_of(const demo_file &file)
 {
     const wav_settings wav = {.rate = static_cast<int>(file.rate),
@@ -211,13 +214,13 @@ void append_dsd_frames(bytes &frames, const demo_file &file)
     }
 }
 
-// A second of silence, in whole steps.
+// The bytes of one second of silence, rounded up to whole pieces.
 size_t pre_roll_bytes(uint32_t rate)
 {
     return (rate + silence_frames - 1) / silence_frames * silence_frames * device_frame_bytes;
 }
 
-// The pre-roll is silence and nothing else.
+// Ends the program unless all bytes are silence.
 void require_silence(std::span<const uint8_t> capture, uint8_t silence, const char *path)
 {
     const bool silent = std::all_of(capture.begin(), capture.end(),
@@ -250,7 +253,7 @@ int compare_capture(const char *capture_path, std::span<char *> paths)
 
 int count_oversampled(const char *capture_path, std::span<char *> paths)
 {
-    // The first file's rate settles the factor for the whole list.
+    // The first file's rate determines the factor for the whole list.
     const size_t factor = oversampled_rate / find_demo(paths[0]).rate;
     size_t frames = 0;
     for (const char *path : paths) frames += factor * frame_count(find_demo(path));

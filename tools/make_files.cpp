@@ -77,7 +77,7 @@ bytes format_body(const wav_settings &s)
     return body;
 }
 
-// What stands behind the form's head.
+// All that follows "WAVE" in a WAV file.
 bytes wav_body(const wav_settings &s, uint64_t data_size)
 {
     return joined({s.before_format, wav_chunk("fmt ", format_body(s)), s.before_data, text("data"),
@@ -125,7 +125,7 @@ bytes make_dsf(const dsf_settings &s)
 {
     bytes sound;
     for (size_t from = 0; from < s.left.size(); from += s.block_bytes) {
-        for (const bytes *side : {&s.left, &s.right}) // filled with what must never be heard
+        for (const bytes *side : {&s.left, &s.right}) // padded with bytes that must never be played
             for (size_t i = from; i < from + s.block_bytes; ++i)
                 sound.push_back(i < side->size() ? turned((*side)[i]) : uint8_t{0xEE});
         put_bytes(sound, noise(77, (s.channels - 2) * s.block_bytes));

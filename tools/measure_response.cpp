@@ -1,16 +1,16 @@
-// Measures the filter, for tools/plot_filter and the README's table. Figures are Hz and dB.
+// Measures the filter, for tools/plot_filter and the README's table. Numbers are in Hz and dB.
 //
 //   measure_response sets
-//     The magnitude of each coefficient set by itself: a title in quotes, then lines of a frequency
-//     and a level.
+//     Prints the magnitude response of each coefficient set: a title in quotes, then lines of a
+//     frequency and a level.
 //   measure_response tones RATE long|short|none HZ...
-//     What comes out of -os for full-scale tones of a source of that rate. A line a tone: its
-//     frequency and level, the highest of all other frequencies (image), and the highest of those
-//     from 20 Hz to 20 kHz. Then a second block: each frequency that an image lands at, and the
-//     highest level there. "none" measures the tones alone: what comes with them is the measure's
-//     own error.
+//     Prints the output of -os for full-scale tones of a source of that rate, one line per tone:
+//     its frequency and level, frequency and level of the highest image (any other frequency), and
+//     those of the highest image from 20 Hz to 20 kHz. A second block lists each frequency at which
+//     an image occurs and the highest level there. "none" measures the tones without a filter: the
+//     images that it shows are the error of the measurement.
 //
-// Two empty lines end a block, as gnuplot has it.
+// Two empty lines end a block, as gnuplot expects.
 #include <algorithm>
 #include <array>
 #include <cinttypes>
@@ -87,12 +87,14 @@ void print_sets()
 
 // ---- The filter
 //
-// A complex tone goes in, its real part left, its imaginary part right. So an image that mirrors
-// the tone is kept apart from one that shifts it, where both land at one frequency.
+// The input is a complex tone: its real part is the left channel, its imaginary part the right one.
+// This separates an image that mirrors the tone from one that shifts it, even if both are at the
+// same frequency.
 //
-// The filter is linear, and does the same again after a round of output frames. So what comes out
-// is tones, at distances of the output rate / round. Over a whole number of turns of each of them
-// no window is needed, and nothing leaks from one to another.
+// The filter is linear and periodic, with a period of round_frames output frames. So the output is
+// a sum of tones whose frequencies differ by multiples of output rate / round_frames. The transform
+// covers a whole number of periods of each of them, so that no window is needed and no tone leaks
+// into the bin of another.
 
 constexpr int32_t bin_step = 10; // Hz
 constexpr int32_t measured_frames = oversampled_rate / bin_step;
@@ -100,8 +102,9 @@ constexpr int32_t settling_frames = 12000; // more than the longest set
 constexpr int32_t run_frames = settling_frames + measured_frames;
 constexpr double amplitude = 0.5;
 
-// Where the rates fall in step, and the taps lie alike: in the family of 44100 Hz for each input,
-// in the other every four output frames.
+// The period of the filter in output frames. After it both rates are in phase again and the taps
+// have the same position: in the 44100 Hz family after each input, in the other after four output
+// frames.
 int32_t round_frames(int32_t source_rate)
 {
     return std::lcm(oversampled_rate / std::gcd(oversampled_rate, source_rate), 4);
@@ -114,7 +117,7 @@ complex tone_frame(int64_t t, int32_t rate, int32_t frequency)
 
 enum class filtered { by_long_sets, by_short_sets, not_at_all };
 
-// What comes out of the filter once it has settled.
+// The output of the filter after it has settled.
 std::vector<complex> run_tone(int32_t source_rate, filtered how, int32_t frequency)
 {
     std::vector<complex> frames;
@@ -134,7 +137,8 @@ std::vector<complex> run_tone(int32_t source_rate, filtered how, int32_t frequen
     return {frames.begin() + settling_frames, frames.begin() + run_frames};
 }
 
-// Discrete Fourier transform of count frames, which stand stride apart, by the factors of count.
+// Discrete Fourier transform of count frames, every stride-th one. It recurses by the factors of
+// count.
 void transform(const complex *frames, int32_t stride, complex *bins, int32_t count)
 {
     static const std::vector<complex> turns = [] {
@@ -172,7 +176,7 @@ struct level_at {
     double level = silence_level;
 };
 
-// Prints the line of a tone, and raises highest, by frequency / bin_step, to its images.
+// Prints the line of a tone, and raises highest[frequency / bin_step] to the levels of its images.
 void measure_tone(int32_t source_rate, filtered how, int32_t frequency,
                   std::vector<double> &highest)
 {
@@ -190,7 +194,8 @@ void measure_tone(int32_t source_rate, filtered how, int32_t frequency,
             tone_level = level;
             continue;
         }
-        const int32_t landing = std::min(bin, measured_frames - bin); // above half it runs backward
+        const int32_t landing =
+            std::min(bin, measured_frames - bin); // upper half: negative frequencies
         const int32_t at = landing * bin_step;
         highest[static_cast<size_t>(landing)] =
             std::max(highest[static_cast<size_t>(landing)], level);

@@ -39,6 +39,10 @@ _sonivane()
         mapfile -t COMPREPLY < <(compgen -W '2M 4M 16M 64M' -- "$cur")
         return
         ;;
+    --prime)
+        mapfile -t COMPREPLY < <(compgen -W '500K 1500K 4M' -- "$cur")
+        return
+        ;;
     --mode)
         mapfile -t COMPREPLY < <(compgen -W '1 2' -- "$cur")
         return
@@ -55,7 +59,8 @@ _sonivane()
     if [[ $cur == -* ]]; then
         _sonivane_has_name && return
         mapfile -t COMPREPLY < <(compgen -W '-os -D -B --skip --version --help --mode= --silent
-            --events= --strict --reopen --list= --start= --short-filter --left-cut --right-cut -?' -- "$cur")
+            --events= --strict --reopen --keep-going --list= --start= --prime= --short-filter
+            --left-cut --right-cut -?' -- "$cur")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
         return
     fi

@@ -46,6 +46,8 @@ complete -c sonivane -a '--events=\t"Write events for a front-end"' -n __sonivan
 complete -c sonivane -a '--list=\t"Play the names of this file, in its order"' -n __sonivane_option
 complete -c sonivane -a '--start=\t"Begin the first file at this time in seconds"' -n __sonivane_option
 complete -c sonivane -l reopen -n __sonivane_no_name -d 'Open the device anew for files of another form'
+complete -c sonivane -a '--prime=\t"Begin with this much of the ring filled"' -n __sonivane_option
+complete -c sonivane -l keep-going -n __sonivane_no_name -d 'Go on after the device ran empty or slept'
 complete -c sonivane -l strict -n __sonivane_no_name -d 'A sound that ends early is a failure'
 complete -c sonivane -l skip -x -n __sonivane_no_name -d 'Take a value and ignore it'
 complete -c sonivane -l version -n __sonivane_no_name -d 'Print the version'

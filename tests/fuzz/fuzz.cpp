@@ -1,4 +1,4 @@
-// The fuzz target: the opener and the readers behind it, whose input is a sound file.
+// The fuzz target: the opener and the readers. The input is a sound file.
 #include <algorithm>
 #include <array>
 #include <csetjmp>
@@ -18,7 +18,8 @@ namespace
 
 std::jmp_buf fatal_end;
 
-// Every call but the last two delivers sound, so a file of size bytes ends within so many.
+// Reads to the end of the file. Every call except the last two delivers sound, so the number of
+// calls is limited by the size of the file.
 void read_to_the_end(soundfile &record, size_t size)
 {
     const int32_t frame = std::max<int32_t>(1, record.wave.nBlockAlign);
@@ -31,22 +32,23 @@ void read_to_the_end(soundfile &record, size_t size)
     }
 }
 
-// What the opener decides about a file; -2 first: a report that ends the process. It is read from
-// that frame, or byte of a channel, on.
+// Opens and reads the file, from frame (PCM) or byte of a channel (DSD) `from` on. Result: what the
+// opener found. The first number is -2 if it refused the file or a fatal report ended it.
 std::array<int64_t, 6> open_once(const char *path, size_t size, int64_t from = 0)
 {
-    static std::optional<soundfile> fresh; // static: it stays whole when the opener is left
+    static std::optional<soundfile> fresh; // static: it keeps its value after longjmp
     soundfile &record = fresh.emplace();
     record.path = const_cast<char *>(path);
-    std::array<int64_t, 6> told = {-2};
+    std::array<int64_t, 6> found = {-2};
     if (setjmp(fatal_end) == 0 && open_soundfile(&record) == 0) {
-        told = {record.container,  record.sample_format, record.channels,
-                record.bytes_left, record.data_bytes,    std::ftell(record.fp)};
-        record.wave.nSamplesPerSec = record.container == container_wav ? 1 : 8; // a second each
+        found = {record.container,  record.sample_format, record.channels,
+                 record.bytes_left, record.data_bytes,    std::ftell(record.fp)};
+        record.wave.nSamplesPerSec =
+            record.container == container_wav ? 1 : 8; // so that `from` is in seconds
         if (from == 0 || begin_at(&record, {from, 0})) read_to_the_end(record, size);
     }
     std::fclose(record.fp);
-    return told;
+    return found;
 }
 
 } // namespace
@@ -58,7 +60,7 @@ extern "C" [[noreturn]] void __wrap__Z12fatal_reportPKciS0_z(const char *, int32
     std::longjmp(fatal_end, 1);
 }
 
-// As in a run: opened at the probe and once more at its turn, a file must get the same verdict.
+// The player opens each file at the probe and again to play it. Both must give the same result.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const char *path = memory_file(data, size);
@@ -69,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 }
 
 #ifdef REPLAY
-// Without libFuzzer: the files of the named directory, once each.
+// Without libFuzzer: runs the target once with each file of the directory.
 int main(int, char **argv)
 {
     int inputs = 0;
