@@ -472,10 +472,10 @@ enum class pump_step {
 };
 
 const stop_cause *break_cause; // of the last break
-int64_t held_frames;           // that the device had to play when it was last looked at
-uint64_t start_byte;           // of the ring: where the sound last began
+int64_t held_frames;           // frames in the queue of the device, as last known
+uint64_t start_byte;           // bytes_sent at the last start of the sound
 
-// The device plays no more, for that cause.
+// The device has stopped for that cause. Either the sound ends, or a break begins.
 pump_step device_stopped(const stop_cause *cause)
 {
     if (!ends_in_break(cause)) {

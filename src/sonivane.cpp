@@ -54,7 +54,7 @@ int32_t reopen;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
-uint64_t prime_bytes = UINT64_MAX; // as much as no ring holds
+uint64_t prime_bytes = UINT64_MAX; // more than any ring holds
 int32_t keep_going;
 const char *mode_label;
 controller_block *controller;
@@ -1049,7 +1049,7 @@ bool has_news()
            shown_second(file) != last_shown_second;
 }
 
-// Sound that waits for the ring to be filled wants it sooner than sound that plays.
+// In a break main fills the ring at once, and does not wait until refill_bytes are free.
 bool has_work()
 {
     return has_news() || ring_free(ring) >= refill_bytes ||

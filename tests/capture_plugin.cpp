@@ -88,7 +88,7 @@ struct capture_device {
     std::istringstream later_faults;
 };
 capture_device device;
-std::atomic<int> dry_times; // of the player's life
+std::atomic<int> dry_times; // how often the queue has run dry since the player started
 
 // The variable CAPTURE_NAME of the environment. For every open after the first, CAPTURE_NAME_2
 // takes precedence.
@@ -223,7 +223,7 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
     return 0;
 }
 
-// "KIND N" strikes after N frames, and what follows once that is over.
+// "KIND N": the fault KIND occurs after N frames. The next such pair counts when the fault is over.
 void next_fault()
 {
     std::string name;
@@ -234,7 +234,7 @@ void next_fault()
     if (device.fault == nullptr) std::abort();
 }
 
-// What is queued is dropped.
+// Drops the queue.
 int on_prepare(snd_pcm_ioplug_t *)
 {
     const int code = fault_code(&fault_row::prepare_code);

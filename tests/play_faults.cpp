@@ -166,8 +166,8 @@ int64_t times(const std::string &text, const std::string &part)
     return count;
 }
 
-// Expects that each break was told once, and that the device was prepared after each but the last
-// ones.
+// Checks that each break was reported once, and that the device was prepared again after each,
+// except after the last unmended ones.
 void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 0)
 {
     const auto prepared = std::ranges::count_if(result.log, [](const std::string &line) {
@@ -178,7 +178,7 @@ void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 
     EXPECT_EQ(times(result.event_lines, "\"rebuffering\""), prepared + unmended);
 }
 
-// DSD of that many frames of DoP.
+// Writes a DSF file that fills that many frames of DoP. Result: its path.
 std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, bytes &sound,
                         const stream_form &form)
 {
@@ -187,9 +187,9 @@ std::string scratch_dsd(const std::string &name, uint32_t seed, size_t frames, b
     return scratch_file(name, dsd_containers[0](dsd));
 }
 
-// A device that strikes at any frame, in the silence, at its end and in the sound, is started again
-// and goes on with the frame that comes next. A receiver of DoP gets its markers in turn, also
-// where the next one is the second of its group.
+// The device stops in the silence, at the end of the silence and in the sound. It is started again
+// and gets the next frame. The markers of DoP alternate, even if that frame is the second one of
+// its group.
 TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
 {
     const char *const all_faults = "xrun 1 suspended 16001 xrun 48001 suspended 96011 suspended "
@@ -215,15 +215,15 @@ TEST(play_faults, the_sound_goes_on_after_the_device_stopped)
     }
 }
 
-// Files that stall play to their end, at the very last byte, too. Where nothing comes behind the
-// stall, the device stays as it is.
+// Reads block for a while, even at the last byte of the list, and the list still plays to its end.
+// If nothing is left after such a read, the device is not started again.
 TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
 {
     bytes sound;
     const auto first = scratch_dsd("0.dsf", 0, 100001, sound, dop_s32);
     const auto second = scratch_dsd("1.dsf", 1, 150000, sound, dop_s32);
     const auto empty = scratch_wave("2.wav", 44100, 0);
-    // Of DSF files all is read, and 108 bytes of headers when they were looked at.
+    // A DSF file is read to its end. The probe has read 108 bytes of headers before.
     const auto whole = std::filesystem::file_size(first) + std::filesystem::file_size(second);
     const struct {
         std::string stalls, prime;
@@ -248,16 +248,16 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
     }
 }
 
-// A machine that went to sleep: a ring that main would not fill up yet is filled, what the device
-// held is told, and the position is that of what is heard.
-TEST(play_faults, what_a_sleep_takes_is_told)
+// The machine was suspended. Main fills a ring that it would not fill yet otherwise, the event has
+// the sound that the device held and dropped, and the position is that of the sound that is heard.
+TEST(play_faults, what_a_suspend_drops_is_in_the_event)
 {
-    constexpr int64_t struck = 90000, stands_at = 120000; // frames
+    constexpr int64_t fault_at = 90000, stands_at = 120000; // frames
     const auto sound = random_pcm(44100, 400000);
     const auto result =
         run_player({.arguments = {"--keep-going", scratch_wave("a.wav", 44100, 400000)},
-                    .capture = {{"FAULT", "suspended " + std::to_string(struck)}},
-                    .events = {{.out_has = "playing", .allow = struck - 10000},
+                    .capture = {{"FAULT", "suspended " + std::to_string(fault_at)}},
+                    .events = {{.out_has = "playing", .allow = fault_at - 10000},
                                {.err_has = stopped_line, .allow = stands_at},
                                {.after_ms = 2500, .type = key_3}},
                     .input = wire::pipe});
@@ -277,7 +277,7 @@ TEST(play_faults, what_a_sleep_takes_is_told)
     EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);
 }
 
-// Breaks put off the time by which main expects the end after a SIGINT.
+// After a SIGINT main waits for the end up to a certain time. Breaks make that time later.
 TEST(play_faults, breaks_put_off_the_end)
 {
     const auto result = run_player(
@@ -289,8 +289,9 @@ TEST(play_faults, breaks_put_off_the_end)
     expect_breaks(result, 3);
 }
 
-// What ends the sound does so in a break, too; one SIGINT has what came of the files played.
-TEST(play_faults, a_break_does_not_hold_the_end)
+// A key, a SIGINT and a lost device end the sound in a break too. After a SIGINT everything that
+// was read is played.
+TEST(play_faults, a_break_does_not_block_the_end)
 {
     const struct {
         std::pair<const std::string, std::string> setting;

@@ -236,7 +236,7 @@ std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
     return stretches;
 }
 
-// Silence ahead of that sound: the last marker of DoP is another one than the first of the sound.
+// Silence before that sound. Under DoP its last marker differs from the first one of the sound.
 void put_silence(bytes &out, uint64_t frames, const stream_form &form,
                  std::span<const uint8_t> sound)
 {
