@@ -459,8 +459,15 @@ static void stall()
     while (true) pause();
 }
 
+// Returns when the device has run dry that many times.
+static void wait_until_dry(int times)
+{
+    while (dry_times < times) poll(nullptr, 0, 1);
+}
+
 // CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B is "interrupt", a SIGINT comes
-// during that open; if B is "stall", the open never returns.
+// during that open; if B is "stall", the open never returns; if B is "dry", it returns when the
+// device has run dry.
 FILE *fopen(const char *path, const char *mode)
 {
     // With 64-bit file sizes the GNU C library calls the function so, and the name of this one
@@ -471,7 +478,8 @@ FILE *fopen(const char *path, const char *mode)
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
     if (due && swap[2] == "interrupt") interrupt_player();
     if (due && swap[2] == "stall") stall();
-    return real(due && swap[2] != "interrupt" ? swap[2].c_str() : path, mode);
+    if (due && swap[2] == "dry") wait_until_dry(1);
+    return real(due && swap[2].find('.') != std::string::npos ? swap[2].c_str() : path, mode);
 }
 
 // CAPTURE_STALL: the numbers of bytes, read from all files together, before a read blocks. At the
@@ -483,8 +491,7 @@ size_t fread(void *to, size_t size, size_t count, FILE *stream)
     static size_t read_so_far, stalled;
     read_so_far += size * count;
     if (read_so_far > stalls[stalled] && stalled + 1 == stalls.size()) stall();
-    if (read_so_far > stalls[stalled])
-        for (++stalled; dry_times < static_cast<int>(stalled);) poll(nullptr, 0, 1);
+    if (read_so_far > stalls[stalled]) wait_until_dry(static_cast<int>(++stalled));
     return real(to, size, count, stream);
 }
 
