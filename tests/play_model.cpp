@@ -244,7 +244,7 @@ void put_silence(bytes &out, uint64_t frames, const stream_form &form,
                  marker = form.bytes - 1 - static_cast<size_t>(form.padding) / 8;
     bytes pair = silence_of(form);
     if (form.kind == packing::dop && !sound.empty() && sound[marker] == pair[frame + marker])
-        std::ranges::rotate(pair, pair.begin() + static_cast<std::ptrdiff_t>(frame));
+        std::rotate(pair.begin(), pair.begin() + static_cast<std::ptrdiff_t>(frame), pair.end());
     for (uint64_t i = 0; i < frames * frame; ++i) out.push_back(pair[i % pair.size()]);
 }
 

@@ -192,7 +192,7 @@ TEST(play_streams, of_a_list_file_keep_its_order)
         scratch_wave(std::string("named/") + name, 8000, static_cast<size_t>(frames));
     scratch_file("named/list.m3u", text("#EXTM3U\r\n2.wav\r\n1.wav\n2.wav"));
     bytes sound;
-    for (const size_t frames : {700, 500, 700})
+    for (const size_t frames : {size_t{700}, size_t{500}, size_t{700}})
         put_bytes(sound, device_bytes(random_pcm(8000, frames), s32_le));
     const char *const through_pipe =
         "exec \"$0\" \"$@\" 4< <(printf 'named/2.wav\\nnamed/1.wav\\n'; sleep 0.2; "
