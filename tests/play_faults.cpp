@@ -104,7 +104,7 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
     };
     for (const stalled_call &call : calls) {
         const play_event sends = {.after_ms = 300, .signal = SIGINT, .clogs = call.begin.clogs};
-        const play_event again = {.after_ms = 20, .signal = SIGINT, .clogs = call.begin.clogs};
+        const play_event again = {.after_ms = 80, .signal = SIGINT, .clogs = call.begin.clogs};
         const struct {
             std::vector<play_event> events;
             const char *end;
