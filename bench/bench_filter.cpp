@@ -108,7 +108,7 @@ void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runn
         limits.push_back(thread_seconds([&] { run_peak(rounds); }));
         ours.push_back(thread_seconds([&] { run_frames(frames); }));
     }
-    // For the scalar loop (width 1) the limit is one lane of the 128-bit one.
+    // The limit of the scalar loop (width 1) is that of 128-bit vectors divided by their lanes.
     const double products =
         static_cast<double>(rounds * vectors_128::round_vectors) * c.width.vector_floats;
     const double speed = static_cast<double>(frames) / c.source_rate / best_few(ours);

@@ -294,8 +294,8 @@ void set_period(snd_pcm_hw_params_t *params)
     snd_pcm_hw_params_set_period_time_near(pcm, params, &microseconds, nullptr);
 }
 
-// Reduces params to the requested and granted values, without setting them on the device. Result:
-// as that of sound_hwparams.
+// Narrows params down to the requested values, as far as the device grants them. The device itself
+// is not set up yet. Result: as that of sound_hwparams.
 int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt,
                     stream_settings *stream)
 {

@@ -11,9 +11,10 @@
 
 struct coeff_row;
 
-// Prepares both families for the given rates in Hz. channels must be 2. use_short selects the short
-// sets. A second call with the same target rate keeps the tables and the inputs and changes the
-// rates only. Result: -1. Every failure prints a report of this unit and ends the process by exit.
+// Prepares the tables for 44.1 kHz and for all other rates. Both rates are in Hz. channels must
+// be 2. use_short selects the short sets. A second call with the same target rate keeps the tables
+// and the inputs and changes the rates only. Result: always -1, because a failure prints a report
+// of this unit and ends the process.
 int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t channels,
                           int32_t use_short);
 

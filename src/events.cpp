@@ -83,7 +83,7 @@ bool has_room_for_long_line(int descriptor, size_t size)
 }
 
 // If two threads poll at the same time, both can see room for one line, and the second write would
-// block. So a line that is not the only one under way is not written.
+// block. So a line is written only if no other one is being written at the same time.
 bool may_write_polled(int descriptor)
 {
     pollfd polled = {descriptor, POLLOUT, 0};

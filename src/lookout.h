@@ -16,8 +16,8 @@
 
 // --- Why the sound ends -------------------------------------------------------------------------
 
-// A report that ends the sound, fatal or not, also sets the unit, the number and the text, which
-// has at most longest_sentence bytes and no line end.
+// If a report ends the sound, fatal or not, the cause also holds its unit, its number and its
+// sentence, which has at most longest_sentence bytes and no line end.
 enum class stop_reason {
     played,
     key,

@@ -1,5 +1,6 @@
 // The events on a descriptor of their own: lists with every kind of file, the position, names with
-// any bytes, and readers that do not read. Every other run also checks its end and stream events.
+// any bytes, and readers that do not read. All other play tests also check the end and stream
+// events.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -11,7 +11,7 @@
 
 using bytes = std::vector<uint8_t>;
 
-// Append a number of width bytes, or bytes.
+// Append value in `width` bytes, lowest (le) or highest (be) byte first; put_bytes appends bytes.
 void put_le(bytes &to, uint64_t value, int width);
 void put_be(bytes &to, uint64_t value, int width);
 void put_bytes(bytes &to, const bytes &more);
