@@ -104,14 +104,17 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
     };
     for (const stalled_call &call : calls) {
         const play_event sends = {.after_ms = 300, .signal = SIGINT, .clogs = call.begin.clogs};
-        const play_event again = {.after_ms = 80, .signal = SIGINT, .clogs = call.begin.clogs};
+        const play_event again = {
+            .after_ms = 80, .signal = SIGINT, .clogs = call.begin.clogs, .may_miss = !call.plays};
+        const char *const first_ends = "report,sonivane,1045,21"; // after 200 ms, before the sound
         const struct {
             std::vector<play_event> events;
             const char *end;
+            const char *other_end = ""; // when the test is too slow to send the second SIGINT
         } stops[] = {
             {{{.after_ms = 300, .type = key_3, .clogs = call.begin.clogs}}, "key,0"},
-            {{sends}, call.plays ? "interrupt,0" : "report,sonivane,1045,21"},
-            {{sends, again}, "report,sonivane,799,31"},
+            {{sends}, call.plays ? "interrupt,0" : first_ends},
+            {{sends, again}, "report,sonivane,799,31", call.plays ? "" : first_ends},
             {{{.after_ms = 300, .signal = SIGTERM, .clogs = call.begin.clogs}}, "-15"},
         };
         for (const auto &stop : stops) {
@@ -123,7 +126,9 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
             settings.capture.insert_or_assign(call.setting.first, call.setting.second);
             settings.events.insert(settings.events.end(), stop.events.begin(), stop.events.end());
             const auto result = run_player(settings);
-            EXPECT_EQ(result.end, stop.end);
+            if (result.end != stop.other_end) {
+                EXPECT_EQ(result.end, stop.end);
+            }
             EXPECT_EQ(call.plays && all_sounded(result), result.end == "interrupt,0");
         }
     }
