@@ -180,7 +180,9 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
         // What the ring held at the interrupt is played.
         const bool plays_out = result.end == "interrupt,0";
         const size_t captured = result.at_events.back().captured;
-        EXPECT_EQ(all_sounded(result), plays_out);
+        // A key after a SIGINT can come when the ring has been played, on a busy machine.
+        const bool late_key = events.size() == 2 && result.end == "key,0";
+        EXPECT_TRUE(late_key || all_sounded(result) == plays_out);
         EXPECT_EQ(result.capture.size() > captured + 400000, plays_out);
     }
 }
