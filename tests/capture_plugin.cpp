@@ -551,7 +551,7 @@ int clock_gettime(clockid_t clock, timespec *time) noexcept
     const int result = real(clock, time);
     if (clock != CLOCK_MONOTONIC || faster == 1) return result;
     const int64_t ns = (time->tv_sec * INT64_C(1000000000) + time->tv_nsec) * faster;
-    *time = {ns / 1000000000, ns % 1000000000};
+    *time = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
     return result;
 }
 

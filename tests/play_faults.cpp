@@ -271,7 +271,8 @@ TEST(play_faults, what_a_suspend_drops_is_in_the_event)
                     .input = wire::pipe});
     expect_stream(result, s32_le, 44100, device_bytes(sound, s32_le), false);
     expect_breaks(result, 1);
-    int64_t silence = 0, dropped = 0;
+    int64_t silence = 0;
+    long dropped = 0;
     for (size_t at = 0; at < stands_at * 8; at += 8)
         silence += result.capture[at + 3] == 0 && result.capture[at + 2] == 0 &&
                    result.capture[at + 7] == 0;

@@ -245,7 +245,8 @@ void put_silence(bytes &out, uint64_t frames, const stream_form &form,
     bytes pair = silence_of(form);
     if (form.kind == packing::dop && !sound.empty() && sound[marker] == pair[frame + marker])
         std::rotate(pair.begin(), pair.begin() + static_cast<std::ptrdiff_t>(frame), pair.end());
-    for (uint64_t i = 0; i < frames * frame; ++i) out.push_back(pair[i % pair.size()]);
+    for (uint64_t i = 0; i < frames * frame; ++i)
+        out.push_back(pair[static_cast<size_t>(i % pair.size())]);
 }
 
 } // namespace
@@ -264,7 +265,8 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
         put_silence(expected, silent, form, rest);
         if (silence == 0) silence = std::ssize(expected);
         const bool last = &silent == &stretches.back().silence;
-        const auto part = rest.first(last ? rest.size() : std::min(rest.size(), sounding * frame));
+        const auto part = rest.first(
+            last ? rest.size() : std::min(rest.size(), static_cast<size_t>(sounding) * frame));
         expected.insert(expected.end(), part.begin(), part.end());
         rest = rest.subspan(part.size());
     }
@@ -282,7 +284,8 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     }
     if (result.capture == expected) return;
     const auto at = std::ranges::mismatch(result.capture, expected).in1 - result.capture.begin();
-    const auto part = std::prev(parts.upper_bound(static_cast<size_t>(std::max(at - silence, 0L))));
+    const auto part = std::prev(
+        parts.upper_bound(static_cast<size_t>(std::max(at - silence, std::ptrdiff_t{0}))));
     unsigned long sent = 0, taken = 0; // bytes, frames
     std::string write;
     for (const std::string &line : result.log)

@@ -73,8 +73,8 @@ play_result opening(const play_result &result, int number, size_t frame_bytes, s
     const auto begin = std::ranges::find_if(result.log, starts("open " + std::to_string(number)));
     const auto end = std::find_if(begin, result.log.end(), starts("close "));
     part.log.assign(begin, end == result.log.end() ? end : std::next(end));
-    unsigned long frames = 0;
-    if (!part.log.empty()) std::sscanf(part.log.back().c_str(), "close %*d took %lu", &frames);
+    size_t frames = 0;
+    if (!part.log.empty()) std::sscanf(part.log.back().c_str(), "close %*d took %zu", &frames);
     const auto from = result.capture.begin() + static_cast<ptrdiff_t>(*captured);
     *captured = std::min(*captured + frames * frame_bytes, result.capture.size());
     part.capture.assign(from, result.capture.begin() + static_cast<ptrdiff_t>(*captured));

@@ -88,7 +88,8 @@ void check_starts(const file_row &row)
         bytes part(24), rest;
         for (int32_t got; started && (got = read_samples(&file, part.data(), 24)) > 0;)
             rest.insert(rest.end(), part.begin(), part.begin() + got);
-        const auto missing = std::min(passed * frame, std::ssize(*row.delivered));
+        const auto missing = static_cast<std::ptrdiff_t>(
+            std::min(int64_t{passed} * frame, int64_t{std::ssize(*row.delivered)}));
         EXPECT_EQ(rest,
                   within ? bytes(row.delivered->begin() + missing, row.delivered->end()) : bytes{});
         std::fclose(file.fp);
