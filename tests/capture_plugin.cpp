@@ -487,7 +487,7 @@ FILE *fopen(const char *path, const char *mode)
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
-    static const auto stalls = list_of<size_t>(setting("STALL", "1000000000000"));
+    static const auto stalls = list_of<uint64_t>(setting("STALL", "1000000000000"));
     static size_t read_so_far, stalled;
     read_so_far += size * count;
     if (read_so_far > stalls[stalled] && stalled + 1 == stalls.size()) stall();
@@ -547,10 +547,11 @@ int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 int clock_gettime(clockid_t clock, timespec *time) noexcept
 {
     static auto *real = REAL(clock_gettime);
-    static const long faster = std::stol(setting("CLOCK", "1"));
+    static const double faster = std::stod(setting("CLOCK", "1"));
     const int result = real(clock, time);
     if (clock != CLOCK_MONOTONIC || faster == 1) return result;
-    const int64_t ns = (time->tv_sec * INT64_C(1000000000) + time->tv_nsec) * faster;
+    const int64_t real_ns = time->tv_sec * INT64_C(1000000000) + time->tv_nsec;
+    const auto ns = static_cast<int64_t>(static_cast<double>(real_ns) * faster);
     *time = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
     return result;
 }

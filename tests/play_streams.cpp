@@ -55,6 +55,8 @@ TEST_P(play_list, is_complete_in_every_form)
         if (cut.right) settings.arguments.insert(settings.arguments.begin(), "--right-cut");
         settings.capture.insert(
             {{"CAPS", row.caps}, {"SPEED", row.speed}, {"BUFFER_BYTES", row.buffer}});
+        // A device of single frames must not seem slower than the sound on a busy machine.
+        if (row.speed == std::string("once")) settings.capture["CLOCK"] = "0.1";
         SCOPED_TRACE(testing::PrintToString(settings.arguments));
         expect_stream(run_player(settings), form, list.rate, list.sound, true, list.parts);
     }
