@@ -29,7 +29,8 @@ constexpr int32_t scanned_formats = SND_PCM_FORMAT_DSD_U8; // PCM formats: 0 to 
 constexpr uint32_t silence_frames = 8192;
 constexpr uint8_t dsd_silence = 0x55; // 0101...: no tone, no DC offset
 
-constexpr uint32_t urgent_pause = 10000; // microseconds; in shorter ones lateness causes an xrun
+// Microseconds. If the pauses are shorter than this, waking up late can cause an xrun.
+constexpr uint32_t urgent_pause = 10000;
 
 uint32_t alsa_buffer_frames; // granted by the device; belongs to the thread that runs sound_open
 ringbuffer *silence_ring;    // used as an array of silence; made by main, then read by output
@@ -63,7 +64,7 @@ bool stream_is_settled()
 
 // --- Formats ------------------------------------------------------------------------------------
 
-// The formats that the feeders fill correctly, with their names in ALSA. The PCM formats are signed
+// The formats that the feeders can produce, with their names in ALSA. The PCM formats are signed
 // integers with the lowest byte first, and floats.
 struct format_row {
     int32_t format; // SND_PCM_FORMAT_*
@@ -82,7 +83,7 @@ constexpr std::array<format_row, 10> filled_formats = {{
     {SND_PCM_FORMAT_DSD_U32_BE, "DSD_U32_BE"},
 }};
 
-// The name of a format; empty if the player does not fill it.
+// The name of a format; empty if the player cannot produce samples in it.
 const char *filled_name(int32_t format)
 {
     for (const format_row &row : filled_formats)
@@ -92,7 +93,7 @@ const char *filled_name(int32_t format)
 
 // --- The form of the stream ---------------------------------------------------------------------
 
-// On a card with such a name, a controller takes raw DSD bits in PCM words.
+// Whether the card has an I2S board, which takes raw DSD bits in PCM words. Its name shows that.
 int32_t card_takes_i2s(int32_t card)
 {
     char *name = nullptr;
@@ -185,8 +186,8 @@ enum class hw_attempt { first, second };
 
 // The format with the most significant bits; of equally wide formats, the one with the lowest
 // number. DSD formats are not tried, because PCM in one of them is full-scale noise. The second
-// attempt prefers formats that the player fills: a plug device lists 64-bit floats, but cannot
-// convert them to a format of its sound server.
+// attempt prefers formats that the player can produce: a plug device lists 64-bit floats, but
+// cannot convert them to a format of its sound server.
 int32_t widest_format(snd_pcm_hw_params_t *params, hw_attempt attempt)
 {
     int32_t best = -1;
@@ -321,10 +322,10 @@ int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt
     return 0;
 }
 
-// Sets all hardware parameters of the open pcm. params is zeroed. i2s requests I2S. Writes *stream.
-// Result: 0, or the negative code with which every form was refused; every other failure ends the
-// process. There are two attempts, because a sound server whose periods are powers of two refuses
-// the granted buffer unless a period was requested before it.
+// Sets all hardware parameters of the open pcm. The caller has zeroed params. i2s requests I2S.
+// Writes *stream. Result: 0, or the negative code with which every form was refused; every other
+// failure ends the process. There are two attempts, because a sound server whose periods are powers
+// of two refuses the granted buffer unless a period was requested before it.
 int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
     int refused = choose_hwparams(params, i2s, hw_attempt::first, stream);
@@ -337,7 +338,8 @@ int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *st
 
 // --- Software parameters ------------------------------------------------------------------------
 
-// Sets all software parameters of pcm. params is zeroed. Result: 0; every failure ends the process.
+// Sets all software parameters of pcm. The caller has zeroed params. Result: 0; every failure ends
+// the process.
 int sound_swparams(snd_pcm_sw_params_t *params)
 {
     require(snd_pcm_sw_params_current(pcm, params), 257,
@@ -446,7 +448,8 @@ bool ends_in_break(const stop_cause *cause)
            (cause->reason == stop_reason::underrun || cause->reason == stop_reason::suspended);
 }
 
-// Starts the device. Result: the code of the call; 0 for a break, which the state then shows.
+// Starts the device. Result: the code of snd_pcm_start. With --keep-going an underrun and a suspend
+// give 0, because the state shows them at the next step.
 int start_code()
 {
     const int code = snd_pcm_start(pcm);
@@ -533,7 +536,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
         held_frames += written;
-    } else if (written != -EAGAIN && written != -EPIPE) { // the next state shows these two
+    } else if (written != -EAGAIN && written != -EPIPE) { // the next step finds these two
         const int code = static_cast<int>(written);
         const stop_cause *cause = cause_of_code(code, &refused);
         if (ends_in_break(cause)) return device_stopped(cause);
@@ -660,8 +663,9 @@ void wait_after(pump_step step, uint32_t pause)
     }
 }
 
-// Fills the device with silence, as far as it takes it. A stop ends the loop, because a device may
-// refuse silence for ever. A break is left to the next step, which meets it again.
+// Writes silence until the device accepts no more. A stop ends the loop, because a device may
+// refuse silence for ever. An underrun or a suspend is not handled here: the next step meets it
+// again.
 void fill_device(uint32_t pause)
 {
     while (primed == 0 && !is_stopped()) {
@@ -689,8 +693,8 @@ bool no_more_is_read()
     return load_acquire(ring->more_coming) == 0 || load_acquire(interrupted) != 0;
 }
 
-// Whether nothing is left and nothing will come. The rest can be less than a frame, for ever, if
-// DSD follows PCM on a device with wider words.
+// Whether no whole frame is left in the ring and main will put no more. A part of a frame can stay
+// in the ring for ever, if DSD follows PCM on a device with wider words.
 bool all_is_sent()
 {
     return no_more_is_read() && ring_frames(ring) == 0;
@@ -703,8 +707,8 @@ int64_t queued_frames()
     return avail < 0 ? 0 : std::max(int64_t{alsa_buffer_frames} - avail, int64_t{0});
 }
 
-// The number of frames from the ring among the last held frames that the device got. The silence
-// was sent before them.
+// Of the last `held` frames written to the device, the number that came from the ring. The others
+// are silence, which was written before them.
 int64_t sound_among(int64_t held)
 {
     const uint64_t since = load_acquire(ring->bytes_sent) - start_byte;
@@ -750,9 +754,9 @@ void emit_progress()
 }
 
 // Makes the device play silence when its queue is empty, instead of stopping. A card notices an
-// empty queue only at the end of a period. By then it has played old frames; or, if its room was
-// asked for, it has stopped while frames are still on their way to the converter. Result: false if
-// the device refuses.
+// empty queue only at the end of a period. By then it has played old frames. Or, if snd_pcm_avail
+// was called, that call has stopped it while frames were still on their way to the converter.
+// Result: false if the device refuses.
 bool run_on_over_silence()
 {
     snd_pcm_sw_params_t *params = nullptr;
@@ -773,11 +777,10 @@ bool device_plays()
 }
 
 // Waits until the device has played its queue, because closing it would drop the queue. The wait
-// lasts at most as long as the queue and a tenth more: some devices never report that they are
-// empty, and a device that drains by itself may stay in that state. If the device does not run on
-// over silence, asking for its room could stop it, so it is not asked before the queue should be
-// over. After the queue comes a fixed wait, because a card or a sound server plays what it has
-// taken a little later.
+// lasts at most 1.1 times the queue: some devices never report that they are empty, and a device
+// that drains by itself may stay in that state. If the device does not run on over silence,
+// snd_pcm_avail could stop it, so that is not called until the queue should have been played. A
+// fixed wait follows, because a card or a sound server plays a frame a little after it took it.
 void let_play_out(uint32_t pause)
 {
     constexpr int64_t after_the_queue = 100000; // microseconds
@@ -795,6 +798,10 @@ void let_play_out(uint32_t pause)
         constexpr microseconds shortest{1000};
         wait_for(std::min(std::max(left, shortest), microseconds(pause)).count(), is_stopped);
     }
+    // Such a device has dropped its queue. An xrun here only means that the queue is empty.
+    const snd_pcm_state_t state = snd_pcm_state(pcm);
+    if (state == SND_PCM_STATE_SUSPENDED || state == SND_PCM_STATE_DISCONNECTED)
+        stop_playing(cause_of_state(state));
     wait_for(after_the_queue, is_stopped);
 }
 
@@ -860,8 +867,8 @@ void wait_for_ring()
     }
 }
 
-// Prepares the device after a break. Result: false if the sound was stopped, for example because
-// the device did not come back.
+// Prepares the device after an underrun or a suspend. Result: false if the sound was stopped, for
+// example because the device did not come back.
 bool prepare_again(uint32_t pause)
 {
     static constexpr stop_cause stays_away = {stop_reason::disconnected, nullptr, 0};
@@ -884,7 +891,7 @@ void mend_break(uint32_t pause)
     count_break();
     const bool came_to_sound = load_acquire(ring->bytes_sent) != start_byte;
     if (!came_to_sound)
-        wait_for(pause, is_stopped); // or a device that breaks again and again would flood the log
+        wait_for(pause, is_stopped); // so that a device that fails at once does not flood the log
     wait_for_ring();
     // At the end of the list there is nothing left to play.
     if (!is_stopped() && !all_is_sent() && prepare_again(pause)) {
@@ -1018,7 +1025,7 @@ int64_t sound_left()
 void *output_thread(void *)
 {
     wait_as_output();
-    before_leaving = close_device; // a fatal report of this thread closes it before its text
+    before_leaving = close_device; // a fatal report of this thread calls it before it prints
     // stop_output is not cleared here, because a stop could have come since main checked it.
     stream_settings stream{};
     const bool opened = sound_open(&stream);

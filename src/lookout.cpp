@@ -26,7 +26,7 @@ std::atomic<int32_t> stop_output;
 std::atomic<const stop_cause *> stopped_by;
 std::atomic<int32_t> read_error_met;
 std::atomic<int32_t> exit_status;
-int32_t strict;
+std::atomic<int32_t> strict;
 
 namespace
 {
@@ -53,7 +53,7 @@ void forget_wakes(int descriptor)
 // the work first and then clears announced. Both use one exchange of the same word, so either the
 // waker sees the announcement and wakes the thread, or the thread sees the work.
 struct sleeper {
-    std::atomic<int32_t> announced; // flag; set by its thread, cleared by both sides
+    std::atomic<int32_t> announced; // flag; set by the waiting thread, cleared by it or by a waker
     int wakes = no_descriptor;      // an eventfd
 };
 std::array<sleeper, 2> sleepers;
@@ -118,7 +118,8 @@ bool input_is_terminal;
 bool input_is_over; // it gave an end or an error, and is not read again
 bool input_rests;   // it was just read; the next read waits for input_rest_ms
 
-// The descriptor to wait for; no_descriptor if the input is over, rests, or belongs to another job.
+// The descriptor to wait for. no_descriptor if the input has ended, was read a moment ago, or
+// belongs to another job.
 int readable_input()
 {
     if (load_acquire(input_wanted) == 0 || input_is_over || input_rests) return no_descriptor;
@@ -149,16 +150,19 @@ void look_for_terminal()
 
 // --- The end of the process ---------------------------------------------------------------------
 
-constexpr int64_t grace_ms = 200;    // without progress, before the look-out ends the process
-constexpr int64_t trace_ms = 100;    // without progress, before the wait for main's stack ends
-constexpr int64_t at_most_ms = 3000; // the limit of both, however busy the machine is
-constexpr int look_ms = 20;          // between two checks of threads that should end
+// Milliseconds without progress after which the look-out ends the process, and after which it no
+// longer waits for main to print its stack. Neither wait lasts longer than at_most_ms.
+constexpr int64_t grace_ms = 200;
+constexpr int64_t trace_ms = 100;
+constexpr int64_t at_most_ms = 3000;
+constexpr int look_ms = 20; // between two checks of threads that should end
 
-std::atomic<int32_t> sound_over;     // flag: the output thread has closed the device
-std::atomic<int32_t> all_over;       // flag: it has, and no other stream follows
-std::atomic<int32_t> sound_started;  // flag: from here on one SIGINT lets the ring play out
-std::atomic<int32_t> leaving;        // flag: a thread ends the process
-std::atomic<int32_t> ends_by_itself; // flag: it does, and will make no call that could block
+std::atomic<int32_t> sound_over;    // flag: the output thread has closed the device
+std::atomic<int32_t> all_over;      // flag: the device is closed, and no other stream follows
+std::atomic<int32_t> sound_started; // flag: from here on one SIGINT lets the ring play out
+std::atomic<int32_t> leaving;       // flag: a thread ends the process
+// Flag: that thread will make no more calls that could block.
+std::atomic<int32_t> ends_by_itself;
 
 pthread_t main_thread;
 std::atomic<clockid_t> output_clock; // processor time of the output thread; 0: none yet
@@ -188,7 +192,7 @@ int64_t work_done()
 // machine, they get more time than when they use none.
 struct end_watch {
     int64_t since;    // milliseconds; 0: not watching
-    int64_t moved_at; // milliseconds: the last time that work had changed
+    int64_t moved_at; // milliseconds: the time at which work was last seen to grow
     int64_t work;
 };
 
@@ -202,8 +206,8 @@ bool stands_still(end_watch &watch, int64_t patience_ms)
 }
 
 // Ends the process from the look-out without the other threads and without exit: another thread may
-// hold the lock of a stream, for which exit would wait. A thread that wants to end the process now
-// waits in begin_to_leave.
+// hold the lock of a stream, for which exit would wait. From here on, any other thread that tries
+// to end the process blocks in begin_to_leave.
 [[noreturn]] void end_process(int32_t status)
 {
     store_release(leaving, -1);
@@ -241,8 +245,9 @@ void keep_first_cause(const stop_cause *cause)
     stopped_by.compare_exchange_strong(none, cause);
 }
 
-// Everything that comes before the text of a report. It sets no stop: a stop would wake main, which
-// would print its last lines before the report. cause must last as long as the process.
+// Does everything that must be done before a report is printed. It does not stop the sound: that
+// would wake main, which would print its last lines before the report. cause must last as long as
+// the process.
 void prepare_report(const stop_cause *cause)
 {
     store_release(exit_status, cause->number);
@@ -251,7 +256,7 @@ void prepare_report(const stop_cause *cause)
     event_end(cause->number);
 }
 
-// Main has not reached the place where it ends the process in order.
+// Ends the process for main, which has not reached the end of its stages.
 [[noreturn]] void end_in_place_of_main()
 {
     static constexpr stop_cause cause = cause_of(exit_by_interrupt);
@@ -310,8 +315,9 @@ void dying_handler(int signal_number)
     raise(signal_number);
 }
 
-// Runs on the main thread, wherever that is, and never returns: the look-out ends the process. The
-// same signal from another program ends the process by default.
+// Runs on the main thread, whatever that is doing, and never returns: the look-out ends the
+// process. If the signal came from another program, its default action is taken, which ends the
+// process.
 void trace_handler(int signal_number)
 {
     if (load_acquire(trace_wanted) == 0) return dying_handler(signal_number);
@@ -328,9 +334,9 @@ bool can_print_now()
     return poll(&polled, 1, static_cast<int>(trace_ms)) == 1;
 }
 
-// Main prints its own stack if the signal reaches it; otherwise the look-out prints its own. A
-// standard error that nobody reads does not hold the end. If another thread already ends the
-// process, nothing is printed.
+// Main prints its own stack if the signal reaches it; otherwise the look-out prints its own. If
+// nobody reads standard error, the process still ends. If another thread already ends the process,
+// nothing is printed.
 void end_with_trace()
 {
     if (leaving.exchange(-1) != 0) return;
@@ -350,12 +356,12 @@ void end_with_trace()
 
 // --- Signals ------------------------------------------------------------------------------------
 
-// They end or stop the process by default, after the terminal is restored.
+// Signals whose default action ends or stops the process. The terminal is restored before they act.
 constexpr std::array acting_signals = {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
 // SIGINT, SIGCONT and those of acting_signals that are not ignored; blocked in all threads.
 sigset_t awaited_signals;
-int signal_wakes = no_descriptor; // a signalfd: readable while one of them is pending
+int signal_wakes = no_descriptor; // a signalfd: readable while an awaited signal is pending
 
 sigset_t only(int signal_number)
 {
@@ -381,11 +387,12 @@ bool is_pending(int signal_number)
            sigismember(&pending, signal_number) == 1;
 }
 
-// Lets a pending signal end or stop the process. Until it acts it must stay pending: when a SIGCONT
-// comes, the kernel drops a pending SIGTSTP, but a SIGTSTP that was taken before could stop the
-// process after the SIGCONT, for good. The function returns after a stop. It returns at once if
-// nothing stops: the kernel ignores Ctrl-Z where no shell could continue the process. The other
-// threads cannot change the terminal meanwhile.
+// Lets a pending signal end or stop the process. The signal must stay pending until it acts: when a
+// SIGCONT comes, the kernel drops a pending SIGTSTP. If the SIGTSTP were taken from the queue and
+// raised again, it could stop the process after that SIGCONT, for good. After a stop the function
+// returns when the process continues. If the signal does not stop the process, it returns at once:
+// the kernel ignores Ctrl-Z where no shell could continue the process. The other threads cannot
+// change the terminal meanwhile.
 void let_act(int signal_number)
 {
     const sigset_t set = only(signal_number);
@@ -515,7 +522,7 @@ int32_t settle_end()
     static constexpr stop_cause played = {stop_reason::played, nullptr, 0};
     const stop_cause *whole = load_acquire(read_error_met) != 0 ? &incomplete : &played;
     stop_playing(load_acquire(interrupted) != 0 ? &interrupt : whole);
-    if (strict != 0 && load_acquire(exit_status) == 0 && ended_early())
+    if (load_acquire(strict) != 0 && load_acquire(exit_status) == 0 && ended_early())
         store_release(exit_status, report_ended_early);
     return load_acquire(exit_status);
 }

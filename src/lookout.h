@@ -1,7 +1,7 @@
 // The look-out is a thread that waits for everything that comes from outside: signals, standard
 // input and the reader of the events. It also makes sure that the process ends when it should. This
-// unit also has the words that end the sound, the waits of the other threads, and the terminal,
-// whose mode must be restored at every end of the process.
+// unit also has the shared variables that request the end of the sound, the waits of the other
+// threads, and the terminal, whose mode must be restored at every end of the process.
 //
 // The two other threads never poll. Each waits in wait_for, which returns when the time is up or
 // when another thread calls wake.
@@ -41,9 +41,9 @@ inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
 extern std::atomic<int32_t> interrupted;           // flag; set by the look-out and by fatal reports
 extern std::atomic<int32_t> stop_output;           // flag; set by stop_playing alone
 extern std::atomic<const stop_cause *> stopped_by; // the first cause; null: none yet
-extern std::atomic<int32_t> read_error_met;        // flag: a file ended before its end; set by main
-extern std::atomic<int32_t> exit_status; // of the process, unless it is 0; set by any thread
-extern int32_t strict; // flag: a sound that ended early is a failure; set by main at its start
+extern std::atomic<int32_t> read_error_met; // flag: a file had less sound than its header; by main
+extern std::atomic<int32_t> exit_status;    // of the process; set by any thread; 0: no failure yet
+extern std::atomic<int32_t> strict;         // flag: a sound that ended early is a failure; by main
 
 // Ends the sound and wakes every thread. The first cause stays. cause must last as long as the
 // process. Any thread.
@@ -86,10 +86,10 @@ void read_keys();
 void wake_lookout();
 
 // The sound has ended because the output thread is done. After this, after every stop, and after a
-// SIGINT that comes while no sound is on, the look-out watches main, which may be in a call that
-// does not return. If main does not end the process, the look-out ends it: after 200 ms in which
-// main and the output thread used no processor time, or after 3 s. for_good is false if another
-// stream follows: then the look-out does not watch. Output thread.
+// SIGINT that comes while the output thread does not run, the look-out watches main, which may be
+// in a call that does not return. If main does not end the process, the look-out ends it: after 200
+// ms in which main and the output thread used no processor time, or after 3 s. for_good is false if
+// another stream follows: then the look-out does not watch. Output thread.
 void sound_has_ended(bool for_good);
 // Whether sound_has_ended was called. Any thread.
 bool sound_is_over();
@@ -138,9 +138,9 @@ template <typename Due> void wait_for(int64_t microseconds, Due due)
 // --- Terminal -----------------------------------------------------------------------------------
 
 // Switches the terminal on standard input out of canonical mode; echo and signals stay on. It saves
-// the mode only if it is not already saved. Keys that were typed before are read: byte 3 counts,
-// the rest is dropped. In the background, the switch is made when the process comes to the
-// foreground. A terminal that does not control the process is left alone. Main thread.
+// the mode only if it is not already saved. Keys that were typed before are read: byte 3 stops the
+// sound, all others are dropped. In the background, the switch is made when the process comes to
+// the foreground. A terminal that does not control the process is left alone. Main thread.
 void terminal_raw();
 
 // Restores the mode that terminal_raw saved. A second call does nothing, and so does a call without

@@ -153,6 +153,11 @@ template <int32_t &flag> void set_flag(const char *)
     flag = flag_on;
 }
 
+void set_strict(const char *)
+{
+    store_release(strict, flag_on);
+}
+
 void ignore_value(const char *) {}
 
 // --- The options --------------------------------------------------------------------------------
@@ -189,7 +194,7 @@ constexpr option_row options[] = {
     {"--help", value_place::none, show_usage, nullptr},
     {"--mode=", value_place::after_equals, select_mode, nullptr},
     {"--events=", value_place::after_equals, set_events, nullptr},
-    {"--strict", value_place::none, set_flag<strict>, nullptr},
+    {"--strict", value_place::none, set_strict, nullptr},
     {"--reopen", value_place::none, set_flag<reopen>, nullptr},
     {"--list=", value_place::after_equals, set_list, nullptr},
     {"--start=", value_place::after_equals, set_start, nullptr},

@@ -140,8 +140,8 @@ int fault_code(int fault_row::*of_call)
 
 // --- Pace ---------------------------------------------------------------------------------------
 
-// Advances played to what the speed, the frames written and the file of the gate allow. Result:
-// false if the queue is empty and that is an xrun.
+// Advances played as far as the speed, the frames written and the number in the gate's file allow.
+// Result: false if the queue is empty and that is an xrun.
 bool play_on()
 {
     const auto written = static_cast<double>(device.written);
@@ -465,25 +465,26 @@ static void wait_until_dry(int times)
     while (dry_times < times) poll(nullptr, 0, 1);
 }
 
-// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B is "interrupt", a SIGINT comes
-// during that open; if B is "stall", the open never returns; if B is "dry", it returns when the
-// device has run dry.
+// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B is "interrupt" or "interrupt.", a
+// SIGINT comes during that open; if B is "stall", the open never returns; if B is "dry", it returns
+// when the device has run dry.
 FILE *fopen(const char *path, const char *mode)
 {
-    // With 64-bit file sizes the GNU C library calls the function so, and the name of this one
-    // changes in the same way.
+    // With 64-bit file sizes the GNU C library gives fopen this name, also where it is defined
+    // here.
     static auto *real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
     const bool due = swap.size() == 3 && swap[0] == path && std::to_string(++opened) == swap[1];
-    if (due && swap[2] == "interrupt") interrupt_player();
+    if (due && swap[2].starts_with("interrupt")) interrupt_player();
     if (due && swap[2] == "stall") stall();
     if (due && swap[2] == "dry") wait_until_dry(1);
     return real(due && swap[2].find('.') != std::string::npos ? swap[2].c_str() : path, mode);
 }
 
 // CAPTURE_STALL: the numbers of bytes, read from all files together, before a read blocks. At the
-// last number it blocks for ever, at each one before until the device has run dry as many times.
+// last number it blocks for ever. At the nth one of the others it blocks until the device has run
+// dry n times.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);

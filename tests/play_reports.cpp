@@ -138,13 +138,21 @@ INSTANTIATE_TEST_SUITE_P(all, reports, testing::Range(size_t{0}, rows.size()),
                          [](const auto &row) { return split(rows[row.param], '|')[0]; });
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they reserve address space
-TEST(play_reports, no_memory_for_the_ring)
+TEST(play_reports, no_memory)
 {
-    const auto result = run_player({.arguments = {"-B", "2047M", scratch_wave("a.wav", 44100, 9)},
-                                    .launcher = {"prlimit", "--as=1000000000"}});
-    EXPECT_EQ(result.end, "report,sonivane,1033,9");
-    EXPECT_EQ(result.err, stream_line + report_text("ringbuffer", 16, "malloc() failed.\n") +
-                              report_text("sonivane", 1033, "ringbuffer_new() failed.\n"));
+    const std::string file = scratch_wave("a.wav", 44100, 9);
+    const auto ring = run_player(
+        {.arguments = {"-B", "2047M", file}, .launcher = {"prlimit", "--as=1000000000"}});
+    EXPECT_EQ(ring.end, "report,sonivane,1033,9");
+    EXPECT_EQ(ring.err, stream_line + report_text("ringbuffer", 16, "malloc() failed.\n") +
+                            report_text("sonivane", 1033, "ringbuffer_new() failed.\n"));
+    bytes names;
+    for (int i = 0; i < 500000; ++i) put_bytes(names, {'a', 0});
+    scratch_file("a", {});
+    const auto list = run_player({.arguments = {"--list=" + scratch_file("names", names)},
+                                  .launcher = {"prlimit", "--as=100000000"}});
+    EXPECT_EQ(list.end, "report,1");
+    EXPECT_EQ(list.err, "sonivane: out of memory\n");
 }
 #endif
 
