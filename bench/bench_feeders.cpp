@@ -64,7 +64,7 @@ void feed_pcm(benchmark::State &state, const pcm_case &c)
         take_all();
     }
     state.SetBytesProcessed(state.iterations() * staging_bytes);
-    // The limit is a copy of the device's bytes.
+    // The limit is the speed of memcpy for the bytes that the device gets.
     const auto samples = static_cast<size_t>(staging_bytes / c.sample_bytes);
     const size_t device_bytes = samples * static_cast<size_t>(feeding_file->out_sample_bytes);
     state.counters["limit"] =

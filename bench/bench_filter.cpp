@@ -84,15 +84,16 @@ std::vector<float> noise_floats()
     return noise;
 }
 
-// Runs the filter and its limit alternately until Google Benchmark stops. The slices are so short
-// that both run at the same clock rate and with the same load from other programs. The best few
-// slices of each count, because the others were disturbed.
+// Runs the filter and the loop that measures the processor's limit alternately, until Google
+// Benchmark stops. The slices are so short that both run at the same clock rate and with the same
+// load from other programs. Only the fastest slices of each are used, because the others were
+// disturbed.
 template <typename frame_runner>
 void compare_with_peak(benchmark::State &state, const filter_case &c, frame_runner run)
 {
     constexpr double slice_seconds = 7e-4;
-    constexpr int64_t tile_calls =
-        12; // a multiple of the calls of a tile at 44100 Hz, of any width
+    // A multiple of the number of calls that use up a tile at 44100 Hz, for every vector width.
+    constexpr int64_t tile_calls = 12;
     const std::vector<float> noise = noise_floats();
     size_t at = 0;
     const auto run_frames = [&](int64_t frames) {

@@ -23,8 +23,8 @@ void emit_stream();
 // if there is no card. Main thread.
 int32_t find_last_card();
 
-// Resets what sound_probe settles to the values before the first stream. Main thread, after the
-// output thread has ended.
+// Sets the variables that sound_probe sets back to their values before the first stream. Main
+// thread, after the output thread has ended.
 void forget_stream();
 
 // Main has put frames into the ring, or will put no more. Wakes the output thread if it waits for
@@ -36,8 +36,8 @@ enum class sound_phase { opening, silence, sound, waiting };
 sound_phase phase_of_sound();
 
 // The longest time in microseconds that the rest of the silence, the ring and the device can last.
-// Before the device is open, and in a break, all of the silence counts, and the buffer of the
-// device is assumed to have the requested size. Main thread.
+// Before the device is open, and while the sound waits after an underrun or a suspend, all of the
+// silence counts, and the buffer of the device is assumed to have the requested size. Main thread.
 int64_t sound_left();
 
 // Counts each break, in which the sound waits for the ring and the device, and each new start after

@@ -56,7 +56,7 @@ constexpr std::array<coeff_row, 3> short_rows{{
 // The table holds zeros for the distances at which an input does not contribute. Such a product
 // changes no sum, because a sum that starts at +0 never becomes -0.
 
-// Vectors of each side of a tile. The registers hold that many.
+// Vectors of one channel in a tile. The registers hold that many of both channels.
 constexpr int32_t tile_vectors = 6;
 
 // An input frame. Each value is stored four times, once for each lane of the narrowest vectors:
@@ -68,15 +68,15 @@ struct kept_input {
 };
 
 struct family {
-    ptrdiff_t reach;      // number of inputs in the sum of an entry
+    ptrdiff_t reach;      // number of inputs that are added up to one entry
     ptrdiff_t input_step; // floats of the table between an input and the next older one
     float *table;
     float *taps; // the table's place for distance 0
     kept_input *inputs;
     kept_input *next_input; // after the newest input
     kept_input *inputs_end;
-    float *tile;        // entries of the left side, then of the right side
-    ptrdiff_t position; // number of entries of each side that were read
+    float *tile;        // entries of the left channel, then of the right channel
+    ptrdiff_t position; // number of entries of each channel that were read
 };
 
 const coeff_row *family44_row;
@@ -220,8 +220,8 @@ bool make_tile(family *f)
     return allocate(&f->tile, stream_channels * tile_size());
 }
 
-// Makes a table of tap_floats floats for each distance. input_entries is the distance in entries
-// between two inputs.
+// Makes a table with tap_floats floats for each distance between an entry and an input.
+// input_entries is the number of entries from one input to the next.
 bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 {
     const ptrdiff_t distances = f->reach * input_entries + 2 * tile_size();
@@ -236,7 +236,8 @@ bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 //
 //   S[m] = taps[m - span + 1] + ... + taps[m]    (taps outside the set are 0)
 //
-// Entry r of a block takes of the input D frames before that block's input (D from 1 to reach):
+// The input D frames before a block's own input (D from 1 to reach) is multiplied in entry r of the
+// block by
 //
 //   gain * S[(reach - D) * span + r]
 //
@@ -286,8 +287,9 @@ float rotated_tap(int32_t distance, int32_t j)
 }
 
 // Fills the table of the 48 kHz family. Each distance has a row of one vector: lane i has the
-// factor for distance + i. The first entry v of a vector is a multiple of four and the row's
-// distance is v - s, so that j = s mod 4 = -distance mod 4.
+// factor for distance + i. If v is the first entry of a vector of the tile, and s the step of the
+// input, the row's distance is v - s. v is a multiple of four, so that j = s mod 4 = -distance mod
+// 4.
 void fill_rotated_table()
 {
     const int32_t lanes = width->vector_floats;

@@ -3,7 +3,7 @@
 //
 // There are two families of rates. A source of exactly 44100 Hz gives 8 output frames for each
 // input frame, from a table whose entries are sums of 8 taps. Any other rate uses a table of single
-// taps and moves one entry through it for each output frame. All arithmetic is in single precision:
+// taps, and each output frame is one entry further on in it. All arithmetic is in single precision:
 // each product is rounded, then added, oldest input first.
 #pragma once
 

@@ -64,7 +64,8 @@ void report_system_error(int32_t number, const char *format, const char *path, c
     event_left_out(path, reason);
 }
 
-// Adds directory/name, truncated to the buffer, or sends the event that it does not play.
+// Adds directory/name, truncated to the buffer. If plays is false, sends the event of a name that
+// is left out instead.
 void add_composed(const char *directory, const char *name, bool plays)
 {
     std::array<char, path_buffer_bytes> path;
@@ -107,7 +108,7 @@ void walk_directory(const char *path)
     errno = 0;
     const dirent *entry = nullptr;
     while (goes_on() && (entry = next_entry(directory)) != nullptr) {
-        // Where the file system reports no types (DT_UNKNOWN), no entry is a file.
+        // Where the file system reports no types (DT_UNKNOWN), no entry counts as a file.
         if (!is_dots(entry->d_name)) add_composed(path, entry->d_name, entry->d_type == DT_REG);
     }
     if (errno != 0 && !is_stopped())
@@ -129,7 +130,7 @@ void sort_names(int32_t first)
 constexpr size_t first_list_bytes = 65536;
 constexpr size_t list_bytes_limit = size_t{1} << 30; // so that an endless input is refused
 
-// The content of the list, until its names are expanded. A zero byte follows the last one.
+// The content of the list, until its names are expanded. A zero byte follows it.
 char *list_text; // owned; null if there is no list
 size_t list_size;
 std::string_view list_folder; // ends with a slash, or empty; points into the path of the list

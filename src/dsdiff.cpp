@@ -114,8 +114,8 @@ bool parse_channels(walk *w, uint64_t size)
     return size == 2 + name_bytes * count;
 }
 
-// The text of "CMPR" is read by its own length byte, not by the chunk's size. A pad byte makes
-// length byte and text even together.
+// The text of "CMPR" is read by its own length byte, not by the chunk's size. A pad byte follows if
+// the length byte and the text together have an odd number of bytes.
 bool parse_compression(walk *w, uint64_t)
 {
     std::FILE *fp = w->file->fp;

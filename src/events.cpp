@@ -26,9 +26,9 @@ namespace
 // How a line is written without blocking. O_NONBLOCK is not set on the descriptor itself, because
 // the parent shares its status flags.
 enum class write_mode {
-    reopened, // pipes and terminals: opened again with O_NONBLOCK, with status flags of its own
+    reopened, // pipes and terminals: opened again with O_NONBLOCK, so that the flag is ours alone
     sent,     // sockets, which cannot be opened again: send() with MSG_DONTWAIT
-    polled,   // what could not be opened again, such as another user's pipe: poll() before write()
+    polled,   // descriptors that could not be opened again, as another user's: poll() and write()
     direct,   // regular files, which never block; the file offset is shared with the parent
 };
 
@@ -68,9 +68,9 @@ write_mode find_write_mode(int *descriptor)
     return write_mode::reopened;
 }
 
-// A pipe takes a line of up to PIPE_BUF bytes whole or not at all. Of a longer line it may take a
-// part, when its pages run out. Except the first and the last one, the pages in use are more than
-// half full on average. So the unread bytes and the line need at most
+// A pipe takes a line of up to PIPE_BUF bytes whole or not at all. A longer line may be written
+// only in part, if the pipe runs out of pages. Except the first and the last one, the pages in use
+// are more than half full on average. So the unread bytes and the line need at most
 //
 //   2 * unread + 2 pages (first and last) + size + 1 page for a line of the other thread
 bool has_room_for_long_line(int descriptor, size_t size)

@@ -29,7 +29,7 @@ inline constexpr uint64_t mark_unset = UINT64_MAX;
 struct ringbuffer {
     uint32_t ring_size;               // bytes requested
     uint32_t usable_size;             // bytes: ring_size rounded down to whole frames
-    uint32_t gap;                     // bytes of a frame, as many as always stay free
+    uint32_t gap;                     // bytes of a frame; as many bytes always stay free
     std::atomic<uint64_t> bytes_put;  // since the start; written by main, read by both
     std::atomic<uint64_t> bytes_sent; // since the start; written by the output thread, read by both
     std::atomic<int32_t> more_coming; // -1, then 0 when all files are fed; written by main
@@ -51,7 +51,7 @@ inline uint8_t *ring_data(ringbuffer *r)
     return reinterpret_cast<uint8_t *>(r + 1);
 }
 
-// The place in the data area of the stream's byte with that number.
+// The offset in the data area of the byte with that number, counted from the start of the stream.
 inline uint32_t ring_offset(const ringbuffer *r, uint64_t number)
 {
     return static_cast<uint32_t>(number % r->usable_size);

@@ -88,7 +88,7 @@ void describe_dsd(soundfile *file)
 constexpr int16_t wave_tag_float = 3;
 constexpr int16_t wave_tag_extensible = static_cast<int16_t>(0xFFFE);
 
-// In an extended chunk, the format code is the first two bytes of the sub-format.
+// With the tag WAVE_FORMAT_EXTENSIBLE, the first two bytes of the sub-format are the format code.
 bool holds_floats(const wave_format &wave)
 {
     const int code = wave.SubFormat[0] | wave.SubFormat[1] << 8;
@@ -131,7 +131,7 @@ bool lacks_dsf(const soundfile *file, int64_t)
     return file->dsf_bytes_left > 0;
 }
 
-// For DSDIFF and WSD: their readers leave no count.
+// For DSDIFF and WSD, whose readers do not count the bytes that are left.
 bool lacks_dsd(const soundfile *file, int64_t size)
 {
     return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
@@ -234,8 +234,8 @@ int64_t periods_of(const exact_time &time, int32_t rate)
     return time.seconds * rate + upper / billion + lower / attoseconds_per_second;
 }
 
-// The position after that many periods. It is exact, while the output thread adds whole units for
-// each frame.
+// The position after that many periods of 1/rate seconds. It is exact, unlike the positions that
+// the output thread counts, which has whole units for each frame.
 int64_t position_at(int64_t periods, int32_t rate)
 {
     constexpr int64_t units = position_units_per_second;
@@ -254,7 +254,7 @@ bool begin_at(soundfile *file, const exact_time &time)
 {
     const int32_t rate = file->wave.nSamplesPerSec;
     const bool dsd = is_dsd(file);
-    const int64_t periods_each = dsd ? 8 : 1; // of what skip counts: frames or bytes of 8 bits
+    const int64_t periods_each = dsd ? 8 : 1; // skip counts frames or bytes, which have 8 bits
     int64_t count = periods_of(time, rate) / periods_each;
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
@@ -346,8 +346,8 @@ constexpr uint8_t i2s_cut = 0;
 // first marker, and no phase has to be kept.
 constexpr std::array<uint8_t, 2> dop_marker = {0xFA, 0x05};
 
-// Calls lay_out for every step bytes of the groups (left and right in turn, oldest first); lay_out
-// stores size bytes. Result: bytes stored.
+// Calls lay_out once for each `step` bytes of the groups (left and right in turn, oldest first).
+// Each call stores `size` bytes. Result: bytes stored.
 template <size_t step, size_t size, typename Layout>
 size_t pack_each(std::span<const uint8_t> groups, uint8_t *out, Layout lay_out)
 {
@@ -520,7 +520,7 @@ constexpr size_t word_bytes = 4;
 std::array<uint32_t, staging_words> decoded_words;
 std::span<const uint32_t> decoded;
 
-// Output of the filter for the last frame that is not yet in the ring.
+// The part of the filter's output for its last input frame that is not yet in the ring.
 std::span<const float> filtered;
 
 struct pcm_format_row {
@@ -590,7 +590,8 @@ uint32_t word_of_float(float value)
     return std::isnan(scaled) ? 0 : static_cast<uint32_t>(static_cast<int32_t>(scaled));
 }
 
-// Such a device also gets integers as floats, and the filter's output unchanged.
+// Whether the device takes floats. Then integers are converted for it, and it gets the filter's
+// output unchanged.
 bool device_takes_floats()
 {
     return output_format == SND_PCM_FORMAT_FLOAT_LE;
@@ -649,7 +650,8 @@ void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
     for (uint32_t &word : words) word = std::bit_cast<uint32_t>(float_of_word(word));
 }
 
-// A cut channel is 0 in every form, and the filter also makes 0 of it.
+// Sets the samples of the channels that are to be silent to 0. The words of every format have
+// silence at 0, and the filter turns zeros into zeros.
 void silence_cut_channels(std::span<uint32_t> words)
 {
     for (size_t i = 0; i < words.size(); i += 2) {
@@ -798,8 +800,8 @@ namespace
 constexpr const char *controller_key_file = "/tmp/sonivane.key";
 constexpr int controller_key_project = 255;
 
-// Any user can create a block under that key and so make the player signal a process of another
-// user. Only blocks of root and of the own user are trusted.
+// Any user can create a memory block under the player's key and so make the player signal a process
+// of another user. Only blocks of root and of the own user are trusted.
 bool is_trusted(int id)
 {
     shmid_ds status;
@@ -848,7 +850,8 @@ int64_t total_seconds(const soundfile *file)
 {
     const wave_format &wave = file->wave;
     if (wave.nBlockAlign == 0 || wave.nSamplesPerSec == 0) return 0;
-    // In DSD a byte has 8 bits, and data_bytes counts one channel but nBlockAlign two.
+    // In DSD a byte holds 8 samples. data_bytes counts the bytes of one channel, nBlockAlign those
+    // of both.
     const uint64_t factor = is_dsd(file) ? uint64_t{8} * stream_channels : 1;
     const auto bytes = static_cast<int64_t>(static_cast<uint64_t>(file->data_bytes) * factor);
     return bytes / wave.nBlockAlign / wave.nSamplesPerSec;
@@ -1008,7 +1011,8 @@ void make_ring()
     emit_stream();
 }
 
-// Makes the list begin at its start time. After this, only the record of the first file keeps it.
+// Makes the list begin at its start time. After this, only the record of the first file has that
+// time.
 void begin_list()
 {
     const exact_time time = std::exchange(start_time, {});
@@ -1049,7 +1053,8 @@ bool has_news()
            shown_second(file) != last_shown_second;
 }
 
-// In a break main fills the ring at once, and does not wait until refill_bytes are free.
+// While the sound waits after an underrun or a suspend, main fills the ring at once, and does not
+// wait until refill_bytes are free.
 bool has_work()
 {
     return has_news() || ring_free(ring) >= refill_bytes ||
@@ -1087,7 +1092,8 @@ struct end_basis {
 };
 constexpr end_basis at_the_opening = {sound_phase::opening, 0, false};
 
-// The latest end of the current stream in microseconds of the monotonic clock, and its inputs.
+// The latest end of the current stream in microseconds of the monotonic clock, and the values that
+// it was computed from.
 int64_t latest_end;
 end_basis latest_end_basis;
 
@@ -1098,8 +1104,8 @@ end_basis basis_now()
 
 // Microseconds that the sound may still last when nothing more is read: the time that ring and
 // device hold, plus a tenth and a fixed time. What the device reports is not used. While the device
-// is being opened, and in a break, the time is unknown: then the result is longest_wait, unless a
-// SIGINT came.
+// is being opened, and while the sound waits after an underrun or a suspend, the time is unknown:
+// then the result is longest_wait, unless a SIGINT came.
 int64_t time_left(const end_basis &basis)
 {
     constexpr int64_t for_the_end = 400000;    // for closing the device after the last frame
@@ -1144,7 +1150,7 @@ void wait_for_sound()
     while (!due()) wait_in_time(due);
 }
 
-// The last frames of the stream may have been the first of a file, after the last check of main.
+// Prints the banner of a file that started to play after main's last check.
 void show_last_file()
 {
     if (!is_stopped() && load_acquire(interrupted) == 0)
@@ -1233,7 +1239,8 @@ int main(int argc, char **argv)
     read_command_line(argc, argv);
     make_file_list(argc, argv);
 
-    // From here on a key ends the run in order, between two stages or inside a stage.
+    // From here on a key stops the run, between two stages or inside a stage, and main still goes
+    // on to its end.
     if (!is_stopped()) probe_files();
     for (soundfile *file = file_list; !is_stopped() && file->index >= 0; file = stream_end)
         if (begin_stream(file)) play_stream();

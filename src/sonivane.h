@@ -100,7 +100,7 @@ struct soundfile {
     int64_t dsf_bytes_left;    // bytes per channel still to read
     int32_t rf64;              // flag: the WAV file is of the RF64 form
     int64_t probed_bytes;      // bytes of the whole file when it was probed
-    int64_t sound_offset;      // byte offset of the sound at that time
+    int64_t sound_offset;      // byte offset of the sound in the file when it was probed
     int64_t start_unit;        // first one to play by --start: frame (PCM), bit of a channel (DSD)
     soundfile *next;           // the next element of file_list; null in the end sentinel
 };
@@ -181,7 +181,7 @@ extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
 extern int32_t reopen;         // flag: a file of another form gets its own stream
-extern exact_time start_time;  // where the first file begins
+extern exact_time start_time;  // from which the first file plays
 extern int32_t args_used;      // entries of argv used by options, with argv[0]
 extern uint64_t buffer_bytes;  // requested size of the ring; 0: not given
 extern uint64_t prime_bytes;   // bytes in the ring at which the sound starts, at the latest
@@ -198,7 +198,7 @@ enum class form_offer {
     always,
     with_i2s,
     without_i2s,
-    never, // but a stream in this form is packed
+    never, // the form has its packing, but no device is asked for it
 };
 
 // One form of DSD on the device: how the bits of both channels are arranged in a frame.
@@ -207,7 +207,7 @@ struct dsd_form {
     form_offer offered;
     const char *label;      // in the stream's banner
     int32_t bits_per_frame; // of a channel
-    int32_t rate_step;      // the frame rate is a multiple of it: in PCM words it is even
+    int32_t rate_step;      // the frame rate is a multiple of this number: 2 in PCM words
     uint32_t frame_bytes;
     // Frames that a group of 8 bytes counts for in the budget of a feeder call. I2S makes one frame
     // of a group and DoP makes two. Both count 2, so that a call reads the same number of bytes.
@@ -248,11 +248,12 @@ int32_t dsd_feeder();
 // fill_buffer.
 int32_t pcm_feeder();
 
-// Prints the banner of a file that has started to play, and one status line for each second that is
-// shown. Main thread.
+// Prints the banner of a file that has started to play, and a status line each time that its second
+// changes. Main thread.
 void status_update(soundfile *file);
 
-// Handles a SIGINT while no sound is on. If nothing has been played yet, it ends the process with
-// report 1045. Otherwise it ends the run in order, with the interrupt as the cause. Without a
-// SIGINT, or if something else already ends the run, it does nothing. Main and output thread.
+// Handles a SIGINT while the output thread does not play. If nothing has been played yet, it ends
+// the process with report 1045. Otherwise it stops the run, with the interrupt as the cause, and
+// main goes on to its end. Without a SIGINT, or if something else already ends the run, it does
+// nothing. Main and output thread.
 void exit_if_interrupted();

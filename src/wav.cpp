@@ -16,9 +16,9 @@ constexpr int32_t widest_sample = INT16_MAX / 8; // bytes; limited by wBitsPerSa
 
 // --- Chunks -------------------------------------------------------------------------------------
 
-// Skips chunks up to the wanted one and leaves the stream at its size. A body of odd size is
-// followed by a pad byte. The padded size wraps at 32 bits, so that a size of 0xFFFFFFFF counts as
-// 0.
+// Skips chunks up to the wanted one and leaves the stream at the size field of that chunk. A body
+// of odd size is followed by a pad byte. The padded size wraps at 32 bits, so that a size of
+// 0xFFFFFFFF counts as 0.
 bool walk_to(std::FILE *fp, const char *wanted)
 {
     chunk_name name;

@@ -64,7 +64,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
         const char *option;
         const char *shape;
         const char *text; // one of the lines has it
-        char kind;        // of the lines that count seconds
+        char kind;        // of the lines with the seconds, in shape
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
@@ -87,11 +87,13 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     }
 }
 
-// The first file ends with a write, so at that moment no frame of the second one has gone to the
-// device. The last frame of the list reaches second 1, which is not printed.
+// The last frame of the first file is the last one of a write, so no frame of the second file has
+// gone to the device at that moment. The position after the last frame of the list is 0:01, which
+// is not printed.
 TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 {
-    constexpr size_t silence = 3 * 3998; // writes of a device of 4000 frames that plays at once
+    // The device has a buffer of 4000 frames and plays at once: it takes 3 writes of silence.
+    constexpr size_t silence = 3 * 3998;
     constexpr size_t border = silence + 2 * 3999;
     const auto result =
         run_player({.arguments = {"--silent", scratch_wave("a.wav", 8000, border - silence),
@@ -110,8 +112,9 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 
 // --- Ways to end --------------------------------------------------------------------------------
 
-// At this moment the device has a second of the file, a status line was printed (perhaps that of an
-// earlier second), and more than the ring can hold is still to be read from the file.
+// The keys come when the device has taken a second of the file and a status line was printed,
+// perhaps that of an earlier second. More than the ring can hold is then still to be read from the
+// file.
 play_event then_type(const std::string &keys)
 {
     return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};
@@ -177,7 +180,7 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
             hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : stream_line));
         EXPECT_LT(result.capture.size(), 13 * device_second);
         if (result.at_events.empty()) continue; // the runner has reported that
-        // What the ring held at the interrupt is played.
+        // The frames that were in the ring at the interrupt are still played.
         const bool plays_out = result.end == "interrupt,0";
         const size_t captured = result.at_events.back().captured;
         // A key after a SIGINT can come when the ring has been played, on a busy machine.

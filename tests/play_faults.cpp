@@ -1,5 +1,6 @@
 // Calls and devices that block must not block the player, and SIGINT must work in each stage of a
-// run. The tests compare the end, the report, what the device got, and that the player ends at all.
+// run. The tests check that the player ends, and compare its last event, its report and what the
+// device got.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,8 +16,9 @@ namespace
 // --- Waits that must not block the player -------------------------------------------------------
 
 // A SIGINT ends the wait for a busy device, and the filling of a large ring, with a report. A key
-// ends the wait in order, at the second opening and directly after the first. A device that keeps
-// refusing the silence does not end the run by itself.
+// also ends that wait, without a report: when the device is opened to play, and after the first
+// attempt to open it for the probe. A device that keeps refusing the silence does not end the run
+// by itself.
 TEST(play_faults, nothing_blocks_the_player_before_it_plays)
 {
     const play_event filling = {.out_has = "filling buffer", .signal = SIGINT};
@@ -106,7 +108,7 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
         const play_event sends = {.after_ms = 300, .signal = SIGINT, .clogs = call.begin.clogs};
         const play_event again = {
             .after_ms = 80, .signal = SIGINT, .clogs = call.begin.clogs, .may_miss = !call.plays};
-        const char *const first_ends = "report,sonivane,1045,21"; // after 200 ms, before the sound
+        const char *const first_ends = "report,sonivane,1045,21"; // the sound has not started yet
         const struct {
             std::vector<play_event> events;
             const char *end;
@@ -171,8 +173,8 @@ int64_t times(const std::string &text, const std::string &part)
     return count;
 }
 
-// Checks that each break was reported once, and that the device was prepared again after each,
-// except after the last unmended ones.
+// Checks that each break (an underrun or a suspend) was reported once, and that the device was
+// prepared again after each of them, except after the last ones, as many as `unmended`.
 void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 0)
 {
     const auto prepared = std::ranges::count_if(result.log, [](const std::string &line) {
@@ -256,7 +258,7 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
     }
 }
 
-// The machine was suspended. Main fills a ring that it would not fill yet otherwise, the event has
+// The machine was suspended. Main fills the ring earlier than usual, the event has the length of
 // the sound that the device held and dropped, and the position is that of the sound that is heard.
 TEST(play_faults, what_a_suspend_drops_is_in_the_event)
 {
@@ -286,7 +288,8 @@ TEST(play_faults, what_a_suspend_drops_is_in_the_event)
     EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);
 }
 
-// After a SIGINT main waits for the end up to a certain time. Breaks make that time later.
+// After a SIGINT main waits for the end until a deadline. Each underrun or suspend moves the
+// deadline to a later time.
 TEST(play_faults, breaks_put_off_the_end)
 {
     const auto result = run_player(
@@ -298,8 +301,8 @@ TEST(play_faults, breaks_put_off_the_end)
     expect_breaks(result, 3);
 }
 
-// A key, a SIGINT and a lost device end the sound in a break too. After a SIGINT everything that
-// was read is played.
+// A key, a SIGINT and a lost device also end the sound while it waits after an underrun or a
+// suspend. After a SIGINT everything that was read is played.
 TEST(play_faults, a_break_does_not_block_the_end)
 {
     const struct {

@@ -87,8 +87,8 @@ uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
     return width == 1 ? word ^ 0x80000000 : word; // unsigned in the file
 }
 
-// What the device gets for it: the sample's top bytes, or, on a device of floats, the word times
-// 2^-31.
+// The sample that the device gets for a word: its top bytes, or, on a device of floats, the word
+// times 2^-31.
 uint32_t device_word(uint32_t word, bool is_float, const stream_form &form)
 {
     if (form.floats && is_float) return word;
@@ -209,8 +209,9 @@ struct stretch {
     uint64_t sound;
 };
 
-// Computed from the writes that the device took. The silence of a stretch comes first. It must be
-// even and at least rate, without one write more than needed, unless a break came before its end.
+// Computed from the writes that the device took. The silence of a stretch comes first. Unless the
+// device stops before its end, it has an even number of frames, at least rate, in no more writes
+// than needed.
 std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
 {
     std::vector<stretch> stretches = {{}};
@@ -236,7 +237,8 @@ std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
     return stretches;
 }
 
-// Silence before that sound. Under DoP its last marker differs from the first one of the sound.
+// Appends the silence that comes before the sound. Under DoP the last marker of the silence differs
+// from the first marker of the sound.
 void put_silence(bytes &out, uint64_t frames, const stream_form &form,
                  std::span<const uint8_t> sound)
 {

@@ -70,7 +70,7 @@ pcm_sound random_pcm(int rate, size_t frames, uint32_t seed = 1, sample_row samp
 
 enum class wave_kind { riff, rf64, extensible };
 bytes wave_file(const pcm_sound &sound, wave_kind kind = wave_kind::riff);
-// Writes a WAV file with such sound. Result: its path.
+// Writes a WAV file with the sound of random_pcm. Result: its path.
 std::string scratch_wave(const std::string &name, int rate, size_t frames, uint32_t seed = 1);
 
 // Two channels. The oldest bit of a byte is its highest.
@@ -98,10 +98,10 @@ inline const std::string stream_line = "Open 44100Hzfs PCM stream\n";
 // Offsets in the sound that the device gets, each with the name of what begins there.
 using named_parts = std::map<size_t, std::string>;
 
-// Checks what the device got in a run whose first file has the rate file_rate. Expected are at
-// least a second of silence, without one write more than needed, and then the sound, with nothing
-// before, between or after, all of it played. If whole is false, the end of it may be missing.
-// parts: names for a failure.
+// Checks what the device got in a run whose first file has the rate file_rate: at least a second of
+// silence, in no more writes than needed, and then exactly the sound, all of it played. If whole is
+// false, the end of the sound may be missing. A failure names the part in which the first wrong
+// byte is.
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
                    const bytes &sound, bool whole = true,
                    const named_parts &parts = {{0, "sound"}});

@@ -220,7 +220,8 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
            captured_bytes(state) >= event.captured;
 }
 
-// Fills a pipe with line ends through the end that reads it. No line of the player is empty.
+// Fills a pipe with line ends, which are written through a descriptor of its reading end. The
+// player prints no empty lines, so that the two can be told apart.
 void clog(int reading_end)
 {
     const int fd = open(("/proc/self/fd/" + std::to_string(reading_end)).c_str(),

@@ -26,7 +26,7 @@ enum class line_mode { any, raw, canonical };
 // the test's and happen in order, each once. The player's own events are text in event_lines.
 struct play_event {
     std::string out_has = {}; // condition: standard output got this text since the event before
-    std::string err_has = {}; // condition: standard error got this text since then
+    std::string err_has = {}; // condition: the same of standard error
     std::string log_has = {}; // condition: the device's log has this text
     size_t captured = 0;      // condition: bytes that the device got, at least
     line_mode mode_is = line_mode::any; // condition: mode of the terminal
@@ -43,7 +43,7 @@ struct play_settings {
     std::vector<std::string> arguments = {};         // after -D and the device
     std::string device_name = "capture";             // empty: no -D
     std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
-    std::vector<play_event> events = {}; // if one has allow, no frame is played before it
+    std::vector<play_event> events = {}; // with an allow among them, no frame is played before that
     wire input = wire::null;
     wire output = wire::pipe;
     wire error = wire::pipe;
@@ -83,7 +83,7 @@ struct controller_words {
     volatile int32_t state; // not 0: the last stream was announced as I2S
 };
 controller_words *shared_block();
-// Changes settings to a card that takes I2S, with a controller.
+// Changes settings to a card that takes I2S, and to the memory block of a controller.
 play_settings beside_controller(play_settings settings);
 
 // Writes a file into the directory of this process in which the players run. Result: its path.

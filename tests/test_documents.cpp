@@ -20,7 +20,7 @@ using words = std::set<std::string>;
 
 const fs::path tree = SOURCE_TREE;
 
-// The content of a file. Empty if there is none, which no test here accepts.
+// The content of a file. Empty if there is no such file; every test here then fails.
 std::string text_of(const fs::path &name)
 {
     std::ifstream file(tree / name);
@@ -61,7 +61,7 @@ TEST(documents, describe_the_options_and_modes_of_the_parser)
     const std::string spelled = std::regex_replace(fish, std::regex(" -l | -a '--"), " -o -");
     EXPECT_EQ(find_all(spelled, R"(^complete -c sonivane (-)[so] '?([^\s'=]+))"), options);
 
-    // Options with a value: those whose value is the next word, and all of them.
+    // Two sets: the options whose value is the next word, and all options with a value.
     const char *const option = R"((--?\w[-\w]*))";
     const words next = find_all(parser, R"re(^ +\{"(\S+)", value_place::next_entry)re");
     const words valued = find_all(parser, R"re(^ +\{"([^"=]+)=?", value_place::[na][^o])re");
@@ -90,9 +90,9 @@ TEST(documents, offer_options_before_names_only)
     EXPECT_NE(std::system((complete + "a.wav --s'").c_str()), 0); // NOLINT(cert-env33-c)
 }
 
-// In the sources the number of a report is before its text, or in a constant report_*. Reports that
-// are printed by a function that returns go on. The exception is 153 of the filter, which ends the
-// process after it.
+// In the sources the number of a report is before its text, or in a constant report_*. After a
+// report that is printed by a function that returns, the player goes on. The exception is report
+// 153 of the filter, after which the process ends.
 TEST(documents, list_every_report_and_its_exit_status)
 {
     words printed, nonfatal = {"ringbuffer 16"};
@@ -137,7 +137,7 @@ TEST(documents, describe_the_events_with_their_fields_and_values)
     };
     std::string sent = listed(part_of(source, "void event_", "\n\n\n"),
                               R"re(_line>\(\s*"([^"]+)"|_field\{"(\w+)"|\b(seconds)_into\()re");
-    const size_t end = sent.find("end\n"); // of two calls, the second one has all fields
+    const size_t end = sent.find("end\n"); // sent by two calls; the second one has all fields
     sent.erase(end, sent.rfind("end\n") - end);
     EXPECT_EQ(listed(fields, R"(\n\| `([^`]+)` |`(\w+)`)"), sent);
 

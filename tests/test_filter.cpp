@@ -34,7 +34,8 @@ void operator delete(void *memory, std::align_val_t) noexcept
 namespace
 {
 
-// Noise, impulses, and denormals with full scale, alternating every 999 frames. Repeatable.
+// Noise, impulses, and denormals beside samples of full scale: the kind changes every 999 frames.
+// Repeatable.
 std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
 {
     const float left = static_cast<float>(noise()) * 0x1p-30F - 1;
@@ -51,11 +52,11 @@ const std::array<coeff_set, 2> pairs[]{
     {set_44k_short, set_48k_short},
     {coeff_set{24, set_44k_short.taps + 388}, coeff_set{16, set_48k_short.taps + 88}}};
 
-// One filter is fed at all source rates, with none, one or both channels cut. Most rates need more
-// room for the output than the rate before. Rates below 1 give no output.
+// One filter is fed at all source rates, with neither, one or both channels silent. Most rates need
+// more room for the output than the rate before. Rates below 1 give no output.
 TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
-    constexpr int32_t cd = 44100; // four in a row: all combinations of cut channels
+    constexpr int32_t cd = 44100; // four times in a row, for all combinations of silent channels
     const int32_t rates[]{352799,  352801,      352801,  352800, 384000, 192000, 96000,
                           88200,   48000,       44101,   cd,     cd,     cd,     cd,
                           44099,   22050,       10000,   8000,   1,      0,      -1,

@@ -1,6 +1,6 @@
 // Cases that tests with the whole player do not reach: limits of the ring's arithmetic and of
-// option values; truncation, order and storage of names; lines with long times; and the terminal
-// between keys, signals and a shell.
+// option values; truncation, order and storage of names; lines with long times; and the mode of the
+// terminal when keys, signals and a shell with jobs meet.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -57,7 +57,7 @@ TEST(ring, reports_free_room_and_stores_what_fits)
         uint32_t percent, free, free_run, used_run;
     } rows[] = {
         {800, 8, 0, 0, 0, 792, 792, 0},        // empty, at 0: one frame before the end stays free
-        {800, 8, 400, 0, 0, 792, 400, 0},      // empty, inside: the free room wraps
+        {800, 8, 400, 0, 0, 792, 400, 0},      // empty, in the middle: the free room wraps
         {800, 8, 8, 792, 99, 0, 0, 792},       // full: the write position has wrapped
         {800, 8, 200, 200, 25, 592, 400, 200}, // the free room wraps
         {800, 8, 792, 16, 2, 776, 776, 8},     // the stored bytes wrap
@@ -180,8 +180,9 @@ TEST(names, of_files_and_directories_are_expanded_truncated_and_sorted)
     };
     for (const auto &[arguments, expected] : rows) EXPECT_EQ(expand(arguments), expected);
 
-    // The names differ at byte 2048, where they are sorted, or at byte 2049, where they keep their
-    // order. There are more names than the pool's first size.
+    // Only 2048 bytes of a name are compared. Names that first differ at byte 2048 are sorted;
+    // names that first differ at byte 2049 keep their order. There are more names than the pool's
+    // first size.
     for (const size_t same : {2047U, 2048U}) {
         std::string given, halves[2];
         for (int i = 0; i < 150; ++i) {
@@ -323,7 +324,7 @@ bool is_raw()
 bool becomes_raw()
 {
     for (int i = 0; i < 500; ++i, usleep(10000))
-        if (is_raw()) return true; // not checked again: a job may restore it at any time
+        if (is_raw()) return true; // once is enough: the job may restore the mode at any time
     return false;
 }
 

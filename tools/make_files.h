@@ -70,7 +70,7 @@ struct dsf_settings {
     uint32_t rate = 2822400; // Hz
     uint32_t block_bytes = 4096;
     int64_t sample_count = -1; // bits per channel; -1: those of left
-    bytes left;                // oldest bit highest; stored with the oldest bit lowest
+    bytes left;                // oldest bit highest, although the file has it lowest
     bytes right;               // as long as left; further channels are noise
 };
 bytes make_dsf(const dsf_settings &s);

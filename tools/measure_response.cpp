@@ -98,13 +98,13 @@ void print_sets()
 
 constexpr int32_t bin_step = 10; // Hz
 constexpr int32_t measured_frames = oversampled_rate / bin_step;
-constexpr int32_t settling_frames = 12000; // more than the longest set
+constexpr int32_t settling_frames = 12000; // longer than the longest set of coefficients
 constexpr int32_t run_frames = settling_frames + measured_frames;
 constexpr double amplitude = 0.5;
 
-// The period of the filter in output frames. After it both rates are in phase again and the taps
-// have the same position: in the 44100 Hz family after each input, in the other after four output
-// frames.
+// The period of the filter in output frames: the shortest time after which input and output are in
+// phase again and the taps are aligned as before. Their alignment is the same for all inputs in the
+// 44100 Hz family. In the other one it repeats every four output frames.
 int32_t round_frames(int32_t source_rate)
 {
     return std::lcm(oversampled_rate / std::gcd(oversampled_rate, source_rate), 4);
