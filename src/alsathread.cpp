@@ -376,7 +376,7 @@ void make_silence()
         fill_silence();
 }
 
-// --- Opening as a whole -------------------------------------------------------------------------
+// --- Opening, with all parameters ---------------------------------------------------------------
 
 // The ring already holds frames of the settled form. A device with another form would play them as
 // noise.

@@ -263,15 +263,16 @@ void make_family44()
     fill_merged_table(span);
 }
 
-// The factor by which the input of step s is multiplied in entry e.
+// The factor by which the input of step s is multiplied in entry e. There is one step for each
+// output frame, and an input belongs to all steps until the next input comes.
 //
 //   N = tap_count, L = N + 4, distance = e - s (from 1 to L), j = s mod 4
 //   k = distance mod L            for j = 0
 //       (distance + j - 4) mod L  for j > 0
 //   factor = gain * taps[(k + j) mod N] for k < N, else 0
 //
-// Modulo L, k is the distance of e from the first multiple of four that is not below s. Except near
-// both ends of the set the tap is
+// Modulo L, k is the distance of e from the first multiple of four that is not below s. Except for
+// the first and the last taps the factor has this tap:
 //
 //   j    0               1                   2               3
 //   tap  taps[distance]  taps[distance - 2]  taps[distance]  taps[distance + 2]

@@ -64,8 +64,8 @@ void report_system_error(int32_t number, const char *format, const char *path, c
     event_left_out(path, reason);
 }
 
-// Adds directory/name, truncated to the buffer. If plays is false, sends the event of a name that
-// is left out instead.
+// Adds directory/name, truncated to the buffer. If plays is false, it adds nothing, and sends the
+// event that this name is left out.
 void add_composed(const char *directory, const char *name, bool plays)
 {
     std::array<char, path_buffer_bytes> path;

@@ -28,7 +28,7 @@ namespace
 enum class write_mode {
     reopened, // pipes and terminals: opened again with O_NONBLOCK, so that the flag is ours alone
     sent,     // sockets, which cannot be opened again: send() with MSG_DONTWAIT
-    polled,   // descriptors that could not be opened again, as another user's: poll() and write()
+    polled,   // other users' pipes, which cannot be opened again: poll() before write()
     direct,   // regular files, which never block; the file offset is shared with the parent
 };
 

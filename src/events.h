@@ -56,8 +56,8 @@ void event_filling(int32_t percent);
 // Reports that the file's first frame was written to the device.
 void event_playing(const soundfile *file);
 
-// Reports the position: frames is the number of frames of the file, from where it began, that have
-// sounded, as far as the player can know.
+// Reports the position. frames is the number of frames of the file that have sounded, as far as the
+// player can know, counted from the frame at which the file began to play.
 void event_position(const soundfile *file, int64_t frames);
 
 // Reports that the device ran empty or was suspended, and that the sound goes on as soon as it can.

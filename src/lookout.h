@@ -122,9 +122,9 @@ void wake(waiter who);
 // Announces a wait. From then on a wake ends it. The caller then checks once more whether there is
 // work, and calls finish_wait in either case. Main and output thread.
 void announce_wait();
-// Waits for that many microseconds, or until it is woken. With longest_wait it waits until it is
-// woken. With a descriptor it also returns when that can be written to. It may return early. Main
-// and output thread.
+// Waits for that many microseconds or until another thread calls wake. With longest_wait there is
+// no limit. If a descriptor is given, the wait also ends when the descriptor is writable. The wait
+// may end early. Main and output thread.
 inline constexpr int64_t longest_wait = -1;
 void finish_wait(int64_t microseconds, int descriptor = -1);
 

@@ -436,7 +436,7 @@ size_t pack_i2s(std::span<const uint8_t> groups, uint8_t *out)
     });
 }
 
-// Also used for every PCM word that has no form of its own.
+// Also used for every PCM format of the device that has no row here.
 constexpr dsd_form dop_4_bytes = {
     SND_PCM_FORMAT_S32_LE, form_offer::without_i2s, "DoP", 16, 2, 8, 2, dop_cut, pack_dop_4_bytes};
 
@@ -904,8 +904,8 @@ void make_file_list(int argc, char **argv)
     pool_free();
 }
 
-// Sends the event for a file that was just probed, and keeps the sizes that show a read error
-// later.
+// Sends the event for a file that was just probed, and stores the sizes with which a read error is
+// detected later.
 void emit_file(soundfile *file)
 {
     file->probed_bytes = size_of(file);

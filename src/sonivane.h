@@ -180,7 +180,7 @@ extern int32_t short_filter;
 extern int32_t left_cut;
 extern int32_t right_cut;
 extern int32_t silent;
-extern int32_t reopen;         // flag: a file of another form gets its own stream
+extern int32_t reopen;         // flag: the device is opened anew for a file of another rate or kind
 extern exact_time start_time;  // from which the first file plays
 extern int32_t args_used;      // entries of argv used by options, with argv[0]
 extern uint64_t buffer_bytes;  // requested size of the ring; 0: not given
@@ -248,8 +248,8 @@ int32_t dsd_feeder();
 // fill_buffer.
 int32_t pcm_feeder();
 
-// Prints the banner of a file that has started to play, and a status line each time that its second
-// changes. Main thread.
+// Prints the banner of a file that has started to play, and a status line each time that the
+// position reaches another second. Main thread.
 void status_update(soundfile *file);
 
 // Handles a SIGINT while the output thread does not play. If nothing has been played yet, it ends

@@ -34,7 +34,7 @@ static_assert(sizeof blank_line == 1 + blanks + 1);
 
 // --- Reports ------------------------------------------------------------------------------------
 
-// A report in both forms: the text that is printed, and the cause of the end with its sentence,
+// A report in both forms: the text that is printed, and the stop_cause, which has the message
 // without the "ERROR" prefix and without line ends.
 struct formatted_report {
     std::array<char, longest_sentence + 64> text;

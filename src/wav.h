@@ -10,8 +10,8 @@
 // Parses the header of the stream file->fp, which is at its start. 0 if the file is accepted: wave
 // (rewritten to two channels), channels, bytes_left and data_bytes are set and the stream is at the
 // first sample. -1 if the file is refused, for example for a "ds64" body below 24 bytes, or for
-// samples of 4096 bytes or more, whose bits do not fit into wave. Samples of 0 bytes are accepted;
-// the opener then reports the width 0 and ends the process. Main thread.
+// samples of 4096 bytes or more, whose number of bits does not fit into its field of wave. Samples
+// of 0 bytes are accepted; the opener then reports the width 0 and ends the process. Main thread.
 int32_t wav_open(soundfile *file);
 
 // Skips count frames by seeking. The file was just opened and has more than count frames. False if

@@ -109,7 +109,7 @@ TEST(play_events, have_the_position_that_is_heard)
             std::ranges::find_if(result.capture, [&](uint8_t b) { return b != result.capture[0]; });
         const int64_t heard = row.stands_at - (first - result.capture.begin()) / 8;
         double seconds = 0;
-        std::sscanf(told_words(result, "position").c_str(), "%*d,%lf,", &seconds);
+        std::sscanf(event_values(result, "position").c_str(), "%*d,%lf,", &seconds);
         EXPECT_EQ(
             std::lround(seconds * 1000000),
             std::lround((row.starts_at + static_cast<double>(heard) / row.rate) * 1e6 - 0.499));
@@ -131,14 +131,15 @@ TEST(play_events, have_names_of_any_bytes)
         {"\xF5\xFE\xFF\xE2\x82", R"(\udcf5\udcfe\udcff\udce2\udc82)"},
         {"\xE2\x82g\xF0\x9F\x98", R"(\udce2\udc82g\udcf0\udc9f\udc98)"},
     };
-    std::vector<std::string> names;
-    std::string expected;
+    std::vector<std::string> names = {std::string(30000, 'n')}; // too long for an event
+    std::string expected, dropped = ",\"dropped\":1";
     const auto add = [&](const std::string &name, const std::string &shown) {
         names.push_back(name);
-        expected += head + "left_out\",\"path\":\"" + shown + "\",\"reason\":\"cannot stat\"}\n";
+        expected += head + "left_out\",\"path\":\"" + shown + "\",\"reason\":\"cannot stat\"" +
+                    std::exchange(dropped, "") + "}\n";
     };
     for (const auto &[name, shown] : rows) add(name, shown);
-    std::string longest; // longer than a write that a pipe takes whole
+    std::string longest; // longer than PIPE_BUF
     for (int i = 0; i < 4095; ++i) longest += "\\udcff";
     add(std::string(4095, '\xFF'), longest);
     EXPECT_EQ(pick(run_player({.arguments = names}), "left_out"), expected);
@@ -181,7 +182,7 @@ TEST(play_events, all_reach_the_reader_before_the_sound)
     EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
 }
 
-// When the reader of the events leaves, the front-end is gone.
+// If the reader closes its end of the pipe, the player stops, because the front-end is gone.
 TEST(play_events, a_reader_that_left_ends_the_sound)
 {
     const auto result =

@@ -50,9 +50,9 @@ TEST(play_faults, nothing_blocks_the_player_before_it_plays)
     }
 }
 
-// The device stops playing when nothing more is read from the files: in the silence, in the sound,
-// or with all of the sound in its queue. The player waits only as long as the rest could have
-// lasted.
+// All files have been read, and then the device stands still: in the silence, in the sound, or with
+// all of the sound in its queue. The player waits no longer than the frames that are left would
+// have lasted.
 TEST(play_faults, a_device_that_stops_playing_does_not_block_the_end)
 {
     const struct {
@@ -174,7 +174,7 @@ int64_t times(const std::string &text, const std::string &part)
 }
 
 // Checks that each break (an underrun or a suspend) was reported once, and that the device was
-// prepared again after each of them, except after the last ones, as many as `unmended`.
+// prepared again after each of them, except after the last `unmended` breaks.
 void expect_breaks(const play_result &result, int64_t least, int64_t unmended = 0)
 {
     const auto prepared = std::ranges::count_if(result.log, [](const std::string &line) {
@@ -253,13 +253,14 @@ TEST(play_faults, the_sound_goes_on_after_the_files_stalled)
         const auto result = run_player(settings);
         expect_stream(result, dop_s32, 512000, sound);
         EXPECT_EQ(result.end, "played,0");
-        EXPECT_EQ(told_words(result, "rebuffering"), row.last);
+        EXPECT_EQ(event_values(result, "rebuffering"), row.last);
         expect_breaks(result, row.breaks, row.unmended);
     }
 }
 
-// The machine was suspended. Main fills the ring earlier than usual, the event has the length of
-// the sound that the device held and dropped, and the position is that of the sound that is heard.
+// The machine was suspended. The event has the length of the sound that the device held and
+// dropped. The position after that is the time of the frame that is heard. Main has to fill the
+// ring although less than a quarter of it is free.
 TEST(play_faults, what_a_suspend_drops_is_in_the_event)
 {
     constexpr int64_t fault_at = 90000, stands_at = 120000; // frames
@@ -281,8 +282,8 @@ TEST(play_faults, what_a_suspend_drops_is_in_the_event)
     for (const std::string &line : result.log)
         std::sscanf(line.c_str(), "prepare after 90000 dropped %ld", &dropped);
     double lost = 0, heard = 0;
-    std::sscanf(told_words(result, "rebuffering").c_str(), "0,suspended,%lf", &lost);
-    std::sscanf(told_words(result, "position").c_str(), "0,%lf", &heard);
+    std::sscanf(event_values(result, "rebuffering").c_str(), "0,suspended,%lf", &lost);
+    std::sscanf(event_values(result, "position").c_str(), "0,%lf", &heard);
     EXPECT_GT(dropped, 0);
     EXPECT_NEAR(lost * 44100, static_cast<double>(dropped), 0.1);
     EXPECT_NEAR(heard * 44100, static_cast<double>(stands_at - silence), 0.1);

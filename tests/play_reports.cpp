@@ -116,7 +116,7 @@ TEST_P(reports, are_printed_and_end_as_expected)
     EXPECT_EQ(result.err, err);
     EXPECT_TRUE((result.out + end_mark).starts_with(columns[5])) << result.out;
     if (!columns[6].empty()) {
-        EXPECT_EQ(told_words(result, "stream"), columns[6]);
+        EXPECT_EQ(event_values(result, "stream"), columns[6]);
         EXPECT_TRUE(settings.arguments[0] == "-os" ||
                     log_has(result, "thresholds start 11025 avail_min 22050"));
     }

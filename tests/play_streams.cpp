@@ -254,7 +254,7 @@ TEST(play_streams, a_file_that_changed_is_passed_over)
              .events = {{.out_has = "playing file 1/3", .allow = 100000000, .call = happens}}});
         EXPECT_EQ(result.end, end);
         EXPECT_TRUE(result.err.ends_with(err)) << result.err;
-        EXPECT_EQ(told_words(result, "read error"), end == "played,0" ? "" : "1");
+        EXPECT_EQ(event_values(result, "read error"), end == "played,0" ? "" : "1");
         bytes sound = device_bytes(random_pcm(44100, 400000), s32_le);
         put_bytes(sound, device_bytes(random_pcm(44100, 489), s32_le));
         result.status = 0; // checked above for all rows
@@ -335,9 +335,9 @@ TEST(play_streams, a_controller_gets_a_signal_for_changes_only)
         {"S32_LE", dsd, "hw:1,0", "", getpid(), -1, 0, "2.8fMHzfs DoP"},
         {"S32_LE", dsd, "capture", "rpi", getpid(), -1, 0, "2.8fMHzfs DoP"},
         {"S32_LE DSD_U32_BE", dsd, "hw:1,0", "rpi", getpid(), -1, 0, "2.8fMHzfs native"},
-        {"S32_LE", dsd, "hw:1,0", "rpi", 0, 0, -1,
-         "2.8fMHzfs I2S"}, // pid 0: the player's own group
-        {"S32_LE", dsd, "hw:1,0", "rpi", 1, 0, -1, "2.8fMHzfs I2S"}, // pid 1: the whole machine
+        // No signal may go to the processes 0 (the player's own group) and 1 (init).
+        {"S32_LE", dsd, "hw:1,0", "rpi", 0, 0, -1, "2.8fMHzfs I2S"},
+        {"S32_LE", dsd, "hw:1,0", "rpi", 1, 0, -1, "2.8fMHzfs I2S"},
         {"S24_LE S24_3LE", dsd, "hw:1,0", "rpi", getpid(), 0, 0, nullptr}, // I2S needs S32_LE
     };
     std::signal(SIGINT, on_news);

@@ -294,7 +294,7 @@ void read_rest(run_state &state, play_result &result)
 void read_end(play_result &result)
 {
     const std::string status = std::to_string(result.status);
-    result.end = told_words(result, "end");
+    result.end = event_values(result, "end");
     // A second SIGINT may end the process after the end event of an ordinary end was written.
     EXPECT_TRUE(result.end.empty() || result.end.find("," + status) != std::string::npos ||
                 result.status == (799 & 255))
@@ -359,7 +359,7 @@ std::string scratch_file(const std::string &name, const bytes &content)
     return path;
 }
 
-std::string told_words(const play_result &result, const std::string &kind)
+std::string event_values(const play_result &result, const std::string &kind)
 {
     const std::string head = R"({"event":")" + kind + "\",";
     const size_t at = result.event_lines.rfind(head);

@@ -72,7 +72,7 @@ struct play_result {
 
 play_result run_player(const play_settings &settings);
 
-// Starts a shell whose commands are keys. In it, "$@" starts the player.
+// Starts an interactive shell, to which a test types commands. In it, "$@" starts the player.
 const std::vector<std::string> interactive_shell = {"bash", "--norc", "--noediting", "-is"};
 const std::string key_3 = "\x03"; // stops the sound
 
@@ -91,7 +91,7 @@ std::string scratch_file(const std::string &name, const bytes &content);
 
 // Values of the last event of that kind, separated by commas, such as "key,0". Empty if there is
 // none.
-std::string told_words(const play_result &result, const std::string &kind);
+std::string event_values(const play_result &result, const std::string &kind);
 bool log_has(const play_result &result, const std::string &text);
 // Whether the device was closed after it had played every frame that it took.
 bool all_sounded(const play_result &result);

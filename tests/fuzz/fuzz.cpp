@@ -32,8 +32,9 @@ void read_to_the_end(soundfile &record, size_t size)
     }
 }
 
-// Opens and reads the file, from frame (PCM) or byte of a channel (DSD) `from` on. Result: what the
-// opener found. The first number is -2 if it refused the file or a fatal report ended it.
+// Opens the file and reads it, beginning at the frame (PCM) or byte of a channel (DSD) `from`.
+// Result: fields of the record. The first one is -2 if the opener refused the file or a fatal
+// report ended it.
 std::array<int64_t, 6> open_once(const char *path, size_t size, int64_t from = 0)
 {
     static std::optional<soundfile> fresh; // static: it keeps its value after longjmp
