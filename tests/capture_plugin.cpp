@@ -78,6 +78,7 @@ struct capture_device {
     const char *gate; // file with the number of frames that may be played; null: no limit
     // Milliseconds without a transfer after which an empty queue is an xrun; -1: it never is.
     double dry_ms;
+    snd_pcm_sframes_t step; // the pointer moves by this many frames
     snd_pcm_uframes_t written;
     snd_pcm_uframes_t prepared_at; // frames written by then
     double played;                 // frames that were played or dropped
@@ -165,8 +166,9 @@ snd_pcm_sframes_t on_pointer(snd_pcm_ioplug_t *io)
         ++dry_times;
         return -EPIPE;
     }
-    return static_cast<snd_pcm_sframes_t>(device.played) -
-           static_cast<snd_pcm_sframes_t>(device.prepared_at);
+    const auto played = static_cast<snd_pcm_sframes_t>(device.played) -
+                        static_cast<snd_pcm_sframes_t>(device.prepared_at);
+    return played - played % device.step;
 }
 
 // --- Transfers ----------------------------------------------------------------------------------
@@ -378,6 +380,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(capture)
     device.speed = std::strtod(setting("SPEED", "once"), nullptr); // of "once" it is 0
     device.gate = setting("GATE", nullptr);
     device.dry_ms = std::stod(setting("DRY_MS", "-1"));
+    device.step = std::stol(setting("STEP", "1"));
     device.capture_fd = open(setting("FILE", "/dev/null"), O_WRONLY | O_APPEND | O_CREAT, 0666);
     device.io.version = SND_PCM_IOPLUG_VERSION;
     device.io.name = "capture device of the tests";
@@ -528,15 +531,16 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("KEY", "-1"));
 }
 
-// Waits are shorter by the factor by which the device plays faster than real time. The wait for a
-// busy device is 100 times shorter.
+// Waits are shorter by the factors by which the clock is faster and the device plays faster than
+// real time. The wait for a busy device is 100 times shorter.
 int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 {
     static auto *real = REAL(ppoll);
     if (time == nullptr) return real(fds, count, nullptr, mask);
     const bool retry = device.busy && time->tv_sec == 2;
     if (retry) log_line("pause 2 s\n");
-    const double faster = retry ? 100 : std::max(device.speed, 1.0);
+    const double clock = std::stod(setting("CLOCK", "1"));
+    const double faster = retry ? 100 : std::max(device.speed, 1.0) * std::max(clock, 1.0);
     const double seconds =
         (static_cast<double>(time->tv_sec) + static_cast<double>(time->tv_nsec) * 1e-9) / faster;
     const timespec shorter = {static_cast<time_t>(seconds),

@@ -67,6 +67,7 @@ void make_files()
     scratch_wave("a.wav", 44100, 30000);
     scratch_wave("folder/a.wav", 44100, 30000);
     scratch_wave("b.wav", 100, 1000);
+    scratch_wave("slow.wav", 8000, 100000);
     scratch_wave("long.wav", 44100, 250000);
     scratch_wave("\x1b.wav", 44100, 100);
     scratch_file("list.m3u", text("a.wav\n"));
