@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 
@@ -32,7 +31,7 @@ std::string pick(const play_result &result, const std::string &kinds)
 }
 
 // The device is busy at first and then plays at once. The list has files that share a write, a file
-// without a frame, and names that cannot be played or read.
+// without a frame, and names that cannot be played or read. The expected events are in events.txt.
 TEST(play_events, of_a_list_of_every_kind_of_file)
 {
     const auto wave = [](int rate, size_t frames, size_t channels, wave_kind kind) {
@@ -51,29 +50,7 @@ TEST(play_events, of_a_list_of_every_kind_of_file)
         run_player({.arguments = {"kinds", "missing", "/proc/self/mem"}, // a read at offset 0 fails
                     .capture = {{"FAIL", "readdir"}, {"BUSY", "1"}}});
     EXPECT_EQ(pick(result, "left_out file opening not opened stream playing end read error"),
-              R"({"event":"left_out","path":"kinds/inside","reason":"not a file"}
-{"event":"left_out","path":"kinds","reason":"cannot read"}
-{"event":"left_out","path":"missing","reason":"cannot stat"}
-{"event":"left_out","path":"/proc/self/mem","reason":"cannot read"}
-{"event":"file","index":0,"path":"kinds/1.wav","kind":"wav","rate":44100,"bits":24,"channels":6,"seconds":0.680272}
-{"event":"file","index":1,"path":"kinds/2.wav","kind":"wav","rate":44100,"bits":24,"channels":2,"seconds":0}
-{"event":"left_out","path":"kinds/3.txt","reason":"unknown format"}
-{"event":"file","index":2,"path":"kinds/4\u000a\udcff.rf64","kind":"rf64","rate":48000,"bits":24,"channels":1,"seconds":0.000145}
-{"event":"file","index":3,"path":"kinds/5","kind":"dsf","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
-{"event":"file","index":4,"path":"kinds/6","kind":"dsdiff","rate":2822400,"bits":1,"channels":2,"seconds":0.01}
-{"event":"file","index":5,"path":"kinds/7","kind":"wsd","rate":2822400,"bits":1,"channels":3,"seconds":0.01}
-{"event":"opening","attempt":1}
-{"event":"not opened","attempt":1,"error":"Device or resource busy"}
-{"event":"opening","attempt":2}
-{"event":"stream","device":"capture","form":"pcm","format":10,"format_name":"S32_LE","rate":44100,"device_ms":500,"ring_ms":4458}
-{"event":"opening","attempt":1}
-{"event":"playing","index":0,"other_rate":false}
-{"event":"playing","index":2,"other_rate":true}
-{"event":"playing","index":3,"other_rate":true}
-{"event":"playing","index":4,"other_rate":true}
-{"event":"playing","index":5,"other_rate":true}
-{"event":"end","reason":"played","status":0}
-)");
+              file_text(SOURCE_TREE "/tests/events.txt"));
     EXPECT_TRUE(pick(result, "probing").starts_with(head + "probing\",\"index\":0,\"of\":8}\n"));
     EXPECT_TRUE(pick(result, "filling").starts_with(head + "filling\",\"percent\":0}\n"));
     EXPECT_EQ(std::ranges::count(pick(result, "draining"), '\n'), 1);
@@ -103,8 +80,7 @@ TEST(play_events, have_the_position_that_is_heard)
         const auto result = run_player({.arguments = arguments,
                                         .capture = {{"FORMATS", row.format}},
                                         .events = {{.out_has = "playing", .allow = row.stands_at},
-                                                   {.after_ms = 2500, .type = key_3}},
-                                        .input = wire::pipe});
+                                                   {.after_ms = 2500, .type = key_3}}});
         const auto first =
             std::ranges::find_if(result.capture, [&](uint8_t b) { return b != result.capture[0]; });
         const int64_t heard = row.stands_at - (first - result.capture.begin()) / 8;
@@ -195,8 +171,7 @@ TEST(play_events, a_reader_that_left_ends_the_sound)
 // The program of docs/front-end.md, taken from the page.
 TEST(play_events, are_what_the_documented_front_end_reads)
 {
-    std::ifstream page(FRONT_END_PAGE);
-    const std::string text{std::istreambuf_iterator<char>(page), {}};
+    const std::string text = file_text(SOURCE_TREE "/docs/front-end.md");
     const size_t begin = text.find("```python\n") + 10;
     const std::string program = text.substr(begin, text.find("```", begin) - begin);
     const std::string script = scratch_file("front_end.py", {program.begin(), program.end()});
@@ -218,7 +193,6 @@ TEST(play_events, are_what_the_documented_front_end_reads)
         run_player({.arguments = {"a.wav"},
                     .capture = {{"SPEED", "1"}},
                     .events = {{.log_has = "start", .allow = 0}, {.after_ms = 300, .type = "\n"}},
-                    .input = wire::pipe,
                     .event_wire = wire::closed,
                     .launcher = {"python3", script}});
     EXPECT_NE(stopped.out.find("\nended: key, status 0\n"), std::string::npos) << stopped.out;

@@ -39,10 +39,8 @@ TEST(play_faults, nothing_blocks_the_player_before_it_plays)
     const auto file = scratch_wave("a.wav", 44100, 8000000);
     for (const auto &[setting, event, end] : rows) {
         SCOPED_TRACE(setting.second);
-        const auto result = run_player({.arguments = {"-B", "512M", file},
-                                        .capture = {setting},
-                                        .events = {event},
-                                        .input = wire::pipe});
+        const auto result = run_player(
+            {.arguments = {"-B", "512M", file}, .capture = {setting}, .events = {event}});
         EXPECT_EQ(result.end, end);
         EXPECT_EQ(result.capture.size(), setting.first == "FAULT" ? 800U : 0U);
         EXPECT_EQ(result.err.ends_with(report_text("sonivane", 1045, "exit by interrupt\n")),
@@ -121,10 +119,8 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
         };
         for (const auto &stop : stops) {
             SCOPED_TRACE(std::string(call.name) + ": " + stop.end);
-            play_settings settings = {.arguments = call.arguments,
-                                      .capture = {{"SPEED", "4"}},
-                                      .events = {call.begin},
-                                      .input = wire::pipe};
+            play_settings settings = {
+                .arguments = call.arguments, .capture = {{"SPEED", "4"}}, .events = {call.begin}};
             settings.capture.insert_or_assign(call.setting.first, call.setting.second);
             settings.events.insert(settings.events.end(), stop.events.begin(), stop.events.end());
             const auto result = run_player(settings);
@@ -155,8 +151,7 @@ TEST(play_faults, the_device_is_closed_while_standard_output_is_full)
         const auto result =
             run_player({.arguments = {"--silent", scratch_wave("a.wav", 8000, 200000)},
                         .capture = {{"SPEED", "4"}, {"FAULT", row.fault}},
-                        .events = row.events,
-                        .input = wire::pipe});
+                        .events = row.events});
         EXPECT_EQ(result.end, row.end);
         EXPECT_FALSE(all_sounded(result));
     }
@@ -270,8 +265,7 @@ TEST(play_faults, what_a_suspend_drops_is_in_the_event)
                     .capture = {{"FAULT", "suspended " + std::to_string(fault_at)}},
                     .events = {{.out_has = "playing", .allow = fault_at - 10000},
                                {.err_has = stopped_line, .allow = stands_at},
-                               {.after_ms = 2500, .type = key_3}},
-                    .input = wire::pipe});
+                               {.after_ms = 2500, .type = key_3}}});
     expect_stream(result, s32_le, 44100, device_bytes(sound, s32_le), false);
     expect_breaks(result, 1);
     int64_t silence = 0;
@@ -325,8 +319,7 @@ TEST(play_faults, a_break_does_not_block_the_end)
         const auto result = run_player(
             {.arguments = {"--keep-going", "--prime=100K", scratch_wave("a.wav", 44100, 400000)},
              .capture = {row.setting, {"DRY_MS", "10000"}, {"CLOCK", "20"}},
-             .events = {row.event},
-             .input = wire::pipe});
+             .events = {row.event}});
         EXPECT_EQ(result.end, row.end);
         expect_stream(result, s32_le, 44100, sound, false);
         expect_breaks(result, 1, row.unmended);

@@ -29,17 +29,12 @@ inline constexpr stream_form s32_le = {"S32_LE", 4, 0};
 inline constexpr stream_form float_le = {"FLOAT_LE", 4, 0, packing::pcm, true};
 inline constexpr stream_form i2s = {"S32_LE", 4, 0, packing::i2s};
 inline constexpr stream_form dop_s32 = {"S32_LE", 4, 0, packing::dop};
-inline constexpr std::array<stream_form, 11> stream_forms = {{{"S8", 1, 0},
-                                                              s16_le,
-                                                              s24_3le,
-                                                              s24_le,
-                                                              s32_le,
-                                                              float_le,
-                                                              i2s,
-                                                              {"DSD_U32_BE", 4, 0, packing::native},
-                                                              dop_s32,
-                                                              {"S24_LE", 4, 8, packing::dop},
-                                                              {"S24_3LE", 3, 0, packing::dop}}};
+inline constexpr stream_form dop_s24 = {"S24_LE", 4, 8, packing::dop};
+inline constexpr stream_form dop_s24_3 = {"S24_3LE", 3, 0, packing::dop};
+inline constexpr stream_form native = {"DSD_U32_BE", 4, 0, packing::native};
+inline constexpr stream_form s8 = {"S8", 1, 0};
+inline constexpr std::array stream_forms = {s8,  s16_le, s24_3le, s24_le,  s32_le,   float_le,
+                                            i2s, native, dop_s32, dop_s24, dop_s24_3};
 
 struct cuts {
     bool left;

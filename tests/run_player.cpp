@@ -39,12 +39,6 @@ struct run_state {
     size_t clogged; // descriptor of the stream that is full and not read; 0: none
 };
 
-std::string file_text(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 const std::string &scratch_directory()
 {
     static const std::string path = make_directory();
@@ -92,7 +86,9 @@ void open_wire(run_state &state, size_t stream, wire kind)
 
 void open_wires(run_state &state, const play_settings &settings)
 {
-    const std::array kinds = {settings.input, settings.output, settings.error, settings.event_wire};
+    std::array kinds = {settings.input, settings.output, settings.error, settings.event_wire};
+    for (const play_event &event : settings.events)
+        if (kinds[0] == wire::null && !event.type.empty()) kinds[0] = wire::pipe;
     state.terminal = state.terminal_far = -1;
     if (std::ranges::find(kinds, wire::terminal) != kinds.end())
         open_terminal(state, settings.terminal_without);
@@ -349,6 +345,12 @@ play_settings beside_controller(play_settings settings)
     settings.capture["CARD_NAME"] = "snd_rpi_dac";
     settings.capture["KEY"] = std::to_string(getpid());
     return settings;
+}
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::string scratch_file(const std::string &name, const bytes &content)

@@ -44,7 +44,7 @@ struct play_settings {
     std::string device_name = "capture";             // empty: no -D
     std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
     std::vector<play_event> events = {}; // with an allow among them, no frame is played before that
-    wire input = wire::null;
+    wire input = wire::null;             // a pipe if an event types
     wire output = wire::pipe;
     wire error = wire::pipe;
     wire event_wire = wire::pipe;           // descriptor 3, for events; closed: no --events
@@ -88,6 +88,8 @@ play_settings beside_controller(play_settings settings);
 
 // Writes a file into the directory of this process in which the players run. Result: its path.
 std::string scratch_file(const std::string &name, const bytes &content);
+// The content of a file; empty if there is none.
+std::string file_text(const std::string &path);
 
 // Values of the last event of that kind, separated by commas, such as "key,0". Empty if there is
 // none.

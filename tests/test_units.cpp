@@ -321,17 +321,11 @@ bool is_raw()
     return (mode().c_lflag & ICANON) == 0;
 }
 
-bool becomes_raw()
+bool comes_true(bool (*condition)())
 {
     for (int i = 0; i < 500; ++i, usleep(10000))
-        if (is_raw()) return true; // once is enough: the job may restore the mode at any time
+        if (condition()) return true; // once is enough: a job may restore the mode at any time
     return false;
-}
-
-bool becomes_stopped()
-{
-    for (int i = 0; i < 500 && !is_stopped(); ++i) usleep(10000);
-    return is_stopped();
 }
 
 // Exits with the number of the first step that failed, or with 0.
@@ -351,11 +345,11 @@ bool becomes_stopped()
     // terminal_raw leaves that mode.
     if (write(keyboard, "typed ahead\x03", 12) != 12 || is_stopped()) _exit(1);
     terminal_raw();
-    if (!becomes_stopped()) _exit(2);
+    if (!comes_true(is_stopped)) _exit(2);
     tcsetattr(STDIN_FILENO, TCSANOW, &of_shell); // while the player is stopped
     kill(getpid(), SIGHUP);
     kill(getpid(), SIGCONT);
-    if (!becomes_raw()) _exit(3);
+    if (!comes_true(is_raw)) _exit(3);
     terminal_raw(); // is raw already: must not save these settings
     terminal_restore();
     if (mode().c_lflag != before.c_lflag) _exit(4);
@@ -392,7 +386,7 @@ bool becomes_stopped()
         if (job == 0) run_job();
         setpgid(job, job);
         tcsetpgrp(STDIN_FILENO, job);
-        bool failed = !becomes_raw();
+        bool failed = !comes_true(is_raw);
         int stop = 0, end = 0;
         kill(job, SIGTSTP);
         failed |= waitpid(job, &stop, WUNTRACED) != job || WSTOPSIG(stop) != SIGTSTP || is_raw();
