@@ -36,7 +36,7 @@ uint32_t alsa_buffer_frames; // granted by the device; belongs to the thread tha
 ringbuffer *silence_ring;    // used as an array of silence; made by main, then read by output
 int32_t primed;              // 1: the silence is sent; output thread
 int32_t silence_written;     // frames of silence that the device took; output thread
-uint32_t silence_phase;      // 1: each pair of silence begins with its second frame; output thread
+uint32_t silence_phase;      // 1: the silence begins with the second DoP marker; output thread
 
 // Frames of silence that are still to be sent; below 0 until the device is open. Written by the
 // output thread, read by main.
@@ -116,8 +116,8 @@ struct stream_settings {
     int32_t i2s;
 };
 
-// Whether raw DSD bits are requested. If there is a controller, the card in the device's name
-// decides; otherwise i2s_mode keeps its value.
+// Whether the I2S form is requested. With a controller the card in the device's name decides.
+// Without one the result is the present i2s_mode.
 int32_t wished_i2s()
 {
     if (dsd_stream == 0) return flag_off;
@@ -323,9 +323,9 @@ int choose_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, hw_attempt attempt
 }
 
 // Sets all hardware parameters of the open pcm. The caller has zeroed params. i2s requests I2S.
-// Writes *stream. Result: 0, or the negative code with which every form was refused; every other
-// failure ends the process. There are two attempts, because a sound server whose periods are powers
-// of two refuses the granted buffer unless a period was requested before it.
+// Writes *stream. Result: 0, or a negative code if the device takes no form of DSD; every other
+// failure ends the process. There are two attempts: a sound server whose periods are powers of two
+// refuses the buffer size that it granted, unless a period is requested before the buffer.
 int sound_hwparams(snd_pcm_hw_params_t *params, int32_t i2s, stream_settings *stream)
 {
     int refused = choose_hwparams(params, i2s, hw_attempt::first, stream);
@@ -536,7 +536,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
     if (written >= 0) {
         silence_written += static_cast<int32_t>(written);
         held_frames += written;
-    } else if (written != -EAGAIN && written != -EPIPE) { // the next step finds these two
+    } else if (written != -EAGAIN && written != -EPIPE) { // the next step of the pump handles these
         const int code = static_cast<int>(written);
         const stop_cause *cause = cause_of_code(code, &refused);
         if (ends_in_break(cause)) return device_stopped(cause);
@@ -558,8 +558,8 @@ void follow_marks()
     store_release(playing_file, file);
 }
 
-// Adds whole units only. At a rate that does not divide 352800 the count is too slow, and above
-// 352800 Hz it does not advance.
+// The position counts units of 1/352800 s, and each frame adds a whole number of them. So at a rate
+// that does not divide 352800 the position is too slow, and above 352800 Hz it does not advance.
 void add_to_position(int32_t frames)
 {
     const int64_t units = position_units_per_second / output_rate;
@@ -778,9 +778,10 @@ bool device_plays()
 
 // Waits until the device has played its queue, because closing it would drop the queue. The wait
 // lasts at most 1.1 times the queue: some devices never report that they are empty, and a device
-// that drains by itself may stay in that state. If the device does not run on over silence,
-// snd_pcm_avail could stop it, so that is not called until the queue should have been played. A
-// fixed wait follows, because a card or a sound server plays a frame a little after it took it.
+// that drains by itself may stay in that state. If the device does not go on with silence when its
+// queue is empty, snd_pcm_avail could stop it, so that is not called until the queue should have
+// been played. A fixed wait follows, because a card or a sound server plays a frame a little after
+// it took it.
 void let_play_out(uint32_t pause)
 {
     constexpr int64_t after_the_queue = 100000; // microseconds
@@ -798,7 +799,7 @@ void let_play_out(uint32_t pause)
         constexpr microseconds shortest{1000};
         wait_for(std::min(std::max(left, shortest), microseconds(pause)).count(), is_stopped);
     }
-    // Such a device has dropped its queue. An xrun here only means that the queue is empty.
+    // A device in one of these states has dropped its queue. An xrun only means that it is empty.
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_SUSPENDED || state == SND_PCM_STATE_DISCONNECTED)
         stop_playing(cause_of_state(state));
@@ -818,9 +819,10 @@ void begin_silence()
     moved_at = sound_clock::now();
 }
 
-// The phase of the silence before the next frame of the ring: 1 if that frame has the second marker
-// of DoP, else 0. The frame may be the second one of a group, and a receiver of DoP must not get
-// the same marker twice. The two frames of a pair of silence differ only in their markers.
+// The value of silence_phase before the next frame of the ring: 1 if that frame has the second
+// marker of DoP, else 0. A receiver of DoP must not get the same marker twice. Silence is written
+// in pairs of frames, so it ends with the marker with which it does not begin. The two frames of a
+// pair differ only in their markers.
 uint32_t phase_of_next_frame()
 {
     if (silence_ring == nullptr || ring_frames(ring) == 0) return 0;

@@ -23,12 +23,12 @@ void emit_stream();
 // if there is no card. Main thread.
 int32_t find_last_card();
 
-// Sets the variables that sound_probe sets back to their values before the first stream. Main
+// Gives the variables that sound_probe sets the values that they had before the first stream. Main
 // thread, after the output thread has ended.
 void forget_stream();
 
-// Main has put frames into the ring, or will put no more. Wakes the output thread if it waits for
-// that. Main thread.
+// Called after main has put frames into the ring, or when it will put no more. Wakes the output
+// thread if it waits for frames. Main thread.
 void sound_was_fed();
 
 // What the output thread is doing. Main is woken when it changes. Any thread.

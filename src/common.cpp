@@ -68,7 +68,7 @@ struct kept_input {
 };
 
 struct family {
-    ptrdiff_t reach;      // number of inputs that are added up to one entry
+    ptrdiff_t reach;      // number of inputs in the sum of one output frame
     ptrdiff_t input_step; // floats of the table between an input and the next older one
     float *table;
     float *taps; // the table's place for distance 0
@@ -106,7 +106,7 @@ int64_t filter_output_floats;
     }
 }
 
-// Output steps during which a new input is the current one. Advances the phase.
+// The number of output steps in which a new input is added. Advances the phase.
 ptrdiff_t steps_of_input()
 {
     const auto source = static_cast<uint32_t>(filter_source_rate);
@@ -129,7 +129,7 @@ struct filter_width {
 };
 
 #define RUN(width) vectors_##width::run_family44, vectors_##width::run_family48
-// The last width that is present is used.
+// The last width that the processor has is used.
 // Versions of clang-format format a table with an #if differently.
 // clang-format off
 constexpr auto filter_widths = std::to_array<filter_width>({
@@ -220,8 +220,8 @@ bool make_tile(family *f)
     return allocate(&f->tile, stream_channels * tile_size());
 }
 
-// Makes a table with tap_floats floats for each distance between an entry and an input.
-// input_entries is the number of entries from one input to the next.
+// Makes a table with tap_floats floats for each distance between an output frame and an input.
+// input_entries is the number of output frames from one input to the next.
 bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 {
     const ptrdiff_t distances = f->reach * input_entries + 2 * tile_size();
@@ -236,8 +236,8 @@ bool make_table(family *f, ptrdiff_t input_entries, ptrdiff_t tap_floats)
 //
 //   S[m] = taps[m - span + 1] + ... + taps[m]    (taps outside the set are 0)
 //
-// The input D frames before a block's own input (D from 1 to reach) is multiplied in entry r of the
-// block by
+// An input gives a block of span output frames. In frame r of the block, the input D frames before
+// its own (D from 1 to reach) is multiplied by
 //
 //   gain * S[(reach - D) * span + r]
 //
@@ -264,15 +264,15 @@ void make_family44()
 }
 
 // The factor by which the input of step s is multiplied in entry e. There is one step for each
-// output frame, and an input belongs to all steps until the next input comes.
+// output frame, and an input is added in every step until the next input comes.
 //
 //   N = tap_count, L = N + 4, distance = e - s (from 1 to L), j = s mod 4
 //   k = distance mod L            for j = 0
 //       (distance + j - 4) mod L  for j > 0
 //   factor = gain * taps[(k + j) mod N] for k < N, else 0
 //
-// Modulo L, k is the distance of e from the first multiple of four that is not below s. Except for
-// the first and the last taps the factor has this tap:
+// Modulo L, k is the distance of e from the first multiple of four that is not below s. Except at
+// both ends of the set, the factor is the gain times this tap:
 //
 //   j    0               1                   2               3
 //   tap  taps[distance]  taps[distance - 2]  taps[distance]  taps[distance + 2]
@@ -289,8 +289,8 @@ float rotated_tap(int32_t distance, int32_t j)
 
 // Fills the table of the 48 kHz family. Each distance has a row of one vector: lane i has the
 // factor for distance + i. If v is the first entry of a vector of the tile, and s the step of the
-// input, the row's distance is v - s. v is a multiple of four, so that j = s mod 4 = -distance mod
-// 4.
+// input, the row's distance is v - s. As v is a multiple of four, the j of rotated_tap, s mod 4, is
+// -distance mod 4.
 void fill_rotated_table()
 {
     const int32_t lanes = width->vector_floats;

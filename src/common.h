@@ -3,18 +3,18 @@
 //
 // There are two families of rates. A source of exactly 44100 Hz gives 8 output frames for each
 // input frame, from a table whose entries are sums of 8 taps. Any other rate uses a table of single
-// taps, and each output frame is one entry further on in it. All arithmetic is in single precision:
-// each product is rounded, then added, oldest input first.
+// taps: from one output frame to the next, the factor of an input is the next entry. All arithmetic
+// is in single precision: each product is rounded, then added, oldest input first.
 #pragma once
 
 #include <cstdint>
 
 struct coeff_row;
 
-// Prepares the tables for 44.1 kHz and for all other rates. Both rates are in Hz. channels must
-// be 2. use_short selects the short sets. A second call with the same target rate keeps the tables
-// and the inputs and changes the rates only. Result: always -1, because a failure prints a report
-// of this unit and ends the process.
+// Prepares two tables, one for sources of 44.1 kHz and one for sources of all other rates. Both
+// rates are in Hz. channels must be 2. use_short selects the short sets. A second call with the
+// same target rate keeps the tables and the inputs and changes the rates only. Result: always -1,
+// because a failure prints a report of this unit and ends the process.
 int32_t coeff_filter_init(int32_t source_rate, int32_t target_rate, int32_t channels,
                           int32_t use_short);
 

@@ -179,8 +179,8 @@ bool parse_version(walk *w, uint64_t size)
     return read_be32(w->file->fp, &version) != 0 && size == 4;
 }
 
-// At the sound data: sets length and rate in the record, from the size of the data and the
-// properties. False without a rate or channels.
+// Called at the chunk of the sound. Sets length and rate in the record, from the size of the chunk
+// and the properties. False if there was no property with the rate or with the channels.
 bool describe_sound(walk *w, uint64_t size)
 {
     if (!w->has_rate || !w->has_channels) return false;
@@ -226,7 +226,7 @@ bool dsdiff_skip(soundfile *file, int64_t count)
 int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     constexpr size_t batch = 512;     // frames of one read
-    constexpr size_t frame_limit = 8; // bytes: a WSD file has up to 8 channels
+    constexpr size_t frame_limit = 8; // bytes; WSD files, which are also read here, have 8 channels
     // Unlocked calls: only one thread reads files, and the lock of the stream would cost as much as
     // all the rest of a small call.
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0) return -1;

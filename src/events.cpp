@@ -254,8 +254,8 @@ template <typename Field> void put_field(event_line &line, const Field &field)
 
 // --- Sending ------------------------------------------------------------------------------------
 
-// Appends the end of the line to a copy of it and writes that. The caller may call it again with
-// the same line.
+// Appends the end of the line to a copy of the line and writes the copy. The caller may call the
+// function again with the same line.
 outcome finish(event_line line)
 {
     const uint32_t dropped = dropped_lines.exchange(0);

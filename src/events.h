@@ -22,8 +22,8 @@ const char *name_of(stop_reason reason);
 // Whether there is a descriptor and its reader has not left. Any thread.
 bool events_wanted();
 
-// The descriptor that events are written to, or -1. The look-out polls it to see its reader leave.
-// Look-out.
+// The descriptor that events are written to, or -1. The look-out polls it to find out that its
+// reader has closed its end. Look-out thread.
 int events_descriptor();
 
 // Records that the reader of the events has left, and stops the sound as the stop key does. Any
@@ -33,7 +33,7 @@ void events_reader_left();
 // Reports that the file at index, out of that many names, is being probed. At most ten a second.
 void event_probing(int32_t index, int32_t of);
 
-// Reports that a name does not play, with the reason.
+// Reports that the file or directory of that name is left out of the list, with the reason.
 void event_left_out(const char *path, const char *reason);
 
 // Reports a file that is opened to be played. file is open.

@@ -66,8 +66,8 @@ sleeper &sleeper_of(waiter who)
 
 // --- Terminal -----------------------------------------------------------------------------------
 
-// Held while the mode of the terminal changes, and while a signal stops or ends the process. The
-// holder alone uses the words below, except terminal_is_raw.
+// Held while the mode of the terminal changes, and while a signal stops or ends the process. Only
+// its holder uses the variables below, except terminal_is_raw.
 pthread_mutex_t terminal_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool terminal_wanted;          // from terminal_raw to terminal_restore, also in the background
 struct termios terminal_saved; // the mode of standard input before the change
@@ -161,7 +161,7 @@ std::atomic<int32_t> sound_over;    // flag: the output thread has closed the de
 std::atomic<int32_t> all_over;      // flag: the device is closed, and no other stream follows
 std::atomic<int32_t> sound_started; // flag: from here on one SIGINT lets the ring play out
 std::atomic<int32_t> leaving;       // flag: a thread ends the process
-// Flag: that thread will make no more calls that could block.
+// Flag: the thread that ends the process will make no more calls that could block.
 std::atomic<int32_t> ends_by_itself;
 
 pthread_t main_thread;
@@ -291,7 +291,7 @@ bool ended_early()
 
 // --- The second SIGINT --------------------------------------------------------------------------
 
-std::atomic<int32_t> trace_wanted; // flag: the look-out sends the signal
+std::atomic<int32_t> trace_wanted; // flag: SIGRTMIN comes from the look-out, not from elsewhere
 std::atomic<int32_t> trace_started;
 std::atomic<int32_t> trace_done;
 
@@ -390,9 +390,9 @@ bool is_pending(int signal_number)
 // Lets a pending signal end or stop the process. The signal must stay pending until it acts: when a
 // SIGCONT comes, the kernel drops a pending SIGTSTP. If the SIGTSTP were taken from the queue and
 // raised again, it could stop the process after that SIGCONT, for good. After a stop the function
-// returns when the process continues. If the signal does not stop the process, it returns at once:
-// the kernel ignores Ctrl-Z where no shell could continue the process. The other threads cannot
-// change the terminal meanwhile.
+// returns when the process continues. If the signal does not stop the process, the function returns
+// at once: the kernel ignores Ctrl-Z where no shell could continue the process. The other threads
+// cannot change the terminal while this function runs.
 void let_act(int signal_number)
 {
     const sigset_t set = only(signal_number);

@@ -31,7 +31,7 @@ enum class stop_reason {
 };
 struct stop_cause {
     stop_reason reason;
-    const char *unit; // null unless the reason is a report
+    const char *unit; // that printed the report; null if the reason is not a report
     int32_t number;
     const char *text = "";
 };
@@ -41,9 +41,9 @@ inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
 extern std::atomic<int32_t> interrupted;           // flag; set by the look-out and by fatal reports
 extern std::atomic<int32_t> stop_output;           // flag; set by stop_playing alone
 extern std::atomic<const stop_cause *> stopped_by; // the first cause; null: none yet
-extern std::atomic<int32_t> read_error_met; // flag: a file had less sound than its header; by main
+extern std::atomic<int32_t> read_error_met; // flag: a file was not read to its end; set by main
 extern std::atomic<int32_t> exit_status;    // of the process; set by any thread; 0: no failure yet
-extern std::atomic<int32_t> strict;         // flag: a sound that ended early is a failure; by main
+extern std::atomic<int32_t> strict; // flag: a sound that ended early is a failure; set by main
 
 // Ends the sound and wakes every thread. The first cause stays. cause must last as long as the
 // process. Any thread.
@@ -55,12 +55,12 @@ inline bool is_stopped()
     return load_acquire(stop_output) != 0;
 }
 
-// Sets the cause of the end if nothing has stopped the sound: a SIGINT, a file with a read error,
-// or the end of the list. Result: the exit status of the process, of which the shell sees the low 8
-// bits. Any thread.
+// If the sound was not stopped, sets the cause of its end: a SIGINT, a file with a read error, or
+// else the end of the list. Result: the exit status of the process, of which the shell sees the low
+// 8 bits. Any thread.
 int32_t settle_end();
 
-// Prints report 1100 if that is the exit status. Any thread.
+// Prints report 1100 if exit_status has that number. Any thread.
 void print_early_end();
 
 // --- The thread ---------------------------------------------------------------------------------
@@ -78,8 +78,8 @@ void print_early_end();
 // thread.
 void start_lookout();
 
-// From this call on, keys on standard input count. Main thread, after the command line is read, or
-// earlier if nothing else is to be read from standard input.
+// From this call on, the look-out reads keys from standard input. Main thread, after the command
+// line and a list on standard input are read.
 void read_keys();
 
 // Makes the look-out check again what it waits for. Any thread.
@@ -106,7 +106,8 @@ bool sound_is_on();
 // because two calls of exit at once are undefined. Any thread.
 void begin_to_leave();
 
-// The calling thread ends the process and will make no call that could block. Any thread.
+// Reports to the look-out that the calling thread ends the process and will make no more calls that
+// could block. Any thread.
 void end_is_near();
 
 // --- Waiting ------------------------------------------------------------------------------------
@@ -116,7 +117,8 @@ enum class waiter { main, output };
 // Makes the calling thread the output thread for wait_for. Output thread, before anything else.
 void wait_as_output();
 
-// Ends the wait that this thread has announced, whether it has started to wait or not. Any thread.
+// Ends the wait that thread `who` has announced, even if it has not started to wait yet. Any
+// thread.
 void wake(waiter who);
 
 // Announces a wait. From then on a wake ends it. The caller then checks once more whether there is

@@ -1,5 +1,5 @@
-// Reads for the header parsers in a given byte order: numbers and fixed tags from a stream, and
-// numbers from bytes in memory. Nothing here depends on the byte order of the host.
+// Functions for the header parsers that read numbers of a given byte order and fixed tags from a
+// stream, and numbers from bytes in memory. Nothing here depends on the byte order of the host.
 //
 // A short read prints a message and returns 0. The parser decides whether that is an error. All
 // functions run on the main thread.

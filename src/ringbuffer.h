@@ -41,8 +41,8 @@ struct ringbuffer {
 // after report 16 if out of memory. Either thread.
 ringbuffer *ringbuffer_new(uint32_t size, uint32_t frame_bytes, int32_t files);
 
-// Frees *owner with its marks and sets it to null; *owner may be null. Main thread, while no other
-// thread uses the ring.
+// Frees *owner and its track marks, and sets it to null; *owner may be null. Main thread, while no
+// other thread uses the ring.
 void ringbuffer_free(ringbuffer **owner);
 
 // The first byte of the data area, ring_size bytes long.

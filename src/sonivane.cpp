@@ -131,7 +131,7 @@ bool lacks_dsf(const soundfile *file, int64_t)
     return file->dsf_bytes_left > 0;
 }
 
-// For DSDIFF and WSD, whose readers do not count the bytes that are left.
+// For DSDIFF and WSD. Their readers do not count the bytes that are left, so the size decides.
 bool lacks_dsd(const soundfile *file, int64_t size)
 {
     return file->data_bytes > (size - file->sound_offset) / std::max(file->channels, 1);
@@ -234,8 +234,8 @@ int64_t periods_of(const exact_time &time, int32_t rate)
     return time.seconds * rate + upper / billion + lower / attoseconds_per_second;
 }
 
-// The position after that many periods of 1/rate seconds. It is exact, unlike the positions that
-// the output thread counts, which has whole units for each frame.
+// The position after that many periods of 1/rate seconds. This position is exact. Those of the
+// output thread are not, because it adds a whole number of units for each frame.
 int64_t position_at(int64_t periods, int32_t rate)
 {
     constexpr int64_t units = position_units_per_second;
@@ -254,7 +254,7 @@ bool begin_at(soundfile *file, const exact_time &time)
 {
     const int32_t rate = file->wave.nSamplesPerSec;
     const bool dsd = is_dsd(file);
-    const int64_t periods_each = dsd ? 8 : 1; // skip counts frames or bytes, which have 8 bits
+    const int64_t periods_each = dsd ? 8 : 1; // in a unit of skip: a byte of DSD has 8 bits
     int64_t count = periods_of(time, rate) / periods_each;
     if (count >= (dsd ? file->data_bytes : file->data_bytes / file->wave.nBlockAlign)) return false;
     if (dsd) count -= count % (dsd_group_bytes / stream_channels);
@@ -297,8 +297,8 @@ void note_read_error(const soundfile *file)
     event_read_error(file);
 }
 
-// Checks the file that was just fed to its end. A read error is not printed; it becomes an event
-// and a cause of the end.
+// Checks the file that was just fed to its end. A read error is not printed. It is sent as an
+// event, and it becomes the reason of the last event.
 void look_for_read_error(const soundfile *file)
 {
     if (file->fp == nullptr) return;
@@ -452,9 +452,10 @@ constexpr std::array<dsd_form, 6> form_rows = {{
      pack_native_le},
 }};
 
-// Number of groups for one call: as many whole groups as the budget and the space before the end of
-// the ring's data area allow, but at least one. In a ring that was made for other frames, that
-// space may be less than a group; ring_put then splits the group. 0: too little room.
+// Number of groups for one call. 0 if the ring has too little room. Otherwise as many whole groups
+// as a call may feed and as fit before the end of the ring's data area, but at least one. That
+// space may be less than a group if the ring was made for frames of another size; ring_put then
+// splits the group.
 uint32_t groups_of_room(const dsd_form &form)
 {
     const uint32_t frames = std::min(ring_free(ring) / form.frame_bytes, dsd_call_frames);
@@ -801,7 +802,7 @@ constexpr const char *controller_key_file = "/tmp/sonivane.key";
 constexpr int controller_key_project = 255;
 
 // Any user can create a memory block under the player's key and so make the player signal a process
-// of another user. Only blocks of root and of the own user are trusted.
+// of another user. Only blocks that were created by root or by the player's own user are trusted.
 bool is_trusted(int id)
 {
     shmid_ds status;
@@ -1011,8 +1012,8 @@ void make_ring()
     emit_stream();
 }
 
-// Makes the list begin at its start time. After this, only the record of the first file has that
-// time.
+// Makes the first file of the list begin at the time of --start. If that is after its end, the list
+// begins with the next file.
 void begin_list()
 {
     const exact_time time = std::exchange(start_time, {});
@@ -1092,8 +1093,8 @@ struct end_basis {
 };
 constexpr end_basis at_the_opening = {sound_phase::opening, 0, false};
 
-// The latest end of the current stream in microseconds of the monotonic clock, and the values that
-// it was computed from.
+// The deadline for the end of the current stream in microseconds of the monotonic clock, and the
+// values that it was computed from.
 int64_t latest_end;
 end_basis latest_end_basis;
 
@@ -1102,10 +1103,10 @@ end_basis basis_now()
     return {phase_of_sound(), load_acquire(sound_breaks), load_acquire(interrupted) != 0};
 }
 
-// Microseconds that the sound may still last when nothing more is read: the time that ring and
-// device hold, plus a tenth and a fixed time. What the device reports is not used. While the device
-// is being opened, and while the sound waits after an underrun or a suspend, the time is unknown:
-// then the result is longest_wait, unless a SIGINT came.
+// Microseconds that the sound may still last when nothing more is read: 1.1 times the time that
+// ring and device hold, plus a fixed time. What the device reports is not used. While the device is
+// being opened, and while the sound waits after an underrun or a suspend, the time is unknown: then
+// the result is longest_wait, unless a SIGINT came.
 int64_t time_left(const end_basis &basis)
 {
     constexpr int64_t for_the_end = 400000;    // for closing the device after the last frame
@@ -1239,8 +1240,8 @@ int main(int argc, char **argv)
     read_command_line(argc, argv);
     make_file_list(argc, argv);
 
-    // From here on a key stops the run, between two stages or inside a stage, and main still goes
-    // on to its end.
+    // From here on a key stops the run, between two stages or inside a stage. Main still goes on to
+    // the end of this function.
     if (!is_stopped()) probe_files();
     for (soundfile *file = file_list; !is_stopped() && file->index >= 0; file = stream_end)
         if (begin_stream(file)) play_stream();

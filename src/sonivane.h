@@ -74,8 +74,8 @@ struct soundfile {
     std::FILE *fp;                      // the open stream; null while there is none
     int32_t sample_format;              // SND_PCM_FORMAT_* of the stored samples; 0 for DSD
     int32_t sample_bytes;               // bytes of one stored sample; 1 for DSD
-    int32_t out_sample_bytes;           // bytes of a sample on the device; in stream_file only
-    int32_t out_frame_bytes;            // bytes of a frame on the device; in stream_file only
+    int32_t out_sample_bytes;           // bytes of a sample on the device; set in stream_file only
+    int32_t out_frame_bytes;            // bytes of a frame on the device; set in stream_file only
     int32_t channels;                   // channels stored in the file
     int32_t block_bytes;                // DSF: bytes of one per-channel block
     std::array<uint8_t, 8> channel_map; // DSDIFF, WSD: places of left [0] and right [1] in a frame
@@ -198,7 +198,7 @@ enum class form_offer {
     always,
     with_i2s,
     without_i2s,
-    never, // the form has its packing, but no device is asked for it
+    never, // there is a packing for the form, but no device is asked for the form
 };
 
 // One form of DSD on the device: how the bits of both channels are arranged in a frame.
@@ -207,12 +207,12 @@ struct dsd_form {
     form_offer offered;
     const char *label;      // in the stream's banner
     int32_t bits_per_frame; // of a channel
-    int32_t rate_step;      // the frame rate is a multiple of this number: 2 in PCM words
+    int32_t rate_step;      // the frame rate is a multiple of this number; 2: it is even
     uint32_t frame_bytes;
     // Frames that a group of 8 bytes counts for in the budget of a feeder call. I2S makes one frame
     // of a group and DoP makes two. Both count 2, so that a call reads the same number of bytes.
     uint32_t budget_frames;
-    uint8_t cut; // replaces the bytes of a cut channel
+    uint8_t cut; // replaces the bytes of a channel that is to be silent
     // Packs whole groups, as the readers deliver them, into frames at out. Result: bytes stored.
     size_t (*pack)(std::span<const uint8_t> groups, uint8_t *out);
 };
@@ -220,14 +220,14 @@ struct dsd_form {
 // All forms, in the order in which they are requested from the device.
 extern const std::span<const dsd_form> dsd_forms;
 
-// The form for a format of the device. i2s: the value of i2s_mode. A PCM word without a form of its
-// own gets DoP in 4 bytes. Any thread.
+// The form for a format of the device. i2s: the value of i2s_mode. A PCM format without a row of
+// its own gets DoP in 4 bytes. Any thread.
 const dsd_form &find_dsd_form(int32_t format, int32_t i2s);
 
 // Opens path and offers the stream to each parser. Result: 0 if a parser accepted it. Then the
-// record describes the file, the slots are set, and the stream is at the first sound byte. Result:
-// -1 if no parser accepted it. Then fp is open and the caller closes it. A path that cannot be
-// opened ends the process with report 725. Main thread.
+// record describes the file, fill_buffer and read_samples are set, and the stream is at the first
+// sound byte. Result: -1 if no parser accepted it. Then fp is open and the caller closes it. A path
+// that cannot be opened ends the process with report 725. Main thread.
 int32_t open_soundfile(soundfile *file);
 
 // Makes a file that was just opened begin at that time, by seeking to the frame (PCM) or the group

@@ -9,8 +9,8 @@
 [[gnu::format(printf, 3, 4)]] void report(const char *unit, int32_t number, const char *format,
                                           ...);
 
-// Like report, but first stops the sound, with the report as the cause if it is the first one.
-// Output thread, once.
+// Like report, but first stops the sound. The report becomes the cause of the end, unless there is
+// one already. Output thread, at most once.
 [[gnu::format(printf, 3, 4)]] void stopping_report(const char *unit, int32_t number,
                                                    const char *format, ...);
 

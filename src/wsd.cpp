@@ -63,8 +63,8 @@ std::optional<places> places_of(const std::array<uint8_t, 4> &assignment)
 }
 
 // Sets the record's channel map. A mono file plays on both sides. False if the assignment is not
-// supported, or if it names a channel that the file does not have. That is not checked for a mono
-// file.
+// supported, or if it names a channel that the file does not have. The second condition is not
+// checked for a mono file.
 bool set_channel_map(soundfile *file, const std::array<uint8_t, 4> &assignment)
 {
     const auto found = places_of(assignment);

@@ -225,7 +225,8 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
     return 0;
 }
 
-// "KIND N": the fault KIND occurs after N frames. The next such pair counts when the fault is over.
+// "KIND N": the fault KIND occurs after N frames. The next such pair takes effect when this fault
+// is over.
 void next_fault()
 {
     std::string name;
@@ -261,14 +262,9 @@ int on_hw_params(snd_pcm_ioplug_t *io, snd_pcm_hw_params_t *)
 
 int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
 {
-    snd_pcm_uframes_t start = 0;
-    snd_pcm_uframes_t least = 0;
+    snd_pcm_uframes_t start = 0, least = 0, boundary = 0, stop = 0, silence = 0, below = 0;
     snd_pcm_sw_params_get_start_threshold(params, &start);
     snd_pcm_sw_params_get_avail_min(params, &least);
-    snd_pcm_uframes_t boundary = 0;
-    snd_pcm_uframes_t stop = 0;
-    snd_pcm_uframes_t silence = 0;
-    snd_pcm_uframes_t below = 0;
     snd_pcm_sw_params_get_boundary(params, &boundary);
     snd_pcm_sw_params_get_stop_threshold(params, &stop);
     snd_pcm_sw_params_get_silence_size(params, &silence);
@@ -282,16 +278,29 @@ int on_sw_params(snd_pcm_ioplug_t *, snd_pcm_sw_params_t *params)
 
 int on_stop(snd_pcm_ioplug_t *io)
 {
-    if (io->state == SND_PCM_STATE_RUNNING) play_on(); // brings played up to date
+    if (io->state == SND_PCM_STATE_RUNNING) play_on(); // updates device.played
     return log_line("stop\n");
+}
+
+// Never returns, like a call on a lost network mount. The parent of a clone with CLONE_VFORK sleeps
+// where no signal handler can run. vfork() is not used, because the thread sanitizer turns it into
+// a fork.
+void stall()
+{
+    if (syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // set before the log line, for which the test waits
+    log_line("stall\n");
+    while (true) pause();
 }
 
 int on_close(snd_pcm_ioplug_t *)
 {
     close(device.capture_fd);
     close(device.io.poll_fd);
-    return log_line("close %d took %lu sounded %.0f\n", device.ordinal, device.written,
-                    std::floor(device.played));
+    log_line("close %d took %lu sounded %.0f\n", device.ordinal, device.written,
+             std::floor(device.played));
+    if (setting_has("FAIL", "close") && device.ordinal > 1) stall();
+    return 0;
 }
 
 constexpr snd_pcm_ioplug_callback_t callbacks = {
@@ -320,8 +329,7 @@ int opens_in_log()
 // "A B C" lists the values that the device takes, "A-B" gives limits. Formats are given by name.
 void take_values(int parameter, const char *text)
 {
-    unsigned least = 0;
-    unsigned most = 0;
+    unsigned least = 0, most = 0;
     if (std::sscanf(text, "%u-%u", &least, &most) == 2) {
         snd_pcm_ioplug_set_param_minmax(&device.io, parameter, least, most);
         return;
@@ -350,8 +358,7 @@ void constrain_device()
 // The frames that successive transfers take, or "random MOST SEED".
 void read_caps(const char *text)
 {
-    unsigned most = 0;
-    unsigned seed = 0;
+    unsigned most = 0, seed = 0;
     device.caps = list_of<unsigned>(text);
     if (std::sscanf(text, "random %u %u", &most, &seed) != 2) return;
     std::minstd_rand random(seed);
@@ -402,7 +409,7 @@ SND_PCM_PLUGIN_SYMBOL(capture);
 #define REAL(name) reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
 
 // Replaces a function: it fails if CAPTURE_FAIL names it, otherwise the call is passed on. The
-// first calls, as many as passed says, are always passed on, because libasound makes them itself.
+// first `passed` calls are always passed on, because libasound makes them itself.
 #define FAILING(passed, name, parameters, ...)                                                     \
     int name parameters                                                                            \
     {                                                                                              \
@@ -451,26 +458,15 @@ static void interrupt_player()
     poll(nullptr, 0, 50);
 }
 
-// Never returns, like a call on a lost network mount. The parent of a clone with CLONE_VFORK sleeps
-// where no signal handler can run. vfork() is not used, because the thread sanitizer turns it into
-// a fork.
-static void stall()
-{
-    if (syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL); // set before the log makes the test go on
-    log_line("stall\n");
-    while (true) pause();
-}
-
 // Returns when the device has run dry that many times.
 static void wait_until_dry(int times)
 {
     while (dry_times < times) poll(nullptr, 0, 1);
 }
 
-// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B is "interrupt" or "interrupt.", a
-// SIGINT comes during that open; if B is "stall", the open never returns; if B is "dry", it returns
-// when the device has run dry.
+// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B begins with "interrupt", a SIGINT
+// comes during that open; if B is "stall", the open never returns; if B is "dry", it returns when
+// the device has run dry.
 FILE *fopen(const char *path, const char *mode)
 {
     // With 64-bit file sizes the GNU C library gives fopen this name, also where it is defined
@@ -486,8 +482,8 @@ FILE *fopen(const char *path, const char *mode)
 }
 
 // CAPTURE_STALL: the numbers of bytes, read from all files together, before a read blocks. At the
-// last number it blocks for ever. At the nth one of the others it blocks until the device has run
-// dry n times.
+// nth number the read blocks until the device has run dry n times. At the last number it blocks for
+// ever.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
@@ -499,11 +495,12 @@ size_t fread(void *to, size_t size, size_t count, FILE *stream)
     return real(to, size, count, stream);
 }
 
-// Can make a directory fail with an error at its end.
+// Can make a directory fail with an error at its end, or cause a SIGINT at each entry.
 dirent *readdir(DIR *directory)
 {
     static auto *real = reinterpret_cast<decltype(&readdir)>(dlsym(RTLD_NEXT, "readdir64"));
     dirent *entry = real(directory);
+    if (setting_has("FAIL", "interrupt")) interrupt_player();
     if (entry == nullptr && setting_has("FAIL", "readdir")) errno = EIO;
     return entry;
 }
@@ -531,8 +528,8 @@ key_t ftok(const char *path, int project) noexcept
     return std::stoi(setting("KEY", "-1"));
 }
 
-// Waits are shorter by the factors by which the clock is faster and the device plays faster than
-// real time. The wait for a busy device is 100 times shorter.
+// Divides each wait by the speed of the device and by the factor of the clock, if they are above 1.
+// The wait for a busy device is 100 times shorter.
 int ppoll(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask)
 {
     static auto *real = REAL(ppoll);

@@ -64,7 +64,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
         const char *option;
         const char *shape;
         const char *text; // one of the lines has it
-        char kind;        // of the lines with the seconds, in shape
+        char kind;        // in shape, the letter of the lines with the seconds
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
                 {"--mode=2", "F+BS[SwW]*WN", "%]   Bi-Naural   \r", 'S'},
@@ -112,9 +112,9 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 
 // --- Ways to end --------------------------------------------------------------------------------
 
-// The keys come when the device has taken a second of the file and a status line was printed,
-// perhaps that of an earlier second. More than the ring can hold is then still to be read from the
-// file.
+// Types the keys when the device has taken a second of the file and a status line was printed,
+// perhaps the line of an earlier second. At that time the part of the file that is not read yet is
+// larger than the ring.
 play_event then_type(const std::string &keys)
 {
     return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};
@@ -174,7 +174,7 @@ TEST(play_console, every_end_leaves_the_terminal_as_it_was)
         shown all = read_shown(result.out);
         // The thread sanitizer can delay a signal.
         expect_shape(all, killed ? "F+BS+" : hard ? "F+BS+WW?" : "F+BS+[SK]*WWN");
-        EXPECT_EQ(all.numbers['F'].back(), 80); // per cent, at which the device starts
+        EXPECT_EQ(all.numbers['F'].back(), 80); // per cent of the ring; then the sound starts
         EXPECT_TRUE(result.err.starts_with(stream_line)) << result.err;
         EXPECT_TRUE(result.err.ends_with(
             hard ? report_text("sonivane", 799, "Interrupt stack. Abort\n") : stream_line));

@@ -132,11 +132,11 @@ TEST(play_events, do_not_wait_for_their_reader)
                                                {.log_has = "start", .allow = 16000, .clogs = 3},
                                                {.after_ms = 1500, .allow = 100000}}});
     expect_stream(result, s32_le, 8000, device_bytes(random_pcm(8000, 16000), s32_le));
-    // The pipe has only whole lines, and the line ends with which the test filled it.
+    // The pipe has only whole lines and the empty lines with which the test filled it.
     const std::regex line(R"re(\{"event":"[^\n]*?(?:"dropped":(\d+))?\}\n)re");
     const std::string rest = std::regex_replace(result.event_lines, line, "");
     EXPECT_EQ(rest.find_first_not_of('\n'), std::string::npos) << rest;
-    int most_dropped = 0; // at least two events were dropped together: playing and position
+    int most_dropped = 0; // in a row; becomes at least 2, for the events playing and position
     for (std::sregex_iterator at(result.event_lines.begin(), result.event_lines.end(), line), end;
          at != end; ++at)
         if ((*at)[1].matched) most_dropped = std::max(most_dropped, std::stoi((*at)[1]));
@@ -147,7 +147,7 @@ TEST(play_events, do_not_wait_for_their_reader)
 TEST(play_events, all_reach_the_reader_before_the_sound)
 {
     constexpr int files = 200;
-    std::string directory = "many"; // so long that a pipe takes its events in parts
+    std::string directory = "many"; // its path becomes so long that an event exceeds PIPE_BUF
     for (int i = 0; i < 3; ++i) directory += "/" + std::string(250, '\1');
     for (int i = 0; i < files; ++i)
         scratch_wave(directory + "/" + std::to_string(i), 8000, 10, static_cast<uint32_t>(i));
@@ -187,8 +187,8 @@ TEST(play_events, are_what_the_documented_front_end_reads)
           "\r0:01 of 0:03 ", "\n2/2 b.wav at the wrong speed\n", "\nended: played, status 0\n"})
         EXPECT_NE(result.out.find(shown), std::string::npos) << result.out;
 
-    // The program stops the player as soon as Return is typed. It must not wait for the next event:
-    // while the device does not play, none comes.
+    // The program of the page stops the player as soon as Return is typed. The program must not
+    // wait for the next event: while the device does not play, none comes.
     const auto stopped =
         run_player({.arguments = {"a.wav"},
                     .capture = {{"SPEED", "1"}},

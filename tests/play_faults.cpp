@@ -110,7 +110,7 @@ TEST(play_faults, a_call_that_blocks_does_not_block_the_end)
         const struct {
             std::vector<play_event> events;
             const char *end;
-            const char *other_end = ""; // when the test is too slow to send the second SIGINT
+            const char *other_end = ""; // also accepted: the second SIGINT can come too late
         } stops[] = {
             {{{.after_ms = 300, .type = key_3, .clogs = call.begin.clogs}}, "key,0"},
             {{sends}, call.plays ? "interrupt,0" : first_ends},

@@ -205,20 +205,17 @@ constexpr uint64_t nearly_full = 1025;    // frames of room at which the player 
 
 // Frames that the device got from one start of the sound to the next.
 struct stretch {
-    uint64_t silence;
-    uint64_t sound;
+    uint64_t silence, sound;
 };
 
-// Computed from the writes that the device took. The silence of a stretch comes first. Unless the
-// device stops before its end, it has an even number of frames, at least rate, in no more writes
-// than needed.
+// Computed from the writes that the device took. A stretch begins with silence. Unless the device
+// stops during the silence, the silence has an even number of frames, at least rate, in no more
+// writes than needed.
 std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
 {
     std::vector<stretch> stretches = {{}};
     for (const std::string &line : result.log) {
-        uint64_t asked = 0;
-        uint64_t taken = 0;
-        uint64_t room = 0;
+        uint64_t asked = 0, taken = 0, room = 0;
         if (line.starts_with("prepare after ") && !line.starts_with("prepare after 0 "))
             stretches.push_back({});
         auto &[sent, sound] = stretches.back();

@@ -13,8 +13,8 @@
 
 enum class packing { pcm, native, dop, i2s };
 
-// The form of the stream, as the first file and the device decide it: the sample of the device, and
-// what is packed into it.
+// The form of the stream, which the first file and the device settle: the device's format, and
+// whether its samples hold PCM or DSD.
 struct stream_form {
     const char *name; // of the ALSA format
     size_t bytes;     // of a sample
@@ -37,8 +37,7 @@ inline constexpr std::array stream_forms = {s8,  s16_le, s24_3le, s24_le,  s32_l
                                             i2s, native, dop_s32, dop_s24, dop_s24_3};
 
 struct cuts {
-    bool left;
-    bool right;
+    bool left, right;
 };
 
 // --- Sound --------------------------------------------------------------------------------------
@@ -70,8 +69,7 @@ std::string scratch_wave(const std::string &name, int rate, size_t frames, uint3
 
 // Two channels. The oldest bit of a byte is its highest.
 struct dsd_sound {
-    bytes left;
-    bytes right;
+    bytes left, right;
     uint32_t rate; // Hz
 };
 dsd_sound random_dsd(size_t bytes_per_channel, uint32_t seed, uint32_t rate);
@@ -110,6 +108,6 @@ struct mixed_list {
     bytes sound;  // what the device gets after the silence
     named_parts parts;
 };
-// The first file gives the stream that form. The others are of every kind. Each has up to
-// most_frames frames of the device. cut: the channels that the player cuts.
+// The first file and the device settle the form. The other files are of every kind. Each file gives
+// up to most_frames frames of the device. cut: the channels that the player silences.
 mixed_list make_mixed_list(const stream_form &form, size_t files, size_t most_frames, cuts cut);

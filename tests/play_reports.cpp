@@ -1,5 +1,6 @@
 // Every report, every fault of the device and every form of the stream that can be caused from
-// outside: the texts, the end, and whether the player goes on. The rows are in reports.txt.
+// outside: the texts, the reason and the status at the end, and what the device got. The rows are
+// in reports.txt.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>

@@ -56,8 +56,8 @@ TEST_P(play_list, is_complete_in_every_form)
         if (cut.right) settings.arguments.insert(settings.arguments.begin(), "--right-cut");
         settings.capture.insert(
             {{"CAPS", row.caps}, {"SPEED", row.speed}, {"BUFFER_BYTES", row.buffer}});
-        // A device that takes one frame in each write must not seem slower than the sound, even on
-        // a busy machine.
+        // On a busy machine, a device that takes one frame in each write is slower than the sound.
+        // The player's clock is slower, too, so that its time limits do not end the run.
         if (row.speed == std::string("once")) settings.capture["CLOCK"] = "0.1";
         SCOPED_TRACE(testing::PrintToString(settings.arguments));
         expect_stream(run_player(settings), form, list.rate, list.sound, true, list.parts);
@@ -150,9 +150,9 @@ TEST(play_streams, end_together_if_stopped_between_two)
         play_event event;
         const char *end;
     } rows[] = {
-        {{"BUSY", "3 4 5 6 7"}, by_key, "key,0"}, // fails in the probe
+        {{"BUSY", "3 4 5 6 7"}, by_key, "key,0"}, // the probe fails
         {{"BUSY", "3 4 5 6 7"}, by_signal, "interrupt,0"},
-        {{"BUSY", "4 5 6 7 8"}, by_key, "key,0"}, // fails when it is to play
+        {{"BUSY", "4 5 6 7 8"}, by_key, "key,0"}, // the probe succeeds, the second opening fails
         {{"BUSY", "4 5 6 7 8"}, by_signal, "interrupt,0"},
         {{"SWAP", second + " 2 interrupt."}, opened, "interrupt,213"}, // the file is gone
     };
@@ -164,7 +164,7 @@ TEST(play_streams, end_together_if_stopped_between_two)
         EXPECT_EQ(log_has(result, "open 3"), row.setting.first == "BUSY");
         size_t captured = 0;
         auto part = opening(result, 2, 8, &captured);
-        part.status = 0; // the end was compared above
+        part.status = 0; // result.end was compared above
         expect_stream(part, s32_le, 8000, device_bytes(random_pcm(8000, 100), s32_le));
         EXPECT_EQ(captured, result.capture.size());
     }

@@ -121,7 +121,8 @@ void set_environment(const run_state &state, const play_settings &settings)
     add("TSAN_OPTIONS", "report_thread_leaks=0:atexit_sleep_ms=0");
 }
 
-// Makes a session that the terminal controls, so that keys cause signals.
+// Starts a new session with the terminal as its controlling terminal, so that Ctrl-C and Ctrl-Z
+// send signals.
 void take_streams(const run_state &state)
 {
     setsid();
@@ -157,7 +158,8 @@ void take_streams(const run_state &state)
 
 // --- While it runs ------------------------------------------------------------------------------
 
-// Reads what is there from all streams but the clogged one. Closes streams that have ended.
+// Reads the available bytes of all streams except the one that the test leaves unread. Closes
+// streams that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
     const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err,
@@ -216,8 +218,8 @@ bool is_due(const play_event &event, const run_state &state, const play_result &
            captured_bytes(state) >= event.captured;
 }
 
-// Fills a pipe with line ends, which are written through a descriptor of its reading end. The
-// player prints no empty lines, so that the two can be told apart.
+// Fills a pipe with line ends. They are written through its reading end, which is opened again for
+// writing. The player prints no empty lines, so that its lines can be told from these.
 void clog(int reading_end)
 {
     const int fd = open(("/proc/self/fd/" + std::to_string(reading_end)).c_str(),
@@ -380,8 +382,7 @@ bool log_has(const play_result &result, const std::string &text)
 
 bool all_sounded(const play_result &result)
 {
-    unsigned long taken = 0;
-    unsigned long sounded = 0;
+    unsigned long taken = 0, sounded = 0;
     bool all = false;
     for (const std::string &line : result.log) {
         if (line.starts_with("open ")) all = false; // the probe's close does not count

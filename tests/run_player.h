@@ -32,7 +32,7 @@ struct play_event {
     line_mode mode_is = line_mode::any; // condition: mode of the terminal
     int after_ms = 0;                   // condition: milliseconds since the event before
     std::string type = {};              // bytes to write to standard input
-    int signal = 0; // sent to the foreground of the terminal if there is one, else to the player
+    int signal = 0; // sent to the foreground jobs of the terminal, or to the player without one
     int64_t allow = -1;              // frames that the device may play in all
     std::function<void()> call = {}; // any other action
     size_t clogs = 0;      // descriptor of a pipe that is full and not read until the next event
@@ -43,7 +43,7 @@ struct play_settings {
     std::vector<std::string> arguments = {};         // after -D and the device
     std::string device_name = "capture";             // empty: no -D
     std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
-    std::vector<play_event> events = {}; // with an allow among them, no frame is played before that
+    std::vector<play_event> events = {}; // before the first one with `allow` no frame is played
     wire input = wire::null;             // a pipe if an event types
     wire output = wire::pipe;
     wire error = wire::pipe;
@@ -83,10 +83,12 @@ struct controller_words {
     volatile int32_t state; // not 0: the last stream was announced as I2S
 };
 controller_words *shared_block();
-// Changes settings to a card that takes I2S, and to the memory block of a controller.
+// Result: the settings, changed so that there are a card that takes I2S and the memory block of a
+// controller.
 play_settings beside_controller(play_settings settings);
 
-// Writes a file into the directory of this process in which the players run. Result: its path.
+// Writes a file into the scratch directory of this test process, in which its players run. Result:
+// its path.
 std::string scratch_file(const std::string &name, const bytes &content);
 // The content of a file; empty if there is none.
 std::string file_text(const std::string &path);
@@ -101,5 +103,6 @@ bool all_sounded(const play_result &result);
 // The text of a report on standard error, whether fatal or not.
 std::string report_text(const char *unit, int number, const std::string &message);
 
-// The number of runs of a test that may take any time: SONIVANE_SOAK if it is set, else usual.
+// The number of repetitions in a test that can be made longer: SONIVANE_SOAK if it is set, else
+// usual.
 int soak_size(int usual);

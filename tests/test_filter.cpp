@@ -46,7 +46,8 @@ std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
     return kinds[at / 999 % std::ssize(kinds)];
 }
 
-// The sets of both families. The last pair is shorter than a tile.
+// Pairs of a set for 44100 Hz and a set for the other rates. The sets of the last pair have fewer
+// taps than a tile has entries.
 const std::array<coeff_set, 2> pairs[]{
     {set_44k_normal, set_48k_normal},
     {set_44k_short, set_48k_short},
@@ -56,7 +57,8 @@ const std::array<coeff_set, 2> pairs[]{
 // more room for the output than the rate before. Rates below 1 give no output.
 TEST(filter, equals_the_scalar_filter_bit_for_bit)
 {
-    constexpr int32_t cd = 44100; // four times in a row, for all combinations of silent channels
+    // It is four times in a row in rates, once for each combination of silent channels.
+    constexpr int32_t cd = 44100;
     const int32_t rates[]{352799,  352801,      352801,  352800, 384000, 192000, 96000,
                           88200,   48000,       44101,   cd,     cd,     cd,     cd,
                           44099,   22050,       10000,   8000,   1,      0,      -1,
@@ -103,7 +105,7 @@ TEST(filter, scalar_reference_gives_the_impulse_response_computed_by_hand)
     std::iota(taps.begin(), taps.end(), 1.0F);
     const struct {
         int32_t rate, at, first;      // at: input frame of the impulse; first: output frame
-        std::vector<double> response; // from frame first on, in units of the gain, 0.9
+        std::vector<double> response; // from output frame `first` on, divided by the gain, 0.9
     } cases[]{
         {44100, 71, 576, {147, 129, 110, 90,  69,  47, 24, 0,  108, 116, 124,
                           132, 140, 148, 156, 164, 44, 52, 60, 68,  76,  84,
@@ -168,8 +170,9 @@ TEST(coefficient_sets, equal_the_output_of_the_tool)
     EXPECT_EQ(pclose(tool), 0);
 }
 
-// Images are at n * images +- tone Hz for integer n. A plain Fourier transform over a whole number
-// of periods of each gives the expected levels. Levels below -140 dB are rounding errors.
+// The images of a tone are at n * images + tone and n * images - tone Hz for all integers n. A
+// plain Fourier transform over a whole number of periods of all of them gives the expected levels.
+// Levels below -140 dB are rounding errors.
 TEST(measure_response, prints_the_levels_of_a_plain_transform)
 {
     const char *const sets[]{"long ", "short ", "none "};

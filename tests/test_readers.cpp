@@ -63,8 +63,8 @@ void check_sound(const file_row &row, soundfile *file, int32_t count)
 constexpr int64_t huge = int64_t{1} << 32;
 
 // A file that is started at a frame (PCM) or a byte of a channel (DSD) must deliver the rest of its
-// sound. begin_at must fail at and after the end that the header gives. The rate of 8192 makes each
-// start a time with up to 13 decimals.
+// sound. begin_at must fail at and after the end that the header gives. At the rate of 8192, each
+// place is a time with at most 13 decimals.
 void check_starts(const file_row &row)
 {
     constexpr int64_t rate = 8192;
@@ -379,7 +379,8 @@ TEST(readers, wsd_headers_are_accepted_or_refused)
     });
 }
 
-// Bits 7, 1 and 0 are ignored. The other bytes are ignored unless the first one is 0.
+// Bits 7, 1 and 0 of the first byte of the assignment are ignored. The other bytes are ignored
+// unless the first one is 0.
 TEST(readers, wsd_channels_are_at_the_places_of_the_assignment)
 {
     const struct {
@@ -488,8 +489,9 @@ bytes fed(const bytes &content, snd_pcm_format_t device, uint32_t free, int32_t 
     return stored;
 }
 
-constexpr auto s24_3 = SND_PCM_FORMAT_S24_3LE, s32 = SND_PCM_FORMAT_S32_LE,
-               dsd_le = SND_PCM_FORMAT_DSD_U32_LE, dsd_be = SND_PCM_FORMAT_DSD_U32_BE;
+constexpr auto s32 = SND_PCM_FORMAT_S32_LE, f64 = SND_PCM_FORMAT_FLOAT64_LE,
+               f32_be = SND_PCM_FORMAT_FLOAT_BE, dsd_le = SND_PCM_FORMAT_DSD_U32_LE,
+               dsd_be = SND_PCM_FORMAT_DSD_U32_BE;
 
 TEST(feeders, dsd_feeder_limits_the_frames_of_a_call)
 {
@@ -507,24 +509,27 @@ TEST(feeders, dsd_feeder_limits_the_frames_of_a_call)
               be(0x7755331188664422, 8));
 }
 
-TEST(feeders, convert_formats_that_no_container_has)
+TEST(feeders, convert_every_format_of_their_table)
 {
-    const struct {
-        int format, bits;
-        bytes samples; // left, right
-        snd_pcm_format_t device;
+    const bytes samples = noise(1, 8);
+    for (auto f = SND_PCM_FORMAT_U8; f <= SND_PCM_FORMAT_U18_3BE; f = snd_pcm_format_t(f + 1)) {
+        const int width = snd_pcm_format_width(f), size = snd_pcm_format_physical_width(f) / 8;
+        if (snd_pcm_format_linear(f) != 1 || (width == 20 && size == 4)) continue;
+        const bool big = snd_pcm_format_big_endian(f) == 1;
         bytes expected;
-    } rows[] = {
-        {SND_PCM_FORMAT_S24_3BE, 24, be(0x123456F89ABC, 6), s24_3, be(0x563412BC9AF8, 6)},
-        {SND_PCM_FORMAT_U16_BE, 16, be(0x80010000, 4), s32, be(0x0000010000000080, 8)},
-        {SND_PCM_FORMAT_U32_LE, 32, be(0x0100008000000000, 8), s32, be(0x0100000000000080, 8)},
-        {SND_PCM_FORMAT_U24_3LE, 24, be(0x010080000000, 6), s24_3, be(0x010000000080, 6)},
-        {SND_PCM_FORMAT_FLOAT_BE, 32, be(0x3F000000BF000000, 8), s32, be(0x00000040000000C0, 8)},
-        {SND_PCM_FORMAT_S16_LE, 16, be(0x34127856, 4), SND_PCM_FORMAT_FLOAT64_LE, {}},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(fed(wav({.bits = row.bits}, row.samples), row.device, 1000, row.format),
-                  row.expected);
+        for (int side = 0; side < 2; ++side) {
+            uint32_t word = 0;
+            for (int i = 0; i < size; ++i)
+                word |= uint32_t{samples[size_t(side * size + i)]} << 8 * (big ? size - 1 - i : i);
+            if (snd_pcm_format_signed(f) == 0) word -= 1U << ((width + 7) / 8 * 8 - 1);
+            put_le(expected, word << 8 * (4 - size), 4);
+        }
+        const bytes frame = first_of(samples, size_t(2 * size));
+        EXPECT_EQ(fed(wav({.bits = 8 * size}, frame), s32, 1000, f), expected) << f;
+    }
+    const bytes halves = wav({.bits = 32}, be(0x3F000000BF000000, 8));
+    EXPECT_EQ(fed(halves, s32, 1000, f32_be), be(0x00000040000000C0, 8));
+    EXPECT_EQ(fed(wav({}, be(0x34127856, 4)), f64, 1000, SND_PCM_FORMAT_S16_LE), nothing);
     EXPECT_EXIT(fed(wav({.bits = 8}, {1, 2}), s32, 1000, SND_PCM_FORMAT_MU_LAW),
                 testing::ExitedWithCode(533 & 0xFF), "Unsupported input format 20.");
 }

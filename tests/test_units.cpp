@@ -1,6 +1,6 @@
 // Cases that tests with the whole player do not reach: limits of the ring's arithmetic and of
 // option values; truncation, order and storage of names; lines with long times; and the mode of the
-// terminal when keys, signals and a shell with jobs meet.
+// terminal with keys, signals and the job control of a shell.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -205,8 +205,8 @@ TEST(names, of_files_and_directories_are_expanded_truncated_and_sorted)
     fs::remove_all(folder);
 }
 
-// A name that does not exist is reported. Nothing in a list is taken as an option, a URL or a name
-// of another kind.
+// A name that does not exist is reported. No entry of a list is taken as an option, a URL or
+// another list.
 TEST(names, of_a_list_may_have_any_bytes)
 {
     std::string folder = testing::TempDir() + "sonivane-XXXXXX";

@@ -176,7 +176,8 @@ struct level_at {
     double level = silence_level;
 };
 
-// Prints the line of a tone, and raises highest[frequency / bin_step] to the levels of its images.
+// Prints the line of a tone. Raises the elements of highest, one for each bin, to the levels of the
+// images of the tone.
 void measure_tone(int32_t source_rate, filtered how, int32_t frequency,
                   std::vector<double> &highest)
 {
