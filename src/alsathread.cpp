@@ -896,13 +896,13 @@ void mend_break(uint32_t pause)
         wait_for(pause, is_stopped); // so that a device that fails at once does not flood the log
     wait_for_ring();
     // At the end of the list there is nothing left to play.
-    if (!is_stopped() && !all_is_sent() && prepare_again(pause)) {
-        silence_phase = phase_of_next_frame();
-        begin_silence();
-        count_break();
-        fill_device(pause);
-        if (snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED) start_device();
-    }
+    const bool goes_on = !is_stopped() && !all_is_sent() && prepare_again(pause);
+    silence_phase = phase_of_next_frame();
+    if (goes_on) begin_silence();
+    count_break();
+    if (!goes_on) return;
+    fill_device(pause);
+    if (snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED) start_device();
 }
 
 // --- From the first frame to the last -----------------------------------------------------------
@@ -996,7 +996,6 @@ void forget_stream()
     dsd_stream = 0;
     i2s_mode = flag_off;
     store_release(silence_left, -1);
-    store_release(sound_breaks, 0);
 }
 
 void sound_was_fed()

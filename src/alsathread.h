@@ -40,8 +40,8 @@ sound_phase phase_of_sound();
 // silence counts, and the buffer of the device is assumed to have the requested size. Main thread.
 int64_t sound_left();
 
-// Counts each break, in which the sound waits for the ring and the device, and each new start after
-// one. Written by the output thread, which then wakes main; read by main.
+// Counts the beginnings and the ends of all breaks, in which the sound waits for the ring and the
+// device. Written by the output thread, which then wakes main; read by main.
 extern std::atomic<int32_t> sound_breaks;
 inline bool sound_waits(int32_t breaks)
 {

@@ -1091,7 +1091,6 @@ struct end_basis {
     bool unwanted;  // a SIGINT came
     bool operator==(const end_basis &) const = default;
 };
-constexpr end_basis at_the_opening = {sound_phase::opening, 0, false};
 
 // The deadline for the end of the current stream in microseconds of the monotonic clock, and the
 // values that it was computed from.
@@ -1161,7 +1160,7 @@ void show_last_file()
 void play_list()
 {
     latest_end = longest_wait;
-    latest_end_basis = at_the_opening;
+    latest_end_basis = {sound_phase::opening, load_acquire(sound_breaks), false};
     sound_starts();
     const pthread_t output = start_output();
     announce_stream();

@@ -32,8 +32,8 @@ struct play_event {
     line_mode mode_is = line_mode::any; // condition: mode of the terminal
     int after_ms = 0;                   // condition: milliseconds since the event before
     std::string type = {};              // bytes to write to standard input
-    int signal = 0; // sent to the foreground jobs of the terminal, or to the player without one
-    int64_t allow = -1;              // frames that the device may play in all
+    int signal = 0;     // sent to the foreground jobs of the terminal, or to the player without one
+    int64_t allow = -1; // frames that the device may play in all
     std::function<void()> call = {}; // any other action
     size_t clogs = 0;      // descriptor of a pipe that is full and not read until the next event
     bool may_miss = false; // flag: the player may end before this event
