@@ -63,8 +63,8 @@ TEST(play_faults, a_device_that_stops_playing_does_not_block_the_end)
         {100, 1000, "interrupt,0", {.log_has = "policy ", .signal = SIGINT}},
         {9500, 8000, "refused,0", {}},
         {9500, 8000, "interrupt,0", {.captured = 9500 * 8, .signal = SIGINT}},
-        {9500, 1000, "played,0", {}},
-        {9500, 1000, "interrupt,0", {.log_has = "runs on ", .signal = SIGINT}},
+        {8500, 1000, "played,0", {}},
+        {8500, 1000, "interrupt,0", {.log_has = "runs on ", .signal = SIGINT}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(std::to_string(row.allowed) + row.end);
