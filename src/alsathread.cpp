@@ -745,7 +745,7 @@ void emit_position()
     event_position(file, std::max(frames - sound_among(queued_frames()), int64_t{0}));
 }
 
-// Sends the events that come while sound plays.
+// Sends the events "draining" and "position" when they are due.
 void emit_progress()
 {
     if (!events_wanted()) return;

@@ -54,7 +54,7 @@ int32_t reopen;
 exact_time start_time;
 int32_t args_used;
 uint64_t buffer_bytes;
-uint64_t prime_bytes = UINT64_MAX; // more than any ring holds
+uint64_t prime_bytes = UINT64_MAX; // not given: only the percentage of the ring counts
 int32_t keep_going;
 const char *mode_label;
 controller_block *controller;
@@ -821,8 +821,8 @@ void attach_controller()
     controller = static_cast<controller_block *>(block);
 }
 
-// Signals the controller when the stream changes between I2S and another form. The state is written
-// before the signal is sent.
+// Sends SIGINT to the controller process when the stream changes to or from the I2S form.
+// controller_state is written before the signal is sent.
 void announce_stream()
 {
     if (controller == nullptr) return;

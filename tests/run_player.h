@@ -43,7 +43,8 @@ struct play_settings {
     std::vector<std::string> arguments = {};         // after -D and the device
     std::string device_name = "capture";             // empty: no -D
     std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
-    std::vector<play_event> events = {}; // before the first one with `allow` no frame is played
+    // If one of them has `allow`, the device plays no frame before that event.
+    std::vector<play_event> events = {};
     wire input = wire::null;             // a pipe if an event types
     wire output = wire::pipe;
     wire error = wire::pipe;

@@ -90,7 +90,7 @@ TEST(ring, reports_free_room_and_stores_what_fits)
     EXPECT_EQ(ringbuffer_new(0x80000000U, 8, 1), nullptr);
 }
 
-// --- Options ------------------------------------------------------------------------------------
+// --- Options of the command line ----------------------------------------------------------------
 
 // Parses a line. Result: the number of entries taken, and the options whose values have changed.
 std::string parse(const std::string &line, int32_t with_frequency = 0)
@@ -141,7 +141,7 @@ TEST(options, are_counted_and_stored)
     EXPECT_EQ(strings_equal(longer.c_str(), longer.c_str()), 0);
 }
 
-// --- Names --------------------------------------------------------------------------------------
+// --- Names of files -----------------------------------------------------------------------------
 
 // Expands the arguments. Result: the names, each with a leading blank, then the text printed on
 // standard error.
