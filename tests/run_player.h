@@ -45,7 +45,7 @@ struct play_settings {
     std::map<std::string, std::string> capture = {}; // the device's CAPTURE_ variables
     // If one of them has `allow`, the device plays no frame before that event.
     std::vector<play_event> events = {};
-    wire input = wire::null;             // a pipe if an event types
+    wire input = wire::null; // becomes a pipe if an event has `type`
     wire output = wire::pipe;
     wire error = wire::pipe;
     wire event_wire = wire::pipe;           // descriptor 3, for events; closed: no --events
