@@ -517,14 +517,15 @@ TEST(feeders, convert_every_format_of_their_table)
         if (snd_pcm_format_linear(f) != 1 || (width == 20 && size == 4)) continue;
         const bool big = snd_pcm_format_big_endian(f) == 1;
         bytes expected;
-        for (int side = 0; side < 2; ++side) {
+        const uint8_t *sample = samples.data();
+        for (const uint8_t *end = sample + 2 * size; sample < end; sample += size) {
             uint32_t word = 0;
             for (int i = 0; i < size; ++i)
-                word |= uint32_t{samples[size_t(side * size + i)]} << 8 * (big ? size - 1 - i : i);
+                word |= uint32_t{sample[i]} << 8 * (big ? size - 1 - i : i);
             if (snd_pcm_format_signed(f) == 0) word -= 1U << ((width + 7) / 8 * 8 - 1);
             put_le(expected, word << 8 * (4 - size), 4);
         }
-        const bytes frame = first_of(samples, size_t(2 * size));
+        const bytes frame(samples.begin(), samples.begin() + 2 * size);
         EXPECT_EQ(fed(wav({.bits = 8 * size}, frame), s32, 1000, f), expected) << f;
     }
     const bytes halves = wav({.bits = 32}, be(0x3F000000BF000000, 8));
