@@ -40,9 +40,8 @@
 namespace
 {
 
-// A fault that occurs after the device has taken a number of frames: a state that the device
-// enters, or, if not 0, the code that a call returns from then on. It lasts until the device is
-// prepared.
+// A fault that occurs after the device has taken a number of frames, until it is prepared again: a
+// state that the device enters, or, if not 0, the code that a call returns.
 struct fault_row {
     const char *name;
     snd_pcm_state_t state;
@@ -91,8 +90,7 @@ struct capture_device {
 capture_device device;
 std::atomic<int> dry_times; // how often the queue has run dry since the player started
 
-// The variable CAPTURE_NAME of the environment. For every open after the first, CAPTURE_NAME_2
-// takes precedence.
+// The environment variable CAPTURE_NAME; for every open after the first, CAPTURE_NAME_2 if set.
 const char *setting(const std::string &name, const char *otherwise)
 {
     const std::string variable = "CAPTURE_" + name;
@@ -225,8 +223,7 @@ int on_poll(snd_pcm_ioplug_t *, pollfd *fds, unsigned, unsigned short *events)
     return 0;
 }
 
-// "KIND N": the fault KIND occurs after N frames. The next such pair takes effect when this fault
-// is over.
+// "KIND N": the fault KIND occurs after N frames. When it is over, the next pair takes effect.
 void next_fault()
 {
     std::string name;
@@ -283,8 +280,7 @@ int on_stop(snd_pcm_ioplug_t *io)
 }
 
 // Never returns, like a call on a lost network mount. The parent of a clone with CLONE_VFORK sleeps
-// where no signal handler can run. vfork() is not used, because the thread sanitizer turns it into
-// a fork.
+// where no signal handler can run. The thread sanitizer would turn vfork() into a fork.
 void stall()
 {
     if (syscall(SYS_clone, CLONE_VFORK | SIGCHLD, nullptr, nullptr, nullptr, nullptr) != 0) return;
@@ -465,12 +461,10 @@ static void wait_until_dry(int times)
 }
 
 // CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B begins with "interrupt", a SIGINT
-// comes during that open; if B is "stall", the open never returns; if B is "dry", it returns when
-// the device has run dry.
+// comes then; if B is "stall", the open never returns; if "dry", when the device has run dry.
 FILE *fopen(const char *path, const char *mode)
 {
-    // With 64-bit file sizes the GNU C library gives fopen this name, also where it is defined
-    // here.
+    // With 64-bit file sizes the GNU C library gives fopen this name, here too.
     static auto *real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     static int opened;
     const auto swap = list_of<std::string>(setting("SWAP", ""));
@@ -481,9 +475,8 @@ FILE *fopen(const char *path, const char *mode)
     return real(due && swap[2].find('.') != std::string::npos ? swap[2].c_str() : path, mode);
 }
 
-// CAPTURE_STALL: the numbers of bytes, read from all files together, before a read blocks. At the
-// nth number the read blocks until the device has run dry n times. At the last number it blocks for
-// ever.
+// CAPTURE_STALL: numbers of bytes, read from all files together. At the nth number the read blocks
+// until the device has run dry n times, at the last number for ever.
 size_t fread(void *to, size_t size, size_t count, FILE *stream)
 {
     static auto *real = REAL(fread);
@@ -521,8 +514,7 @@ int nice(int increment) noexcept
     return -1;
 }
 
-// Each test process has its own key for the controller, so that other players do not find its
-// block.
+// Each test process has a key of its own for the controller, so that players of others find none.
 key_t ftok(const char *path, int project) noexcept
 {
     log_line("ftok %s %d\n", path, project);

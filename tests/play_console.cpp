@@ -13,8 +13,7 @@ namespace
 
 // --- Parsing the output -------------------------------------------------------------------------
 
-// The kinds of output, each with a letter, tried in this order. The first group of a pattern is a
-// number.
+// The kinds of output, tried in this order. The first group of a pattern is a number.
 const std::vector<std::pair<char, std::regex>> kinds = {
     {'B',
      std::regex(
@@ -87,9 +86,8 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     }
 }
 
-// The last frame of the first file is the last one of a write, so no frame of the second file has
-// gone to the device at that moment. The position after the last frame of the list is 0:01, which
-// is not printed.
+// The first file ends with a write, so that no frame of the second file has gone to the device
+// then. The position after the last frame of the list is 0:01, which is not printed.
 TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 {
     // The device has a buffer of 4000 frames and plays at once: it takes 3 writes of silence.
@@ -112,9 +110,8 @@ TEST(play_console, a_banner_waits_for_the_first_frame_of_its_file)
 
 // --- Ways to end --------------------------------------------------------------------------------
 
-// Types the keys when the device has taken a second of the file and a status line was printed,
-// perhaps the line of an earlier second. At that time the part of the file that is not read yet is
-// larger than the ring.
+// Types the keys when the device has taken a second of the file and a status line was printed. Then
+// more of the file is unread than the ring can hold.
 play_event then_type(const std::string &keys)
 {
     return {.out_has = "%]   \r", .captured = 2 * device_second, .type = keys};

@@ -1,6 +1,5 @@
 // The events on a descriptor of their own: lists with every kind of file, the position, names with
-// any bytes, and readers that do not read. All other play tests also check the end and stream
-// events.
+// any bytes, and readers that do not read. All play tests check the end event.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -89,6 +88,7 @@ TEST(play_events, have_the_position_that_is_heard)
         int percent = 0; // of the ring; main fills it when a third, or a quarter, is free
         std::sscanf(event_values(result, "position").c_str(), "%*d,%lf,%d", &seconds, &percent);
         EXPECT_GT(percent, 60);
+        EXPECT_LT(result.busy_seconds, 1); // no thread spins while the device stands
         EXPECT_EQ(
             std::lround(seconds * 1000000),
             std::lround((row.starts_at + static_cast<double>(heard) / row.rate) * 1e6 - 0.499));
@@ -126,8 +126,7 @@ TEST(play_events, have_names_of_any_bytes)
 
 // --- Readers ------------------------------------------------------------------------------------
 
-// Nothing waits for a reader that does not read. The first line that it gets afterwards counts the
-// lines that it missed.
+// Nothing waits for a reader that does not read. Its next line has the number of missing lines.
 TEST(play_events, do_not_wait_for_their_reader)
 {
     const auto result = run_player({.arguments = {scratch_wave("a.wav", 8000, 16000)},

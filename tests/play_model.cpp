@@ -87,8 +87,7 @@ uint32_t stored_word(const pcm_sound &sound, const uint8_t *sample)
     return width == 1 ? word ^ 0x80000000 : word; // unsigned in the file
 }
 
-// The sample that the device gets for a word: its top bytes, or, on a device of floats, the word
-// times 2^-31.
+// The sample that the device gets for a word: its top bytes, or, as a float, the word times 2^-31.
 uint32_t device_word(uint32_t word, bool is_float, const stream_form &form)
 {
     if (form.floats && is_float) return word;
@@ -143,8 +142,7 @@ uint32_t i2s_word(uint8_t left, uint8_t right)
     return word;
 }
 
-// stream: left and right bytes in turn, in whole groups of 8. Each group starts with the first
-// marker.
+// stream: left and right bytes in turn, in groups of 8. Each group starts with the first marker.
 bytes packed(const bytes &stream, const stream_form &form)
 {
     // A device of 8 or 16 bits still gets 4-byte DoP samples, which take several of its frames.
@@ -209,8 +207,7 @@ struct stretch {
 };
 
 // Computed from the writes that the device took. A stretch begins with silence. Unless the device
-// stops during the silence, the silence has an even number of frames, at least rate, in no more
-// writes than needed.
+// stops during it, that is an even number of frames, at least rate, in no more writes than needed.
 std::vector<stretch> logged_stretches(const play_result &result, uint64_t rate)
 {
     std::vector<stretch> stretches = {{}};

@@ -93,8 +93,7 @@ using named_parts = std::map<size_t, std::string>;
 
 // Checks what the device got in a run whose first file has the rate file_rate: at least a second of
 // silence, in no more writes than needed, and then exactly the sound, all of it played. If whole is
-// false, the end of the sound may be missing. A failure names the part in which the first wrong
-// byte is.
+// false, its end may be missing. A failure names the part with the first wrong byte.
 void expect_stream(const play_result &result, const stream_form &form, int64_t file_rate,
                    const bytes &sound, bool whole = true,
                    const named_parts &parts = {{0, "sound"}});

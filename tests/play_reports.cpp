@@ -1,6 +1,5 @@
 // Every report, every fault of the device and every form of the stream that can be caused from
-// outside: the texts, the reason and the status at the end, and what the device got. The rows are
-// in reports.txt.
+// outside: texts, reasons and statuses, and what the device got. The rows are in reports.txt.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -157,8 +156,8 @@ TEST(play_reports, no_memory)
 }
 #endif
 
-// The player asks for another nice value only as root. With a small buffer it asks for a real-time
-// priority as any user.
+// Only root asks for another nice value. With a small buffer any user asks for a real-time
+// priority.
 TEST(play_reports, the_priority_is_what_the_system_grants)
 {
     const bool root = geteuid() == 0;

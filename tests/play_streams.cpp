@@ -259,9 +259,8 @@ TEST(play_streams, a_file_that_changed_is_passed_over)
     }
 }
 
-// With oversampling the device gets exactly what the plain loops of the filter compute. A list with
-// several rates uses the filter of the first rate. Floats are passed on unchanged, even beyond full
-// scale.
+// With oversampling the device gets exactly what the plain loops of the filter compute, for a list
+// of several rates with the first rate. Floats are passed on unchanged, even beyond full scale.
 TEST(play_streams, oversampled_are_what_the_plain_filter_gives)
 {
     const struct {

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -115,14 +116,13 @@ void set_environment(const run_state &state, const play_settings &settings)
         if (event.allow >= 0) set("CAPTURE_GATE", state.directory + "/gate");
     set("HISTFILE", ""); // no history file for a shell
     set("LD_PRELOAD", CAPTURE_PLUGIN_PATH);
-    // The preloaded module comes before the sanitizer's library. A fatal report leaves the other
-    // thread running.
+    // The preloaded module comes before the sanitizer's library. Fatal reports leave threads
+    // running.
     add("ASAN_OPTIONS", "verify_asan_link_order=0");
     add("TSAN_OPTIONS", "report_thread_leaks=0:atexit_sleep_ms=0");
 }
 
-// Starts a new session with the terminal as its controlling terminal, so that Ctrl-C and Ctrl-Z
-// send signals.
+// Starts a session that the terminal controls, so that Ctrl-C and Ctrl-Z send signals.
 void take_streams(const run_state &state)
 {
     setsid();
@@ -158,8 +158,7 @@ void take_streams(const run_state &state)
 
 // --- While it runs ------------------------------------------------------------------------------
 
-// Reads the available bytes of all streams except the one that the test leaves unread. Closes
-// streams that have ended.
+// Reads all streams except the one that the test leaves unread. Closes streams that have ended.
 void read_streams(run_state &state, play_result &result, int wait_ms)
 {
     const std::array<std::string *, 4> texts = {nullptr, &result.out, &result.err,
@@ -258,7 +257,8 @@ int watch_player(run_state &state, const std::vector<play_event> &events, play_r
     const auto latest = last_event + std::chrono::minutes(soak_size(1));
     auto event = events.begin();
     int exit = 0;
-    while (waitpid(state.process, &exit, WNOHANG) == 0) {
+    rusage usage{};
+    while (wait4(state.process, &exit, WNOHANG, &usage) == 0) {
         read_streams(state, result, 1);
         if (event != events.end() && is_due(*event, state, result, last_event)) {
             let_happen(*event++, state, result);
@@ -273,6 +273,9 @@ int watch_player(run_state &state, const std::vector<play_event> &events, play_r
     EXPECT_TRUE(event == events.end() || event->may_miss)
         << "event " << event - events.begin() << " did not happen: " << event->out_has
         << event->err_has << event->log_has << " " << event->captured << " bytes captured";
+    result.busy_seconds =
+        static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+        static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     return exit;
 }
 

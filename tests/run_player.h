@@ -69,6 +69,7 @@ struct play_result {
     bytes capture;
     std::vector<std::string> log;
     std::vector<play_moment> at_events;
+    double busy_seconds = 0; // processor time of the player
 };
 
 play_result run_player(const play_settings &settings);
@@ -77,25 +78,22 @@ play_result run_player(const play_settings &settings);
 const std::vector<std::string> interactive_shell = {"bash", "--norc", "--noediting", "-is"};
 const std::string key_3 = "\x03"; // stops the sound
 
-// The memory block that a controller shares with players, under a key of this process. It is
-// removed when the process ends.
+// The memory that a controller shares with players, under a key of this process. Removed at its
+// end.
 struct controller_words {
     volatile int32_t pid;   // of the controller; 0: no process to signal
     volatile int32_t state; // not 0: the last stream was announced as I2S
 };
 controller_words *shared_block();
-// Result: the settings, changed so that there are a card that takes I2S and the memory block of a
-// controller.
+// Result: the settings with a card that takes I2S and with the memory block of a controller.
 play_settings beside_controller(play_settings settings);
 
-// Writes a file into the scratch directory of this test process, in which its players run. Result:
-// its path.
+// Writes a file into the scratch directory, in which the players run. Result: its path.
 std::string scratch_file(const std::string &name, const bytes &content);
 // The content of a file; empty if there is none.
 std::string file_text(const std::string &path);
 
-// Values of the last event of that kind, separated by commas, such as "key,0". Empty if there is
-// none.
+// Values of the last event of that kind, such as "key,0". Empty if there is none.
 std::string event_values(const play_result &result, const std::string &kind);
 bool log_has(const play_result &result, const std::string &text);
 // Whether the device was closed after it had played every frame that it took.
@@ -104,6 +102,5 @@ bool all_sounded(const play_result &result);
 // The text of a report on standard error, whether fatal or not.
 std::string report_text(const char *unit, int number, const std::string &message);
 
-// The number of repetitions in a test that can be made longer: SONIVANE_SOAK if it is set, else
-// usual.
+// Repetitions in a test that can be made longer: SONIVANE_SOAK if it is set, else usual.
 int soak_size(int usual);

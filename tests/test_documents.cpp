@@ -1,6 +1,5 @@
-// Compares the documents with the sources: options, modes, report numbers, exit statuses, events
-// and the version, in the manual page, the completions, docs/front-end.md, the README and the
-// changelogs.
+// Compares the manual page, the completions, docs/front-end.md, the README and the changelogs with
+// the sources: options, modes, report numbers, exit statuses, events and the version.
 #include <gtest/gtest.h>
 
 #include <algorithm>

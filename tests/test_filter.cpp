@@ -34,8 +34,7 @@ void operator delete(void *memory, std::align_val_t) noexcept
 namespace
 {
 
-// Noise, impulses, and denormals beside samples of full scale: the kind changes every 999 frames.
-// Repeatable.
+// Noise, impulses, and denormals beside full scale: the kind changes every 999 frames. Repeatable.
 std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
 {
     const float left = static_cast<float>(noise()) * 0x1p-30F - 1;
@@ -46,8 +45,7 @@ std::array<float, 2> next_frame(std::minstd_rand &noise, int32_t at)
     return kinds[at / 999 % std::ssize(kinds)];
 }
 
-// Pairs of a set for 44100 Hz and a set for the other rates. The sets of the last pair have fewer
-// taps than a tile has entries.
+// Sets for 44100 Hz and for the other rates. The last ones have fewer taps than a tile has entries.
 const std::array<coeff_set, 2> pairs[]{
     {set_44k_normal, set_48k_normal},
     {set_44k_short, set_48k_short},

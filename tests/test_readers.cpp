@@ -239,8 +239,7 @@ TEST(readers, dsf_headers_are_accepted_or_refused)
     dsf_release();
 }
 
-// The block buffer keeps its largest size. The bytes of an earlier file in it must never be
-// delivered.
+// The block buffer keeps its size. It must never deliver the bytes of an earlier file.
 TEST(readers, dsf_sound_may_end_inside_a_byte_a_group_or_a_block)
 {
     const std::array<uint32_t, 3> cases[] = {{2, 64, 1},       {2, 64, 797}, {2, 64, 512},
@@ -282,8 +281,7 @@ TEST(readers, dsdiff_headers_are_accepted_or_refused)
     const bytes good = dff({});
     const bytes others = joined({chunk("ABSS", bytes(8)), chunk("LSCO", bytes(2)),
                                  chunk("ODD ", {1}), chunk("EVEN", {2, 2}), rate});
-    // A property with a size other than that of its fields. The size of "PROP" is consistent with
-    // it.
+    // A property with a size other than that of its fields, which the size of "PROP" includes.
     const auto sized = [](const char *name, uint64_t size, size_t fields) {
         const bytes file = dff(joined({head_of(name, size), bytes(fields)}));
         return patched(file, 43, {static_cast<uint8_t>(file[43] + size - fields)});
@@ -327,8 +325,8 @@ void check_places(const std::string &what, const bytes &header, size_t count, si
            left_at != right_at ? heard : refused});
 }
 
-// If a name is listed twice, the last place counts. A right channel at place 0 is kept when place 1
-// is neither left nor right.
+// Of a name that is listed twice the last place counts. A right channel at place 0 stays there if
+// place 1 is neither left nor right.
 TEST(readers, dsdiff_channels_are_at_the_places_that_the_list_names)
 {
     const struct {
@@ -379,8 +377,7 @@ TEST(readers, wsd_headers_are_accepted_or_refused)
     });
 }
 
-// Bits 7, 1 and 0 of the first byte of the assignment are ignored. The other bytes are ignored
-// unless the first one is 0.
+// Bits 7, 1 and 0 of the first byte are ignored, and so are all other bytes unless the first is 0.
 TEST(readers, wsd_channels_are_at_the_places_of_the_assignment)
 {
     const struct {
@@ -425,8 +422,8 @@ TEST(readers, read_of_a_file_that_is_not_open_fails)
 
 // --- Truncated files ----------------------------------------------------------------------------
 
-// A file that is truncated inside its header is refused. One that is truncated after it delivers
-// the sound that it has.
+// A file without its whole header is refused. Other truncated files deliver the sound that they
+// have.
 TEST(readers, file_truncated_at_any_byte_delivers_the_rest_of_its_sound)
 {
     const bytes odd = wav_chunk("LIST", noise(3, 5));

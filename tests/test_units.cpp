@@ -143,8 +143,7 @@ TEST(options, are_counted_and_stored)
 
 // --- Names of files -----------------------------------------------------------------------------
 
-// Expands the arguments. Result: the names, each with a leading blank, then the text printed on
-// standard error.
+// Expands the arguments. Result: the names, each after a blank, then the text on standard error.
 std::string expand(const std::string &line)
 {
     std::vector<char *> argv = argv_of(line);
@@ -180,9 +179,8 @@ TEST(names, of_files_and_directories_are_expanded_truncated_and_sorted)
     };
     for (const auto &[arguments, expected] : rows) EXPECT_EQ(expand(arguments), expected);
 
-    // Only 2048 bytes of a name are compared. Names that first differ at byte 2048 are sorted;
-    // names that first differ at byte 2049 keep their order. There are more names than the pool's
-    // first size.
+    // Only 2048 bytes of a name are compared: names that first differ at byte 2049 keep their
+    // order. There are more names than the pool's first size.
     for (const size_t same : {2047U, 2048U}) {
         std::string given, halves[2];
         for (int i = 0; i < 150; ++i) {
@@ -205,8 +203,7 @@ TEST(names, of_files_and_directories_are_expanded_truncated_and_sorted)
     fs::remove_all(folder);
 }
 
-// A name that does not exist is reported. No entry of a list is taken as an option, a URL or
-// another list.
+// No entry of a list is taken as an option, a URL or another list. Missing names are reported.
 TEST(names, of_a_list_may_have_any_bytes)
 {
     std::string folder = testing::TempDir() + "sonivane-XXXXXX";
@@ -341,8 +338,7 @@ bool comes_true(bool (*condition)())
     std::signal(SIGHUP, SIG_IGN); // as nohup does
     start_lookout();
     read_keys();
-    // The input is not a complete line, so it cannot be read in canonical mode. It is read when
-    // terminal_raw leaves that mode.
+    // Not a complete line: it can be read only when terminal_raw has left canonical mode.
     if (write(keyboard, "typed ahead\x03", 12) != 12 || is_stopped()) _exit(1);
     terminal_raw();
     if (!comes_true(is_stopped)) _exit(2);

@@ -33,8 +33,7 @@ void read_to_the_end(soundfile &record, size_t size)
 }
 
 // Opens the file and reads it, beginning at the frame (PCM) or byte of a channel (DSD) `from`.
-// Result: fields of the record. The first one is -2 if the opener refused the file or a fatal
-// report ended it.
+// Result: fields of the record; the first one is -2 if the file was refused or a fatal report came.
 std::array<int64_t, 6> open_once(const char *path, size_t size, int64_t from = 0)
 {
     static std::optional<soundfile> fresh; // static: it keeps its value after longjmp
