@@ -30,7 +30,7 @@ _sonivane()
     case $prev in
     -D)
         mapfile -t COMPREPLY < <(compgen -W "$(_sonivane_devices)" -- "$cur")
-        # Readline puts the answer behind the last ":" or "=" of the word.
+        # Readline puts the answer after the last ":" or "=" of the word.
         local before=${cur%"${cur##*[:=]}"}
         COMPREPLY=("${COMPREPLY[@]#"$before"}")
         return

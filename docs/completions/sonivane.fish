@@ -27,8 +27,8 @@ function __sonivane_no_name
     end
 end
 
-# True where an option has been begun. Those that take their value behind a "=" alone are words to
-# fish: it would offer its own long options with a blank, too.
+# True if the current word begins an option. An option whose value can only follow a "=" is offered
+# as a plain word: fish would offer a long option with a blank, too.
 function __sonivane_option
     string match -q -- '-*' (commandline -ct); and __sonivane_no_name
 end
