@@ -153,11 +153,19 @@ TEST(play_events, all_reach_the_reader_before_the_sound)
     for (int i = 0; i < 3; ++i) directory += "/" + std::string(250, '\1');
     for (int i = 0; i < files; ++i)
         scratch_wave(directory + "/" + std::to_string(i), 8000, 10, static_cast<uint32_t>(i));
-    const auto result = run_player({.arguments = {directory},
-                                    .events = {{.clogs = 3}, {.after_ms = 1000}, {.allow = 100000}},
-                                    .launcher = {"sh", "-c", "sleep 0.5; exec \"$@\"", "sh"}});
-    EXPECT_EQ(std::ranges::count(pick(result, "file"), '\n'), files);
-    EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
+    for (const wire kind : {wire::pipe, wire::socket}) {
+        const auto result =
+            run_player({.arguments = {directory},
+                        .events = {{.clogs = 3}, {.after_ms = 1000}, {.allow = 100000}},
+                        .event_wire = kind,
+                        .launcher = {"sh", "-c", "sleep 0.5; exec \"$@\"", "sh"}});
+        std::istringstream lines(pick(result, "file"));
+        int whole = 0; // the socket takes a part of some lines, which are then repeated
+        for (std::string line; std::getline(lines, line);)
+            whole += line.back() == '}' && line.find('{', 1) == std::string::npos;
+        EXPECT_EQ(whole, files);
+        EXPECT_EQ(std::ranges::count(pick(result, "opening stream"), '\n'), 3);
+    }
 }
 
 // If the reader closes its end of the pipe, the player stops, because the front-end is gone.

@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,10 @@ void open_wire(run_state &state, size_t stream, wire kind)
         if (stream == 0) std::swap(ends[0], ends[1]);
     }
     if (kind == wire::gone) close(std::exchange(ends[0], -1));
+    const int small = 4000; // less than an event can have
+    if (kind == wire::socket &&
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0)
+        setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     if (ends[0] >= 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
     state.near[stream] = ends[0];
     state.far[stream] = ends[1];

@@ -17,8 +17,9 @@
 
 #include "make_files.h"
 
-// Where a stream of the player leads. gone: a pipe whose other end is closed.
-enum class wire { pipe, null, terminal, closed, gone };
+// Where a stream of the player leads. gone: a pipe whose other end is closed. socket: one with a
+// small buffer.
+enum class wire { pipe, null, terminal, closed, gone, socket };
 
 enum class line_mode { any, raw, canonical };
 
