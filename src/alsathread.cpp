@@ -521,7 +521,7 @@ void look_for_standstill(int32_t avail)
 // --- Writing ------------------------------------------------------------------------------------
 
 // Sends silence in pairs of an even and an odd frame, even if the device takes an odd number of
-// frames. avail is the room in the device in frames, above nearly_full_frames.
+// frames. avail is the room in the device in frames; it is more than nearly_full_frames.
 pump_step write_silence(snd_pcm_sframes_t avail)
 {
     const bool odd = silence_written % 2 != 0;
@@ -602,7 +602,7 @@ const uint8_t *next_frames()
 }
 
 // Writes frames from the ring's own memory to the device. avail is the room in the device in
-// frames, above nearly_full_frames.
+// frames; it is more than nearly_full_frames.
 pump_step write_ring(snd_pcm_sframes_t avail)
 {
     const uint32_t wanted =

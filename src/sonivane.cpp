@@ -334,7 +334,7 @@ void open_next_file()
 // --- DSD feeder ---------------------------------------------------------------------------------
 
 constexpr uint32_t dsd_call_frames = 3528; // limit of one call
-constexpr uint32_t dsd_least_frames = 352; // with less room, a call does nothing
+constexpr uint32_t dsd_least_frames = 352; // with less room in the ring, the feeder does nothing
 constexpr size_t dsd_frame_bytes = 8;      // of the largest frame
 constexpr uint8_t native_cut = 0xAA;
 constexpr uint8_t dop_cut = 0x55;
@@ -526,7 +526,7 @@ std::span<const float> filtered;
 
 struct pcm_format_row {
     int32_t alsa_format;  // SND_PCM_FORMAT_*
-    int32_t stream_bytes; // bytes of one sample; below 1: the last row
+    int32_t stream_bytes; // bytes of one sample; below 1 in the last row of the table
     uint32_t bias;        // subtracted from an unsigned sample to make it signed
     int32_t big_endian;   // 1: most significant byte first
 };
@@ -651,8 +651,8 @@ void decode_samples(const uint8_t *samples, std::span<uint32_t> words)
     for (uint32_t &word : words) word = std::bit_cast<uint32_t>(float_of_word(word));
 }
 
-// Sets the samples of the channels that are to be silent to 0. The words of every format have
-// silence at 0, and the filter turns zeros into zeros.
+// Sets the PCM samples of the channels that are to be silent to 0. Decoded samples of all PCM
+// formats are signed words or floats, so that 0 is silence. The filter turns zeros into zeros.
 void silence_cut_channels(std::span<uint32_t> words)
 {
     for (size_t i = 0; i < words.size(); i += 2) {

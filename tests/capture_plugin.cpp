@@ -460,8 +460,9 @@ static void wait_until_dry(int times)
     while (dry_times < times) poll(nullptr, 0, 1);
 }
 
-// CAPTURE_SWAP "A N B": the Nth open of the file A opens B. If B begins with "interrupt", a SIGINT
-// comes then; if B is "stall", the open never returns; if "dry", when the device has run dry.
+// CAPTURE_SWAP "A N B": the Nth open of the file A opens the file B, if B has a dot, else A. If B
+// begins with "interrupt", a SIGINT comes first. If B is "stall", the open never returns. If B is
+// "dry", it waits until the device has run dry.
 FILE *fopen(const char *path, const char *mode)
 {
     // With 64-bit file sizes the GNU C library gives fopen this name, here too.

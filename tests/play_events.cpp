@@ -160,7 +160,8 @@ TEST(play_events, all_reach_the_reader_before_the_sound)
                         .event_wire = kind,
                         .launcher = {"sh", "-c", "sleep 0.5; exec \"$@\"", "sh"}});
         std::istringstream lines(pick(result, "file"));
-        int whole = 0; // the socket takes a part of some lines, which are then repeated
+        int whole =
+            0; // lines; of some, the socket takes a part first, and all of it at a second try
         for (std::string line; std::getline(lines, line);)
             whole += line.back() == '}' && line.find('{', 1) == std::string::npos;
         EXPECT_EQ(whole, files);

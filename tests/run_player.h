@@ -26,12 +26,12 @@ enum class line_mode { any, raw, canonical };
 // Something that happens to the running player, as soon as all conditions are met. These events are
 // the test's and happen in order, each once. The player's own events are text in event_lines.
 struct play_event {
-    std::string out_has = {}; // condition: standard output got this text since the event before
-    std::string err_has = {}; // condition: the same of standard error
-    std::string log_has = {}; // condition: the device's log has this text
-    size_t captured = 0;      // condition: bytes that the device got, at least
-    line_mode mode_is = line_mode::any; // condition: mode of the terminal
-    int after_ms = 0;                   // condition: milliseconds since the event before
+    std::string out_has = {}; // waits for: this text on standard output since the event before
+    std::string err_has = {}; // waits for: this text on standard error since the event before
+    std::string log_has = {}; // waits for: this text in the device's log
+    size_t captured = 0;      // waits until the device has got so many bytes
+    line_mode mode_is = line_mode::any; // waits for: this mode of the terminal
+    int after_ms = 0;                   // waits for so many milliseconds after the event before
     std::string type = {};              // bytes to write to standard input
     int signal = 0;     // sent to the foreground jobs of the terminal, or to the player without one
     int64_t allow = -1; // frames that the device may play in all

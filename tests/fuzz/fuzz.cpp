@@ -44,7 +44,7 @@ std::array<int64_t, 6> open_once(const char *path, size_t size, int64_t from = 0
         found = {record.container,  record.sample_format, record.channels,
                  record.bytes_left, record.data_bytes,    std::ftell(record.fp)};
         record.wave.nSamplesPerSec =
-            record.container == container_wav ? 1 : 8; // so `from` is also a time in seconds
+            record.container == container_wav ? 1 : 8; // one frame, or one byte, in a second
         if (from == 0 || begin_at(&record, {from, 0})) read_to_the_end(record, size);
     }
     std::fclose(record.fp);
