@@ -416,7 +416,7 @@ constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
 // A state or a code that shows that the device no longer plays.
 struct device_stop {
     snd_pcm_state_t state;
-    int code; // result of a call; 0: none
+    int code; // result of a call that means the same; 0: none does
     stop_cause cause;
 };
 constexpr std::array<device_stop, 4> device_stops = {{
@@ -474,7 +474,7 @@ enum class pump_step {
     broke_off, // the device stopped, and the sound is to go on
 };
 
-const stop_cause *break_cause; // of the last break
+const stop_cause *break_cause; // why the sound was interrupted last
 int64_t held_frames;           // frames in the queue of the device, as last known
 uint64_t start_byte;           // bytes_sent at the last start of the sound
 
@@ -574,7 +574,7 @@ uint64_t start_of(int32_t index)
     return index == stream_file->index ? 0 : load_acquire(ring->track_marks[index]);
 }
 
-int32_t next_to_emit; // index of a file
+int32_t next_to_emit; // index of the next file that gets a "playing" event
 
 // Sends the event for each file whose first frame was sent since the last call. A file without a
 // frame gets none.
@@ -680,7 +680,7 @@ void start_device()
 {
     const snd_pcm_state_t state = snd_pcm_state(pcm);
     if (state == SND_PCM_STATE_PREPARED) {
-        if (load_acquire(stopped_by) == &stopped_by_key) return; // so nothing is to be played
+        if (load_acquire(stopped_by) == &stopped_by_key) return; // nothing is to be played then
         require(start_code(), 399, "snd_pcm_start() error. %s\n");
     } else if (state != SND_PCM_STATE_RUNNING && !ends_in_break(cause_of_state(state))) {
         fatal_report(unit, 404, "snd_pcm_state() returned %d. %s\n", state, snd_strerror(state));
@@ -784,7 +784,7 @@ bool device_plays()
 // it took it.
 void let_play_out(uint32_t pause)
 {
-    constexpr int64_t after_the_queue = 100000; // microseconds
+    constexpr int64_t after_the_queue = 100000; // microseconds of the fixed wait
     const bool runs_on = run_on_over_silence();
     const microseconds queue = duration_of(queued_frames());
     const auto expected_end = sound_clock::now() + queue + queue / 20;

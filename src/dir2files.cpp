@@ -262,7 +262,7 @@ void pool_free()
 
 void pool_add(int32_t length, const char *name)
 {
-    const int64_t used = int64_t{pool_chars_used} + length; // one more for the terminator
+    const int64_t used = int64_t{pool_chars_used} + length; // without the terminator
     if (!grow(&pool_offsets, &pool_capacity, first_capacity, pool_count)) return;
     if (!grow(&pool_chars, &pool_chars_size, first_chars_size, used)) return;
     pool_offsets[pool_count] = pool_chars_used;

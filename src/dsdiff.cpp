@@ -226,7 +226,7 @@ bool dsdiff_skip(soundfile *file, int64_t count)
 int32_t dsdiff_read(soundfile *file, uint8_t *bytes, int32_t count)
 {
     constexpr size_t batch = 512;     // frames of one read
-    constexpr size_t frame_limit = 8; // bytes; WSD files, which are also read here, have 8 channels
+    constexpr size_t frame_limit = 8; // bytes; WSD files, also read here, have up to 8
     // Unlocked calls: only one thread reads files, and the lock of the stream would cost as much as
     // all the rest of a small call.
     if (file == nullptr || file->fp == nullptr || feof_unlocked(file->fp) != 0) return -1;

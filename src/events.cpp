@@ -116,7 +116,7 @@ outcome write_line(std::string_view line)
 
 constexpr size_t short_line = 512; // bytes of a line with numbers only
 constexpr size_t escaped_byte = 6; // bytes that a byte of a text can become: \u0000
-constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a text
+constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a report
 static_assert(longest_sentence >= PATH_MAX);
 constexpr std::string_view longest_end = R"(,"dropped":4294967295})"
                                          "\n";
@@ -297,7 +297,7 @@ int64_t milliseconds_now()
 outcome wait_to_finish(const event_line &line)
 {
     constexpr int64_t patience = 5000; // milliseconds
-    constexpr int64_t slice = 10000;   // microseconds, where poll cannot detect room for a line
+    constexpr int64_t slice = 10000;   // microseconds between tries where poll does not help
     const int64_t latest = milliseconds_now() + patience;
     const bool seen_by_poll =
         line.used + longest_end.size() < PIPE_BUF && mode != write_mode::polled;
@@ -381,7 +381,7 @@ bool events_open(const char *number)
     if ((fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0) return false;
     mode = find_write_mode(&descriptor);
     store_release(events_fd, descriptor);
-    wake_lookout(); // the reader may leave before the first line
+    wake_lookout(); // it must see a reader that leaves before the first line
     return true;
 }
 

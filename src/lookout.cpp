@@ -108,7 +108,7 @@ void give_terminal_back()
 // --- Standard input -----------------------------------------------------------------------------
 
 constexpr char stop_key = 3;
-constexpr int input_rest_ms = 10;        // between two reads of an input that never ends
+constexpr int input_rest_ms = 10;        // pause after a read, for an input such as /dev/zero
 constexpr int background_look_ms = 1000; // a job that comes to the foreground gets no signal
 
 std::atomic<int32_t> input_wanted; // flag
@@ -159,7 +159,7 @@ constexpr int look_ms = 20; // between two checks of threads that should end
 
 std::atomic<int32_t> sound_over;    // flag: the output thread has closed the device
 std::atomic<int32_t> all_over;      // flag: the device is closed, and no other stream follows
-std::atomic<int32_t> sound_started; // flag: from here on one SIGINT lets the ring play out
+std::atomic<int32_t> sound_started; // flag: if set, one SIGINT lets the ring play out
 std::atomic<int32_t> leaving;       // flag: a thread ends the process
 // Flag: the thread that ends the process will make no more calls that could block.
 std::atomic<int32_t> ends_by_itself;
@@ -191,7 +191,7 @@ int64_t work_done()
 // Watches threads that should end soon. While they use processor time, even slowly on a busy
 // machine, they get more time than when they use none.
 struct end_watch {
-    int64_t since;    // milliseconds; 0: not watching
+    int64_t since;    // milliseconds: the time at which the watch began; 0: not watching
     int64_t moved_at; // milliseconds: the time at which work was last seen to grow
     int64_t work;
 };

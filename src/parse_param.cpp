@@ -253,7 +253,7 @@ void print_usage(const char *program)
 void parse_options(int32_t argc, char **argv, int32_t with_frequency)
 {
     if (argc == 1) {
-        args_used = 2; // more than argc, so that main finds nothing to play
+        args_used = 2; // more than argc, so that main prints the usage text
         return;
     }
     program_name = argv[0];

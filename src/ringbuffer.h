@@ -30,7 +30,7 @@ struct ringbuffer {
     uint32_t ring_size;               // bytes requested
     uint32_t usable_size;             // bytes: ring_size rounded down to whole frames
     uint32_t gap;                     // bytes of a frame; as many bytes always stay free
-    std::atomic<uint64_t> bytes_put;  // since the start; written by main, read by both
+    std::atomic<uint64_t> bytes_put;  // since the start; written by main, read by main and output
     std::atomic<uint64_t> bytes_sent; // since the start; written by the output thread, read by both
     std::atomic<int32_t> more_coming; // -1, then 0 when all files are fed; written by main
     track_mark *track_marks;          // one for each file and one that is never set

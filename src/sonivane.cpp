@@ -312,7 +312,7 @@ bool open_at_its_turn(soundfile *file)
     if (open_stream(file)) return find_container(file) == 0;
     store_release(exit_status, report_not_opened);
     note_read_error(file);
-    report(unit, report_not_opened, not_opened, printable(file->path)); // the call may block
+    report(unit, report_not_opened, not_opened, printable(file->path)); // may block
     return false;
 }
 
@@ -1087,7 +1087,7 @@ int64_t microseconds_now()
 // The inputs from which latest_end is computed.
 struct end_basis {
     sound_phase phase;
-    int32_t breaks; // sound_breaks
+    int32_t breaks; // value of sound_breaks
     bool unwanted;  // a SIGINT came
     bool operator==(const end_basis &) const = default;
 };

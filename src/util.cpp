@@ -64,7 +64,7 @@ struct formatted_report {
     event_end(status);
     print_in_time(text);
     std::fflush(stdout);
-    std::exit(status); // in some C libraries it waits for a read that main is blocked in
+    std::exit(status); // in some C libraries this call waits while main is blocked in a read
 }
 
 // --- Names --------------------------------------------------------------------------------------

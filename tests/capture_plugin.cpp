@@ -47,7 +47,7 @@ struct fault_row {
     snd_pcm_state_t state;
     int transfer_code = 0;
     int pointer_code = 0;
-    int avail_code = 0; // of snd_pcm_avail(), which is replaced
+    int avail_code = 0; // result of snd_pcm_avail(), which this module replaces
     int prepare_code = 0;
 };
 constexpr std::array<fault_row, 12> faults = {{
@@ -209,7 +209,7 @@ int on_start(snd_pcm_ioplug_t *io)
 {
     log_line("start %lu policy %d\n", device.written, sched_getscheduler(0));
     device.clock = device.last_transfer = now();
-    const double period = static_cast<double>(io->period_size) / io->rate; // less than a second
+    const double period = static_cast<double>(io->period_size) / io->rate; // seconds; below 1
     const timespec tick = {0, device.speed == 0 ? 0 : std::lround(period / device.speed * 1e9)};
     const itimerspec ticks = {tick, tick};
     timerfd_settime(io->poll_fd, 0, &ticks, nullptr);

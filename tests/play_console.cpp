@@ -62,7 +62,7 @@ TEST(play_console, shows_a_banner_and_a_line_a_second)
     const struct {
         const char *option;
         const char *shape;
-        const char *text; // one of the lines has it
+        const char *text; // a part of the output
         char kind;        // in shape, the letter of the lines with the seconds
     } rows[] = {{"--left-cut", "F+BS[SwW]*WN", "%]   \r", 'S'},
                 {"--mode=1", "F+BS[SwW]*WN", "%]   DoP   \r", 'S'},
@@ -220,7 +220,7 @@ TEST(play_console, a_job_shares_the_terminal_with_its_shell)
                                         .output = wire::terminal,
                                         .launcher = interactive_shell});
         EXPECT_EQ(result.end, "played,0") << result.err;
-        EXPECT_EQ(result.capture.size() / device_second, 5U); // one second of silence
+        EXPECT_EQ(result.capture.size() / device_second, 5U); // seconds, one of them silence
     }
 }
 

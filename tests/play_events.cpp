@@ -65,7 +65,7 @@ TEST(play_events, have_the_position_that_is_heard)
     const struct {
         const char *start, *format, *shown;
         bytes content;
-        int64_t stands_at;      // frames, with the silence
+        int64_t stands_at;      // frames at which the device stops; the silence counts
         double rate, starts_at; // frames per second, and seconds
     } rows[] = {
         {"--start=0", "S32_LE", "position 00:00 ", pcm, 491000, 400000, 0},

@@ -333,7 +333,7 @@ TEST(play_faults, a_break_does_not_block_the_end)
 struct stage_row {
     const char *name;
     play_event begin;
-    unsigned latest_ms; // longest time from begin to the SIGINT
+    unsigned latest_ms; // milliseconds; longest time from the event begin to the SIGINT
     bool before_play;   // the SIGINT may end the run before the output thread exists
     size_t frames;      // of the file
     const char *ring;

@@ -189,7 +189,7 @@ play_settings settings_for(const stream_form &form, std::vector<std::string> arg
     play_settings settings = {.arguments = std::move(arguments),
                               .capture = {{"FORMATS", form.name}}};
     if (form.kind != packing::i2s) return settings;
-    shared_block()->state = -1; // already in that state: no signal is sent
+    shared_block()->state = -1; // the state I2S: no signal is sent
     return beside_controller(settings);
 }
 
@@ -199,7 +199,7 @@ namespace
 {
 
 constexpr uint64_t silence_frames = 8192; // size of the player's block of silence
-constexpr uint64_t nearly_full = 1025;    // frames of room at which the player does not write
+constexpr uint64_t nearly_full = 1025;    // with so many free frames the player does not write
 
 // Frames that the device got from one start of the sound to the next.
 struct stretch {
@@ -255,7 +255,7 @@ void expect_stream(const play_result &result, const stream_form &form, int64_t f
     const size_t frame = 2 * form.bytes;
     bytes expected;
     std::span<const uint8_t> rest = sound;
-    std::ptrdiff_t silence = 0; // of the first stretch
+    std::ptrdiff_t silence = 0; // bytes of silence in the first stretch
     const auto stretches = logged_stretches(result, rate);
     for (const auto &[silent, sounding] : stretches) {
         put_silence(expected, silent, form, rest);

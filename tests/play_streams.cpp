@@ -319,7 +319,7 @@ TEST(play_streams, a_controller_gets_a_signal_for_changes_only)
         const char *device;
         const char *card;
         int32_t pid;
-        int32_t state;       // of the shared block before the run
+        int32_t state;       // of the controller's memory before the run
         int32_t state_after; // of the shared block after the run
         const char *banner;
     } rows[] = {

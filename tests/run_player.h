@@ -57,8 +57,8 @@ struct play_settings {
 // At the time of an event.
 struct play_moment {
     size_t captured; // bytes that the device got
-    size_t shown;    // characters in out
-    size_t reported; // characters in err
+    size_t shown;    // length of out
+    size_t reported; // length of err
 };
 
 struct play_result {
@@ -83,7 +83,7 @@ const std::string key_3 = "\x03"; // stops the sound
 // end.
 struct controller_words {
     volatile int32_t pid;   // of the controller; 0: no process to signal
-    volatile int32_t state; // not 0: the last stream was announced as I2S
+    volatile int32_t state; // not 0: the player last announced an I2S stream
 };
 controller_words *shared_block();
 // Result: the settings with a card that takes I2S and with the memory block of a controller.

@@ -19,7 +19,7 @@ struct scalar_family {
 };
 
 struct scalar_filter {
-    scalar_family family44; // one table: sums of 8 taps, its blocks of 8 in reverse order
+    scalar_family family44; // one table: sums of 8 taps, in blocks of 8, the last block first
     scalar_family family48; // four tables: the taps rotated left by 0 to 3, then four zeros
     int64_t rate_sum = 0;
 };

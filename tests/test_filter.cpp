@@ -102,7 +102,7 @@ TEST(filter, scalar_reference_gives_the_impulse_response_computed_by_hand)
     std::array<float, 24> taps;
     std::iota(taps.begin(), taps.end(), 1.0F);
     const struct {
-        int32_t rate, at, first;      // at: input frame of the impulse; first: output frame
+        int32_t rate, at, first;      // input frame of the impulse, first output frame of response
         std::vector<double> response; // from output frame `first` on, divided by the gain, 0.9
     } cases[]{
         {44100, 71, 576, {147, 129, 110, 90,  69,  47, 24, 0,  108, 116, 124,
@@ -147,7 +147,7 @@ TEST(filter, set_up_failure_ends_the_process_with_a_report)
         EXPECT_EXIT(set_up(allocations, 48000, target_rate, channels),
                     testing::ExitedWithCode(number),
                     "\nERROR common " + std::to_string(number) + " " + texts[text] + "$");
-    EXPECT_EQ(set_up(7, 48000, 352800, 2), -1); // there are seven allocations
+    EXPECT_EQ(set_up(7, 48000, 352800, 2), -1); // all seven succeed, and that is enough
     // A source rate of 1 Hz needs more room for the output, so the buffer is allocated again.
     EXPECT_EXIT(set_up(0, 1, 352800, 2), testing::ExitedWithCode(241), "common 241 ");
     coeff_filter_free();

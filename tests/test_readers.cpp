@@ -80,7 +80,7 @@ void check_starts(const file_row &row)
         const bool within = at < file.data_bytes / (pcm ? frame : 1);
         const int64_t passed = pcm ? at : at / 4 * 4;
         file.wave.nSamplesPerSec = static_cast<int32_t>(pcm ? rate : 8 * rate);
-        EXPECT_FALSE(begin_at(&file, {huge << 19, 0})); // 0 frames if the product wraps
+        EXPECT_FALSE(begin_at(&file, {huge << 19, 0})); // a product that wraps would give frame 0
         const bool started =
             begin_at(&file, {at / rate, at % rate * (attoseconds_per_second / rate)});
         EXPECT_TRUE(within || !started);
@@ -500,7 +500,7 @@ TEST(feeders, dsd_feeder_limits_the_frames_of_a_call)
     const bytes long_file = make_wsd({.frames = bytes(40000)});
     for (const auto &row : rows) {
         EXPECT_EQ(fed(long_file, row.device, row.free).size(), row.frames * 8);
-        EXPECT_EQ(feeder_result, row.frames == 0 ? 0 : -1); // 0: main pauses
+        EXPECT_EQ(feeder_result, row.frames == 0 ? 0 : -1); // after a 0 main waits for room
     }
     EXPECT_EQ(fed(make_wsd({.frames = be(0x1122334455667788, 8)}), dsd_le, 2816),
               be(0x7755331188664422, 8));

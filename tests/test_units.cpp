@@ -84,7 +84,7 @@ TEST(ring, reports_free_room_and_stores_what_fits)
             EXPECT_EQ(ring_data(r)[(row.read + row.used + i) % r->usable_size], given[i]) << i;
         EXPECT_EQ(r->track_marks[1], mark_unset);
         ringbuffer_free(&r);
-        ringbuffer_free(&r); // r is null now
+        ringbuffer_free(&r); // r is null already: does nothing
     }
     EXPECT_EQ(ringbuffer_new(1572864, 0, 1), nullptr);
     EXPECT_EQ(ringbuffer_new(0x80000000U, 8, 1), nullptr);
