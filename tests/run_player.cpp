@@ -34,7 +34,7 @@ struct run_state {
     std::string directory; // of this run; has the log, the capture, the gate and the configuration
     pid_t process;
     std::array<int, 4> near; // the test's ends of the standard streams and of the events; -1: none
-    std::array<int, 4> far;  // the player's ends of them
+    std::array<int, 4> far;  // the player's ends of the same
     int terminal;            // the test's end of the terminal; -1: none
     int terminal_far;
     termios mode_before;
