@@ -91,8 +91,8 @@ int32_t filter_target_rate;
 // in units of 1/(source rate * target rate) seconds.
 int32_t rate_accumulator;
 
-// Output frames for one input frame, left and right alternating. At the source rate there can be as
-// many as the buffer holds.
+// Output frames for one input frame, left and right alternating. The source rate decides how many
+// there can be.
 float *filter_output;
 int64_t filter_output_floats;
 

@@ -28,7 +28,7 @@ namespace
 enum class write_mode {
     reopened, // pipes and terminals: opened again with O_NONBLOCK, so that the flag is ours alone
     sent,     // sockets, which cannot be opened again: send() with MSG_DONTWAIT
-    polled,   // other users' pipes, which cannot be opened again: poll() before write()
+    polled,   // where that open fails, as for a pipe of another user: poll() before write()
     direct,   // regular files, which never block; the file offset is shared with the parent
 };
 
@@ -116,7 +116,7 @@ outcome write_line(std::string_view line)
 
 constexpr size_t short_line = 512; // bytes of a line with numbers only
 constexpr size_t escaped_byte = 6; // bytes that a byte of a text can become: \u0000
-constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a report
+constexpr size_t long_line = escaped_byte * longest_sentence + short_line; // of one with a text
 static_assert(longest_sentence >= PATH_MAX);
 constexpr std::string_view longest_end = R"(,"dropped":4294967295})"
                                          "\n";

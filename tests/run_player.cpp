@@ -244,7 +244,8 @@ void let_happen(const play_event &event, run_state &state, play_result &result)
     if (!keys.empty()) {
         EXPECT_EQ(write(state.near[0], keys.data(), keys.size()), std::ssize(keys));
     }
-    const pid_t foreground = state.terminal >= 0 ? tcgetpgrp(state.terminal) : 0; // 0: none
+    const pid_t foreground =
+        state.terminal >= 0 ? tcgetpgrp(state.terminal) : 0; // 0: no job is left
     if (event.signal != 0) kill(foreground > 0 ? -foreground : state.process, event.signal);
     if (event.call) event.call();
     state.clogged = event.clogs;
