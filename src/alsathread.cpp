@@ -411,8 +411,6 @@ bool sound_open(stream_settings *stream)
 
 // --- The writer pump ----------------------------------------------------------------------------
 
-constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
-
 // A state or a code that shows that the device no longer plays.
 struct device_stop {
     snd_pcm_state_t state;
@@ -423,7 +421,7 @@ constexpr std::array<device_stop, 4> device_stops = {{
     {SND_PCM_STATE_XRUN, -EPIPE, {stop_reason::underrun, nullptr, 0}},
     {SND_PCM_STATE_SUSPENDED, -ESTRPIPE, {stop_reason::suspended, nullptr, 0}},
     {SND_PCM_STATE_DISCONNECTED, -ENODEV, {stop_reason::disconnected, nullptr, 0}},
-    {SND_PCM_STATE_DRAINING, 0, refused},
+    {SND_PCM_STATE_DRAINING, 0, refused_by_device},
 }};
 
 // Null if the device can go on in this state.
@@ -514,7 +512,7 @@ void look_for_standstill(int32_t avail)
     if (avail != last_avail || snd_pcm_state(pcm) != SND_PCM_STATE_RUNNING) moved_at = now;
     last_avail = avail;
     if (now - moved_at < std::max(patience, 4 * duration_of(alsa_buffer_frames))) return;
-    stop_playing(&refused);
+    stop_playing(&refused_by_device);
     report(unit, 583, "the device stands still.\n");
 }
 
@@ -538,7 +536,7 @@ pump_step write_silence(snd_pcm_sframes_t avail)
         held_frames += written;
     } else if (written != -EAGAIN && written != -EPIPE) { // the next step of the pump handles these
         const int code = static_cast<int>(written);
-        const stop_cause *cause = cause_of_code(code, &refused);
+        const stop_cause *cause = cause_of_code(code, &refused_by_device);
         if (ends_in_break(cause)) return device_stopped(cause);
         stop_playing(cause);
         report(unit, 337, "snd_pcm_writei() returned code %d\n", code);
@@ -925,7 +923,7 @@ void play()
     }
     emit_progress();
     if (!is_stopped()) let_play_out(pause);
-    if (step == pump_step::drains) stop_playing(&refused);
+    if (step == pump_step::drains) stop_playing(&refused_by_device);
 }
 
 void close_device()

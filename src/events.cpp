@@ -14,9 +14,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <numeric>
 #include <string_view>
+
+#include "util.h"
 
 namespace
 {
@@ -284,31 +285,24 @@ void build_line(const char *event, Put put_it, const Fields &...fields)
     put_it(line);
 }
 
-int64_t milliseconds_now()
-{
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
-}
-
 // Writes the line. While the output thread does not run, it waits up to five seconds for a slow
 // reader: only the main thread sends events then, so that the wait interrupts no sound. A stop or a
 // SIGINT ends the wait. There is no wait for a full disk.
 outcome wait_to_finish(const event_line &line)
 {
-    constexpr int64_t patience = 5000; // milliseconds
-    constexpr int64_t slice = 10000;   // microseconds between tries where poll does not help
-    const int64_t latest = milliseconds_now() + patience;
+    constexpr int64_t patience = 5000000; // microseconds
+    constexpr int64_t slice = 10000;      // microseconds between tries where poll does not help
+    const int64_t latest = microseconds_now() + patience;
     const bool seen_by_poll =
         line.used + longest_end.size() < PIPE_BUF && mode != write_mode::polled;
     const auto gives_up = [latest] {
-        return is_stopped() || load_acquire(interrupted) != 0 || milliseconds_now() >= latest;
+        return is_stopped() || load_acquire(interrupted) != 0 || microseconds_now() >= latest;
     };
     outcome result = finish(line);
     while (result == outcome::no_room && mode != write_mode::direct && !sound_is_on()) {
         announce_wait();
         if (gives_up()) break;
-        finish_wait(seen_by_poll ? patience * 1000 : slice,
+        finish_wait(seen_by_poll ? patience : slice,
                     seen_by_poll ? load_acquire(events_fd) : reader_has_left);
         result = finish(line);
     }
@@ -331,9 +325,9 @@ void send_event(const char *event, const Fields &...fields)
 // true one. *next belongs to one kind of event.
 bool is_time(int64_t *next)
 {
-    constexpr int64_t apart = 100; // milliseconds
+    constexpr int64_t apart = 100000; // microseconds
     if (!events_wanted()) return false;
-    const int64_t now = milliseconds_now();
+    const int64_t now = microseconds_now();
     if (now < *next) return false;
     *next = now + apart;
     return true;
@@ -512,14 +506,14 @@ void event_read_error(const soundfile *file)
 
 void event_end(int32_t status)
 {
-    constexpr int64_t patience = 100; // milliseconds
+    constexpr int64_t patience = 100000; // microseconds
     if (!events_wanted() || ended.exchange(true)) return;
-    const int64_t latest = milliseconds_now() + patience;
-    while (lines_under_way != 0 && milliseconds_now() < latest) poll(nullptr, 0, 1);
+    const int64_t latest = microseconds_now() + patience;
+    while (lines_under_way != 0 && microseconds_now() < latest) poll(nullptr, 0, 1);
 
     lines_under_way = 1;
     const auto put_it = [latest](const event_line &line) {
-        while (finish(line) == outcome::no_room && milliseconds_now() < latest) poll(nullptr, 0, 1);
+        while (finish(line) == outcome::no_room && microseconds_now() < latest) poll(nullptr, 0, 1);
     };
     const stop_cause &cause = *load_acquire(stopped_by);
     const char *reason = name_of(cause.reason);

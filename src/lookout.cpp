@@ -174,11 +174,6 @@ int64_t clock_ns(clockid_t clock)
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
-int64_t milliseconds_now()
-{
-    return clock_ns(CLOCK_MONOTONIC) / 1000000;
-}
-
 // Processor time in nanoseconds that main and the output thread have used.
 int64_t work_done()
 {
@@ -198,7 +193,7 @@ struct end_watch {
 
 bool stands_still(end_watch &watch, int64_t patience_ms)
 {
-    const int64_t now = milliseconds_now();
+    const int64_t now = microseconds_now() / 1000;
     const int64_t work = work_done();
     if (watch.since == 0) watch = {now, now, work};
     if (work != watch.work) watch = {watch.since, now, work};

@@ -37,6 +37,7 @@ struct stop_cause {
 };
 inline constexpr size_t longest_sentence = PATH_MAX + 32; // a path and the text about it
 inline constexpr stop_cause stopped_by_key = {stop_reason::key, nullptr, 0};
+inline constexpr stop_cause refused_by_device = {stop_reason::refused, nullptr, 0};
 
 extern std::atomic<int32_t> interrupted;           // flag; set by the look-out and by fatal reports
 extern std::atomic<int32_t> stop_output;           // flag; set by stop_playing alone

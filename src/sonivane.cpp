@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <bit>
-#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -1078,12 +1077,6 @@ void feed_list()
     }
 }
 
-int64_t microseconds_now()
-{
-    const auto time = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
-
 // The inputs from which latest_end is computed.
 struct end_basis {
     sound_phase phase;
@@ -1124,11 +1117,10 @@ int64_t time_left(const end_basis &basis)
 // Waits unless something is due. If no time is left, it stops the sound.
 template <typename Due> void wait_in_time(Due due)
 {
-    static constexpr stop_cause refused = {stop_reason::refused, nullptr, 0};
     const end_basis basis = basis_now();
     const int64_t left = time_left(basis);
     if (left != 0) return wait_for(left, [&] { return due() || basis_now() != basis; });
-    if (!basis.unwanted && ring_frames(ring) > 0) stop_playing(&refused);
+    if (!basis.unwanted && ring_frames(ring) > 0) stop_playing(&refused_by_device);
     settle_end();
 }
 

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 #include "events.h"
@@ -220,6 +221,13 @@ void raise_output_priority()
     sched_param least{};
     least.sched_priority = sched_get_priority_min(SCHED_FIFO);
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &least);
+}
+
+int64_t microseconds_now()
+{
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
 }
 
 uint32_t pause_of(uint32_t buffer_frames, int32_t rate)

@@ -60,6 +60,9 @@ void raise_priority();
 // thread.
 void raise_output_priority();
 
+// The time of the monotonic clock in microseconds. Safe in a signal handler. Any thread.
+int64_t microseconds_now();
+
 // Nothing is written to a device that has room for at most nearly_full_frames, so that writes stay
 // large while it is nearly full.
 inline constexpr uint32_t nearly_full_frames = 1025;
